@@ -1,0 +1,5 @@
+// The mark of a definition that belongs to the public interface. src/qzlib.map lists the
+// same names for the linker; the interface test keeps both and the header in step.
+#pragma once
+
+#define QZ_EXPORT __attribute__((visibility("default")))

@@ -1,0 +1,129 @@
+// Owners of descriptors, streams and directories. Move-only; an owner may be empty, its
+// destructor keeps errno and never logs, and release() hands the resource to the caller.
+#pragma once
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+namespace qz::base
+{
+
+// Keeps errno over clean-up work.
+class ErrnoKeeper
+{
+public:
+    ErrnoKeeper() : saved_(errno) {}
+    ~ErrnoKeeper() { errno = saved_; }
+    ErrnoKeeper(const ErrnoKeeper &) = delete;
+    ErrnoKeeper &operator=(const ErrnoKeeper &) = delete;
+
+private:
+    int saved_;
+};
+
+class UniqueFd
+{
+public:
+    UniqueFd() = default;
+    explicit UniqueFd(int fd) : fd_(fd) {}
+    UniqueFd(UniqueFd &&other) noexcept : fd_(other.release()) {}
+    UniqueFd &operator=(UniqueFd &&other) noexcept
+    {
+        reset(other.release());
+        return *this;
+    }
+    UniqueFd(const UniqueFd &) = delete;
+    UniqueFd &operator=(const UniqueFd &) = delete;
+    ~UniqueFd() { reset(); }
+
+    [[nodiscard]] int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    [[nodiscard]] int release()
+    {
+        const int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    void reset(int fd = -1)
+    {
+        if (fd_ >= 0) {
+            const ErrnoKeeper keeper;
+            (void)close(fd_); // nothing to be done about a failing close
+        }
+        fd_ = fd;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+// What UniqueStream and UniqueDir share: a pointer and the call that ends it.
+template <typename Resource, int (*CLOSE)(Resource *)>
+class UniqueHandle
+{
+public:
+    UniqueHandle() = default;
+    explicit UniqueHandle(Resource *resource) : resource_(resource) {}
+    UniqueHandle(UniqueHandle &&other) noexcept : resource_(other.release()) {}
+    UniqueHandle &operator=(UniqueHandle &&other) noexcept
+    {
+        reset(other.release());
+        return *this;
+    }
+    UniqueHandle(const UniqueHandle &) = delete;
+    UniqueHandle &operator=(const UniqueHandle &) = delete;
+    ~UniqueHandle() { reset(); }
+
+    [[nodiscard]] Resource *get() const { return resource_; }
+    explicit operator bool() const { return resource_ != nullptr; }
+    [[nodiscard]] Resource *release()
+    {
+        Resource *resource = resource_;
+        resource_ = nullptr;
+        return resource;
+    }
+    void reset(Resource *resource = nullptr)
+    {
+        if (resource_ != nullptr) {
+            const ErrnoKeeper keeper;
+            (void)CLOSE(resource_); // as above
+        }
+        resource_ = resource;
+    }
+
+private:
+    Resource *resource_ = nullptr;
+};
+
+using UniqueStream = UniqueHandle<FILE, fclose>;
+using UniquePipe = UniqueHandle<FILE, pclose>; // reaps the command
+using UniqueDir = UniqueHandle<DIR, closedir>;
+
+// Close-on-exec from the start: a daemon's children must not inherit what a call holds open.
+inline UniqueStream open_for_reading(const char *path)
+{
+    return UniqueStream(fopen(path, "re"));
+}
+
+// A heap block obtained with malloc() or calloc().
+class UniqueMemory
+{
+public:
+    explicit UniqueMemory(void *block) : block_(block) {}
+    ~UniqueMemory() { free(block_); }
+    UniqueMemory(const UniqueMemory &) = delete;
+    UniqueMemory &operator=(const UniqueMemory &) = delete;
+
+    [[nodiscard]] char *get() const { return static_cast<char *>(block_); }
+    explicit operator bool() const { return block_ != nullptr; }
+
+private:
+    void *block_;
+};
+
+} // namespace qz::base

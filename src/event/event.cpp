@@ -1,0 +1,144 @@
+#include "base/export.h"
+
+#include <cstdlib>
+#include <ctime>
+#include <limits>
+#include <qzlib.h>
+
+namespace
+{
+
+class Lock
+{
+public:
+    explicit Lock(qzlib_event &ev) : mutex_(ev.mutex) { pthread_mutex_lock(&mutex_); }
+    ~Lock() { pthread_mutex_unlock(&mutex_); }
+    Lock(const Lock &) = delete;
+    Lock &operator=(const Lock &) = delete;
+
+private:
+    pthread_mutex_t &mutex_;
+};
+
+// Atomic because qzlib_event_check_flag() reads without the mutex; every change is made under it.
+uint32_t load_flags(const qzlib_event &ev)
+{
+    return __atomic_load_n(&ev.flags, __ATOMIC_ACQUIRE);
+}
+
+void store_flags(qzlib_event &ev, uint32_t flags)
+{
+    __atomic_store_n(&ev.flags, flags, __ATOMIC_RELEASE);
+}
+
+timespec deadline_after(int seconds)
+{
+    timespec deadline{};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    if (__builtin_add_overflow(deadline.tv_sec, seconds, &deadline.tv_sec))
+        deadline.tv_sec = std::numeric_limits<time_t>::max(); // 32-bit time_t and a huge limit
+    return deadline;
+}
+
+// One wait for a change; the mutex is held. A limit below 1 means none.
+int wait_change(qzlib_event &ev, int timeout_s)
+{
+    if (timeout_s < 1)
+        return pthread_cond_wait(&ev.changed, &ev.mutex);
+    const timespec deadline = deadline_after(timeout_s);
+    return pthread_cond_timedwait(&ev.changed, &ev.mutex, &deadline);
+}
+
+// The limit starts anew at every wake-up that does not satisfy the predicate: daemons count
+// on a group that keeps changing to keep its waiters waiting.
+template <typename Predicate>
+int wait_until(qzlib_event *ev, int timeout_s, Predicate holds)
+{
+    if (ev == nullptr)
+        return -1;
+    const Lock lock(*ev);
+    while (!holds(load_flags(*ev))) {
+        const int result = wait_change(*ev, timeout_s);
+        if (timeout_s >= 1 && result != 0)
+            return result;
+    }
+    return 0;
+}
+
+// Wakes one waiter only, deliberately.
+int change_flags(qzlib_event *ev, uint32_t clear, uint32_t set)
+{
+    if (ev == nullptr)
+        return -1;
+    const Lock lock(*ev);
+    store_flags(*ev, (load_flags(*ev) & ~clear) | set);
+    pthread_cond_signal(&ev->changed);
+    return 0;
+}
+
+} // namespace
+
+QZ_EXPORT qzlib_event *qzlib_event_init(void)
+{
+    auto *ev = static_cast<qzlib_event *>(calloc(1, sizeof(qzlib_event)));
+    if (ev == nullptr)
+        return nullptr;
+    pthread_condattr_t monotonic;
+    pthread_condattr_init(&monotonic);
+    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
+    pthread_mutex_init(&ev->mutex, nullptr);
+    pthread_cond_init(&ev->changed, &monotonic);
+    return ev;
+}
+
+QZ_EXPORT int qzlib_event_unint(qzlib_event *ev)
+{
+    if (ev == nullptr)
+        return -1;
+    free(ev);
+    return 0;
+}
+
+QZ_EXPORT int qzlib_event_set_flag(qzlib_event *ev, uint32_t mask)
+{
+    return change_flags(ev, 0, mask);
+}
+
+QZ_EXPORT int qzlib_event_clear_flag(qzlib_event *ev, uint32_t mask)
+{
+    return change_flags(ev, mask, 0);
+}
+
+QZ_EXPORT int qzlib_event_check_flag(qzlib_event *ev, uint32_t mask)
+{
+    return ev != nullptr && (load_flags(*ev) & mask) == mask;
+}
+
+QZ_EXPORT int qzlib_event_wait_flag(qzlib_event *ev, uint32_t mask, int timeout)
+{
+    return wait_until(ev, timeout, [mask](uint32_t flags) { return (flags & mask) != 0; });
+}
+
+QZ_EXPORT int qzlib_event_wait_all_flag(qzlib_event *ev, uint32_t mask, int timeout)
+{
+    return wait_until(ev, timeout, [mask](uint32_t flags) { return (flags & mask) == mask; });
+}
+
+QZ_EXPORT int qzlib_event_wait_flag_with_status(qzlib_event *ev, uint32_t mask, uint32_t /*status*/,
+                                                int timeout)
+{
+    return qzlib_event_wait_flag(ev, mask, timeout);
+}
+
+QZ_EXPORT int qzlib_event_wait_noflag(qzlib_event *ev, uint32_t mask, uint32_t /*ignored*/, int timeout)
+{
+    return wait_until(ev, timeout, [mask](uint32_t flags) { return (flags & mask) == 0; });
+}
+
+QZ_EXPORT int qzlib_event_wait_event(qzlib_event *ev, int timeout)
+{
+    if (ev == nullptr)
+        return -1;
+    const Lock lock(*ev);
+    return wait_change(*ev, timeout);
+}

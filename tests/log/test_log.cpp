@@ -1,0 +1,277 @@
+#include "support/files.h"
+#include "support/syslog_sink.h"
+
+#include <gtest/gtest.h>
+#include <qzlib.h>
+
+#include <cerrno>
+#include <regex>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+using support::read_file;
+using support::set_mtime;
+using support::SyslogSink;
+using support::write_file;
+
+constexpr const char *CLI_CONF = "/tmp/config/cli.conf";
+constexpr const char *LOG = "/tmp/daemon.log";
+
+// Writes the CLI configuration with a modification time that was not used before.
+void configure(const std::string &content)
+{
+    static time_t mtime = 1'000'000'000;
+    write_file(CLI_CONF, content);
+    set_mtime(CLI_CONF, ++mtime);
+}
+
+// Which of the five levels come through, as digits.
+std::string emitted_levels()
+{
+    remove(LOG);
+    for (int level = 0; level < 5; ++level)
+        debug_msg(level, "m", 1, "%d", level);
+    std::string levels;
+    const std::string log = read_file(LOG);
+    for (size_t colon = log.find(">id:"); colon != std::string::npos; colon = log.find(">id:", colon + 1))
+        levels += log[colon + 4];
+    return levels;
+}
+
+struct FileLog : testing::Test {
+    FileLog() { openmsg_com(LOG, 0, "id", 0); }
+};
+
+TEST_F(FileLog, threshold_follows_the_configuration_file)
+{
+    EXPECT_EQ(emitted_levels(), "1234") << "without a file the threshold is info";
+    const struct {
+        const char *content;
+        const char *expected;
+    } cases[] = {
+        {"log msg-level debug\n", "01234"},
+        {"log msg-level error\n", "34"},
+        {"log msg-level warning\n", "234"},        // by prefix
+        {"log msg-level emergency now\n", "4"},    // what follows the prefix is ignored
+        {"log msg-level verbose\n", "4"},          // unknown: as before
+        {"log  msg-level debug\n", "4"},           // two blanks
+        {" log msg-level debug\n", "4"},           // indented
+        {"interface eth0\n ip 1.2.3.4\n!\n", "4"}, // no level line: not back to info
+        {"log msg-level debug", "4"},              // last line without line feed
+        {"log msg-level info\r\nlog msg-level error\nlog msg-level debug", "34"}, // the last full line wins
+        {"", "34"},
+    };
+    for (const auto &c : cases) {
+        configure(c.content);
+        EXPECT_EQ(emitted_levels(), c.expected) << c.content;
+    }
+    remove(CLI_CONF);
+    EXPECT_EQ(emitted_levels(), "34") << "a missing file changes nothing";
+}
+
+TEST_F(FileLog, an_edit_that_keeps_the_modification_time_is_not_seen)
+{
+    configure("log msg-level error\n");
+    EXPECT_EQ(emitted_levels(), "34");
+    struct stat status {
+    };
+    ASSERT_EQ(stat(CLI_CONF, &status), 0);
+    write_file(CLI_CONF, "log msg-level debug\n");
+    set_mtime(CLI_CONF, status.st_mtime);
+    EXPECT_EQ(emitted_levels(), "34");
+    set_mtime(CLI_CONF, status.st_mtime - 1); // any other time is a change
+    EXPECT_EQ(emitted_levels(), "01234");
+}
+
+TEST_F(FileLog, odd_configuration_files_are_survived)
+{
+    const std::string binary(10'000'000, '\0');
+    configure(binary + "\nlog msg-level debug\n");
+    EXPECT_EQ(emitted_levels(), "01234");
+    configure(std::string(10'000'000, 'x')); // one endless line
+    EXPECT_EQ(emitted_levels(), "01234");
+    // A long line is read in pieces of 383 characters, and a piece may look like a level line.
+    configure(std::string(383, 'x') + "log msg-level error\n");
+    EXPECT_EQ(emitted_levels(), "34");
+    remove(CLI_CONF);
+    ASSERT_EQ(mkdir(CLI_CONF, 0755), 0);
+    EXPECT_EQ(emitted_levels(), "34");
+}
+
+TEST_F(FileLog, line_is_time_level_ident_and_message)
+{
+    const char *prefixes[] = {"<DEBUG>", "<INFO>", "<WARNING>", "<ERROR>", "<FATAL>"};
+    configure("log msg-level debug\n");
+    for (int level = 0; level < 5; ++level) {
+        remove(LOG);
+        debug_msg(level, "module", 42, "rssi %d of %s", -71, "wwan0");
+        const std::regex line("\\[\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\]" +
+                              std::string(prefixes[level]) + "id:rssi -71 of wwan0\n");
+        EXPECT_TRUE(std::regex_match(read_file(LOG), line)) << read_file(LOG);
+    }
+    struct stat status {
+    };
+    ASSERT_EQ(stat(LOG, &status), 0);
+    umask(022);
+    EXPECT_EQ(status.st_mode & 0777, 0644U);
+}
+
+TEST_F(FileLog, long_message_is_cut_to_what_is_stored)
+{
+    debug_msg(3, nullptr, 0, "%s", std::string(5000, 'x').c_str());
+    const std::string log = read_file(LOG);
+    const std::string head = log.substr(0, log.find(":xxx") + 1);
+    // Of 1022 bytes less the head one is the terminator, and the line feed takes its place.
+    EXPECT_EQ(log.substr(head.size()), std::string(1022 - head.size() - 1, 'x') + "\n");
+}
+
+TEST_F(FileLog, file_at_its_cap_is_begun_anew)
+{
+    openmsg_com(LOG, 100, "id", 0);
+    write_file(LOG, std::string(99, 'o'));
+    debug_msg(3, nullptr, 0, "kept");
+    EXPECT_EQ(read_file(LOG).substr(0, 99), std::string(99, 'o'));
+    write_file(LOG, std::string(100, 'o'));
+    debug_msg(3, nullptr, 0, "fresh");
+    EXPECT_EQ(read_file(LOG)[0], '[');
+
+    openmsg_com(LOG, 0, "id", 0);
+    write_file(LOG, std::string(204799, 'o'));
+    debug_msg(3, nullptr, 0, "kept");
+    EXPECT_GT(read_file(LOG).size(), 204799U);
+    debug_msg(3, nullptr, 0, "fresh");
+    EXPECT_LT(read_file(LOG).size(), 100U);
+}
+
+TEST_F(FileLog, long_names_stay_inside_their_fields)
+{
+    const std::string long_path = "/tmp/" + std::string(300, 'p');
+    openmsg_com(long_path.c_str(), 0, "0123456789abcdef0123456789abcdefTAIL", 0);
+    SyslogSink sink;
+    debug_msg(3, nullptr, 0, "x"); // a component of 251 characters can be opened
+    EXPECT_NE(read_file(long_path.substr(0, 256)).find("<ERROR>0123456789abcdef0123456789abcdef:x\n"),
+              std::string::npos);
+    EXPECT_EQ(sink.next(), "");
+}
+
+TEST_F(FileLog, file_that_cannot_be_opened_costs_one_message)
+{
+    openmsg_com("/tmp/no/such/dir.log", 0, "id", 0);
+    SyslogSink sink;
+    errno = EDOM;
+    debug_msg(3, "module", 1, "lost");
+    EXPECT_EQ(errno, EDOM);
+    const std::string line = sink.next();
+    EXPECT_EQ(line.substr(0, 4), "<11>"); // LOG_USER, LOG_ERR: openlog() was never called
+    EXPECT_NE(line.find("Error open message file(/tmp/no/such/dir.log) for record"), std::string::npos)
+        << line;
+    EXPECT_EQ(sink.next(), "");
+}
+
+TEST_F(FileLog, messages_of_threads_are_whole_lines_and_leak_nothing)
+{
+    const size_t descriptors = support::open_descriptors();
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([t] {
+            for (int i = 0; i < 250; ++i)
+                debug_msg(3, "m", i, "thread %d message %03d end", t, i);
+        });
+    for (int i = 0; i < 50; ++i) {
+        write_file(CLI_CONF, "log msg-level info\n");
+        set_mtime(CLI_CONF, 5000 + i);
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    const std::string log = read_file(LOG);
+    const std::regex line("\\[[-0-9: ]+\\]<ERROR>id:thread \\d message \\d\\d\\d end\n");
+    EXPECT_EQ(std::distance(std::sregex_iterator(log.begin(), log.end(), line), std::sregex_iterator()),
+              1000);
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1000);
+    EXPECT_EQ(support::open_descriptors(), descriptors);
+}
+
+TEST(SyslogMode, priorities_and_formats)
+{
+    SyslogSink sink;
+    configure("log msg-level debug\n");
+    debug_msg(3, "mod", 7, "before open"); // no openmsg() yet: libc opens by itself
+    EXPECT_NE(sink.next().find(": before open{mod->7}"), std::string::npos);
+    openmsg("netd");
+    const std::string tag = "netd[" + std::to_string(getpid()) + "]: ";
+    const int priorities[] = {LOG_INFO, LOG_INFO, LOG_WARNING, LOG_ERR, LOG_EMERG};
+    for (int level = 0; level < 5; ++level) {
+        debug_msg(level, "system_api", 12, "%s-%d", "text", level);
+        const std::string line = sink.next();
+        EXPECT_EQ(line.substr(0, line.find('>') + 1),
+                  "<" + std::to_string(LOG_DAEMON | priorities[level]) + ">");
+        EXPECT_NE(line.find(tag + "text-" + std::to_string(level) + "{system_api->12}"), std::string::npos)
+            << line;
+    }
+    debug_msg(1, nullptr, 12, "bare 100%%");
+    EXPECT_EQ(sink.next_text(), tag + "bare 100%");
+    debug_msg(1, nullptr, 0, "%s", std::string(3000, 'y').c_str());
+    EXPECT_EQ(sink.next_text(), tag + std::string(1022, 'y'));
+    errno = ENOENT;
+    debug_msg(1, nullptr, 0, "open: %m");
+    EXPECT_EQ(sink.next_text(), tag + "open: No such file or directory");
+    closemsg();
+    debug_msg(1, nullptr, 0, "reopened");
+    EXPECT_NE(sink.next().find("reopened"), std::string::npos);
+}
+
+TEST(SyslogMode, full_ident_and_quiet_stdio)
+{
+    SyslogSink sink;
+    fflush(stdout);
+    const int out = dup(1);
+    const int err = dup(2);
+    openmsg_com(nullptr, 0, "0123456789abcdef0123456789abcdefTAIL", QZLIB_LOG_QUIET_STDIO);
+    char target[64] = {};
+    EXPECT_EQ(readlink("/proc/self/fd/1", target, sizeof target - 1), 9);
+    EXPECT_STREQ(target, "/dev/null");
+    EXPECT_EQ(readlink("/proc/self/fd/2", target, sizeof target - 1), 9);
+    EXPECT_STREQ(target, "/dev/null");
+    dup2(out, 1);
+    dup2(err, 2);
+    debug_msg(1, nullptr, 0, "x");
+    EXPECT_EQ(sink.next_text(), "0123456789abcdef0123456789abcdef[" + std::to_string(getpid()) + "]: x");
+}
+
+TEST(Timestamp, is_local_time_cut_to_the_buffer)
+{
+    setenv("TZ", "XYZ-3", 1);
+    tzset();
+    char buffer[32];
+    memset(buffer, '#', sizeof buffer);
+    EXPECT_EQ(str_timestamp(86400, buffer, sizeof buffer), buffer);
+    EXPECT_STREQ(buffer, "1970-01-02 03:00:00");
+    EXPECT_EQ(buffer[31], '\0');
+    EXPECT_STREQ(str_timestamp(86400, buffer, 20), "1970-01-02 03:00:00");
+    EXPECT_STREQ(str_timestamp(86400, buffer, 11), "1970-01-02");
+    EXPECT_STREQ(str_timestamp(86400, buffer, 1), "");
+    const time_t before = time(nullptr);
+    const std::string now = str_timestamp(0, buffer, sizeof buffer);
+    struct tm parts {
+    };
+    ASSERT_NE(strptime(now.c_str(), "%Y-%m-%d %H:%M:%S", &parts), nullptr);
+    EXPECT_NEAR(static_cast<double>(mktime(&parts)), static_cast<double>(before), 2);
+}
+
+TEST(ResetFileSize, deletes_at_the_cap_and_reports_the_size_below)
+{
+    write_file("/tmp/f", std::string(100, 'x'));
+    EXPECT_EQ(reset_file_size("/tmp/f", 101), 100);
+    EXPECT_EQ(reset_file_size("/tmp/f", 100), 0);
+    EXPECT_NE(access("/tmp/f", F_OK), 0);
+    EXPECT_NE(reset_file_size("/tmp/f", 100), 0);
+    write_file("/tmp/big", "");
+    ASSERT_EQ(truncate("/tmp/big", (5LL << 30) + 7), 0); // past 32 bits
+    EXPECT_EQ(reset_file_size("/tmp/big", 100), 0);
+    EXPECT_NE(access("/tmp/big", F_OK), 0);
+}
+
+} // namespace
