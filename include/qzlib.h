@@ -205,6 +205,65 @@ char *str_timestamp(time_t t, char *buf, int size);
  */
 int reset_file_size(const char *path, int max_size);
 
+/* ---- CLI configuration ---------------------------------------------------------------
+ * Lookups in the router's command-line configuration, /tmp/config/cli.conf: a block is a
+ * header line at the left margin, parameter lines indented by one space, and a closing
+ * line. Any line with "!" anywhere in it closes a block. Every call opens and reads the
+ * file afresh; a last line without line feed is not read, and a longer line than the bound
+ * named is taken in pieces. Nothing is kept or logged: callable from any thread. */
+
+/** Mode of cli_config_get(): values are single words. */
+#define QZLIB_CLI_WORDS 2
+
+/** Result of cli_config_get(): the block was found and gave no parameter. */
+#define QZLIB_CLI_EMPTY_BLOCK 2
+
+/**
+ * Ask whether a block contains a text (the name is spelt so). Lines of at most 255
+ * characters are read. The first block with that header line counts.
+ * @param block  the whole header line, without its line end
+ * @param text   text to find anywhere in a line of the block
+ * @return 0 found; -1 not found, no such block, no file, or a null argument
+ */
+int cli_find_paremeter(const char *block, const char *text);
+
+/**
+ * Read the parameters of one block into a lookup table. Lines of at most 383 characters are
+ * read.
+ *
+ * The table is one buffer that holds a run of entries, each at a 4-byte boundary of the
+ * buffer: the address of the key (one machine word, which need not be aligned further),
+ * directly behind it the value's area, then only zero bytes up to the next entry. The
+ * caller zeroes the table, puts the keys in, and leaves room for the longest value
+ * expected and its terminator; a longer one is cut to its area. The first entry's key is
+ * the word that block headers begin with, and its value receives the header's argument;
+ * the other keys are parameter names.
+ *
+ * First value empty: the first block with that header word is taken. A header without
+ * argument is taken only if its block holds a parameter. First value preset: the block
+ * that follows the one with this argument is taken, and all other values are cleared
+ * before it is read, so that passing the table back again and again enumerates the
+ * blocks. The search ends at a second block with the preset argument.
+ *
+ * A parameter counts where its key's first occurrence in the line has a blank before it.
+ * The character behind the key and further blanks are passed over, and an empty rest is no
+ * value. With QZLIB_CLI_WORDS the value is one word, the last line wins, and a line may
+ * serve several entries in their order; otherwise it is the rest of the line and the first
+ * line wins. One or two line-end characters are removed. A line that begins with
+ * " shutdown" counts as a parameter found and is not looked into.
+ *
+ * With QZLIB_CLI_WORDS a block whose header argument holds a blank is not taken;
+ * deliberately, the argument stays in the first value with its line end and is the preset
+ * value from then on. So an enumeration passes over such a block, while a first call that
+ * meets one before any block it can take ends with -1.
+ * @param table  the table; values are filled in place
+ * @param size   of the table in bytes; nothing outside it is touched
+ * @param mode   QZLIB_CLI_WORDS, or any other value for whole lines
+ * @return 0 a parameter was found; QZLIB_CLI_EMPTY_BLOCK (2) block without parameter;
+ *         -1 no block taken, no file, or a table without an entry
+ */
+int cli_config_get(void *table, int size, int mode);
+
 /* ---- Service store -------------------------------------------------------------------
  * The parameters of one service: loaded from /tmp/config/SERVICE.conf, read and changed in
  * memory, and written back only by qzlib_service_saveto_file().
