@@ -10,6 +10,7 @@
  *
  * Sections, one per family:
  *   strings and addresses, message log, CLI configuration, service store, event flags,
+ *   boot environment,
  *   files and packages, commands and processes.
  *
  * The cJSON functions come with the library: <cjson/cJSON.h> is included here, and a
@@ -472,6 +473,77 @@ int qzlib_event_wait_noflag(qzlib_event *ev, uint32_t mask, uint32_t ignored, in
 
 /** Wait for one change, whatever the flags; may also wake without one. Results as qzlib_event_wait_flag(). */
 int qzlib_event_wait_event(qzlib_event *ev, int timeout);
+
+/* ---- Boot environment ----------------------------------------------------------------
+ * The bootloader's variables: one block of 0x20000 bytes at the end of the first MTD
+ * partition whose name begins with "aboot", found through /sys/class/mtd once per process
+ * and reached through /dev/mtdblockN. Every call reads the whole block and every change
+ * writes it whole, synchronously: rare control operations. A block with a wrong checksum
+ * reads as an empty environment.
+ *
+ * The four calls share one block buffer and one descriptor without a lock: never on two
+ * threads at once. Between processes the device is locked (flock) from after the read to
+ * the end of the call; since the read comes first, a change that another process makes
+ * meanwhile is lost: see docs/bootenv.md for what to do about it. Failures are printed on
+ * standard output: "can't get boot env device and offset", "open %s fail\n",
+ * "read %s fail\n", "write %s fail\n" with the device. A device that opens as descriptor 0
+ * counts as one that cannot be opened. */
+
+/**
+ * List the environment, or look up one entry.
+ *
+ * Deliberate oddity: a listing (null name) of an empty environment leaves the device open
+ * and locked, and the next environment call of the process works on the block in memory and
+ * releases it.
+ * @param name      null for all entries in order; else the first entry of that name
+ * @param callback  takes ctx and the text "name=value", valid during the call only; null
+ *                  prints each entry as a line on standard output
+ * @return 0, also when the name is not present; -1 when the block cannot be loaded
+ */
+int qzlib_print_boot_env(const char *name, void (*callback)(void *ctx, const char *entry), void *ctx);
+
+/**
+ * Read a variable: the first entry of that name. A name that itself holds '=' matches an
+ * entry that agrees with it up to there.
+ * @param value  filled as strncpy() fills it: not terminated when the value has len
+ *               characters or more; untouched on failure
+ * @param len    size of value in bytes
+ * @return 0; -1 for a null argument, an absent name, or a block that cannot be loaded
+ */
+int qzlib_get_boot_env(const char *name, char *value, size_t len);
+
+/**
+ * Set or delete a variable. Its first entry is removed, the new one goes to the end of the
+ * list, and the block is written, even where there was nothing to delete.
+ * @param value  null deletes
+ * @return 0; -1 for a null name, a block that cannot be loaded, an entry list without end or
+ *         a lack of room (in these nothing is written), or a failed or short write
+ */
+int qzlib_set_boot_env(const char *name, const char *value);
+
+/**
+ * Empty the environment: the whole block, checksum included, becomes zero.
+ * @return 0; -1 for a block that cannot be loaded, or a failed or short write
+ */
+int qzlib_clear_boot_env(void);
+
+/**
+ * The standard CRC-32 (reflected, polynomial 0xEDB88320), of a buffer or continued over
+ * several. No state: callable from any thread. The name is libz's too, with other types: do
+ * not include both headers in one source.
+ * @param crc  0 to start, else the result so far
+ * @param buf  at any alignment; may be null when len is 0
+ * @param len  bytes
+ * @return the checksum; 0xCBF43926 over "123456789" from 0
+ */
+unsigned int crc32(unsigned int crc, const unsigned char *buf, unsigned int len);
+
+/**
+ * CRC-32 of a whole file. A read error is reported with perror() and ends the file there.
+ * Callable from any thread.
+ * @return the checksum; 0 for an empty file, and for one that cannot be opened
+ */
+unsigned int crc32file(const char *path);
 
 /* ---- Files and packages --------------------------------------------------------------
  * Reads and writes with a time limit, facts about files and file systems, and the version
