@@ -10,7 +10,7 @@
  *
  * Sections, one per family:
  *   strings and addresses, message log, CLI configuration, service store, event flags,
- *   boot environment,
+ *   boot environment, local messages,
  *   files and packages, commands and processes.
  *
  * The cJSON functions come with the library: <cjson/cJSON.h> is included here, and a
@@ -544,6 +544,61 @@ unsigned int crc32(unsigned int crc, const unsigned char *buf, unsigned int len)
  * @return the checksum; 0 for an empty file, and for one that cannot be opened
  */
 unsigned int crc32file(const char *path);
+
+/* ---- Local messages ------------------------------------------------------------------
+ * A broadcast channel between the router's daemons, over netlink user sockets (groups 1
+ * and 3): every message reaches every process that receives, the sender included, and is
+ * dropped there unless it is addressed to it. Best effort: nobody learns whether a message
+ * arrived, and a receiver that falls behind loses messages. One channel per process, without
+ * a lock: qzlib_msg_init(), qzlib_msg_send() and qzlib_msg_exit() must not run on two
+ * threads at once. Nothing is logged. Receiving needs CAP_NET_ADMIN. */
+
+/** Largest data of a message, in bytes. */
+#define QZLIB_MSG_MAX_DATA 3936
+
+/** A message. Names are fixed fields of 64 bytes, not terminated when they fill them. */
+typedef struct local_msg {
+    uint32_t magic;    /**< set by qzlib_msg_send(): 0x515A4D53 */
+    int32_t dst_pid;   /**< receiving process; 0 or below: any */
+    char dst_name[64]; /**< name of the receiving process; empty: any */
+    int32_t src_pid;   /**< set by qzlib_msg_send() */
+    char src_name[64]; /**< set by qzlib_msg_send(): the process name */
+    uint32_t type;     /**< the application's */
+    int32_t data_len;  /**< bytes of data, 0 to QZLIB_MSG_MAX_DATA */
+    void *data;        /**< the data, or null; only read by qzlib_msg_send() */
+} local_msg;
+
+/**
+ * Open the channel, and with a callback start the thread that receives. A second call
+ * without qzlib_msg_exit() replaces the channel; when it fails the old one stays.
+ *
+ * The callback runs on the receiver thread, one message at a time; the message and its data
+ * are valid only until it returns. Of a message with more than 3776 bytes of data the rest
+ * is not received: data_len is the sent length, and the bytes past 3776 are without meaning.
+ * A read error in the thread hands over the message before once more, deliberately.
+ * @param callback  null: the channel only sends
+ * @param ctx       handed to the callback
+ * @return 0, also when the thread could not be started; -1 when a socket call failed or the
+ *         own name could not be read from /proc; QZLIB_ERR_NO_MEMORY
+ */
+int qzlib_msg_init(void (*callback)(local_msg *msg, void *ctx), void *ctx);
+
+/**
+ * Send a message, to all receivers that its dst_pid and dst_name let through. Without data,
+ * or with a data_len below 1, nothing but the record is sent.
+ * @param msg  magic, src_pid and src_name are filled in; stays the caller's
+ * @return 0, also when the write failed; QZLIB_ERR_ARGUMENT for null or data of more than
+ *         QZLIB_MSG_MAX_DATA bytes; QZLIB_ERR_FAILED when the channel is not open
+ */
+int qzlib_msg_send(local_msg *msg);
+
+/**
+ * Close the channel; harmless when it is not open, and allowed in the callback. The receiver
+ * thread is cancelled, not joined: no callback begins for a message that arrives afterwards,
+ * but one that is under way is ended only at its next cancellation point, and may still use
+ * its message and ctx until then.
+ */
+void qzlib_msg_exit(void);
 
 /* ---- Files and packages --------------------------------------------------------------
  * Reads and writes with a time limit, facts about files and file systems, and the version
