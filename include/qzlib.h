@@ -10,7 +10,7 @@
  *
  * Sections, one per family:
  *   strings and addresses, message log, CLI configuration, service store, event flags,
- *   boot environment, local messages,
+ *   boot environment, local messages, LEDs and GPIOs,
  *   files and packages, commands and processes.
  *
  * The cJSON functions come with the library: <cjson/cJSON.h> is included here, and a
@@ -599,6 +599,68 @@ int qzlib_msg_send(local_msg *msg);
  * its message and ctx until then.
  */
 void qzlib_msg_exit(void);
+
+/* ---- LEDs and GPIOs ------------------------------------------------------------------
+ * The front panel through the files of /sys/class/leds/NAME (trigger, brightness, delay_on,
+ * delay_off, shot, invert) and /sys/class/gpio/NAME/value. Paths are cut to 62 characters.
+ * Each step opens, writes or reads, and closes one file; files are never created. No state,
+ * no logging: callable from any thread, but two callers on one LED mix their steps. */
+
+/** Display modes of an LED. */
+enum {
+    QZLIB_LED_OFF = 0,
+    QZLIB_LED_ON = 1,
+    QZLIB_LED_FAST_BLINK = 2, /**< 100 ms on, 100 ms off */
+    QZLIB_LED_SLOW_BLINK = 3, /**< 500 ms on, 500 ms off */
+    QZLIB_LED_ONE_SHOT = 4    /**< dark until fired */
+};
+
+/** Actions on an LED in one-shot or blink mode. */
+enum {
+    QZLIB_LED_SHOT_FIRE = 0,   /**< one blink */
+    QZLIB_LED_SHOT_INVERT = 1, /**< lit between blinks */
+    QZLIB_LED_SHOT_50_MS = 2,  /**< 50 ms on, 50 ms off */
+    QZLIB_LED_SHOT_100_MS = 3  /**< 100 ms on, 100 ms off */
+};
+
+/**
+ * Put an LED into a mode: its trigger is written first, then what the mode needs. Files that
+ * cannot be opened are skipped.
+ * @param name  LED; null does nothing
+ * @param mode  QZLIB_LED_OFF to QZLIB_LED_ONE_SHOT; others do nothing
+ * @return 0 always: not a status
+ */
+int qzlib_led_name_set(const char *name, unsigned int mode);
+
+/**
+ * An LED's mode as the kernel reports it, not as it was set.
+ * @return QZLIB_LED_OFF to QZLIB_LED_ONE_SHOT; -1 for null, an unreadable file, another
+ *         trigger, or a blink whose delay_on is neither 100 nor 500
+ */
+int qzlib_led_name_get(const char *name);
+
+/**
+ * Act on an LED. The trigger is not looked at: the files are there only in a fitting mode.
+ * @param action  QZLIB_LED_SHOT_FIRE to QZLIB_LED_SHOT_100_MS; others do nothing
+ * @return 0; -1 for null or a file that cannot be opened (of two, the first may be written)
+ */
+int qzlib_led_name_shot(const char *name, unsigned int action);
+
+/**
+ * qzlib_led_name_set() by index: 0 "power", 1 "data", 2 "net", 3 to 6 "rssi0" to "rssi3".
+ * @param index  not negative; 7 or more does nothing
+ * @return 0 always
+ */
+int qzlib_led_set(int index, unsigned int mode);
+
+/** qzlib_led_name_shot() by index, as above; 0 for an index of 7 or more. */
+int qzlib_led_shot(int index, unsigned int action);
+
+/** Set a GPIO to 1 for a nonzero value, else 0; null or a missing GPIO does nothing. */
+void qzlib_gpio_name_set(const char *name, int value);
+
+/** Read a GPIO. @return the number in its value file; -1 for null or an unreadable file */
+int qzlib_gpio_name_get(const char *name);
 
 /* ---- Files and packages --------------------------------------------------------------
  * Reads and writes with a time limit, facts about files and file systems, and the version
