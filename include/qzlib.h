@@ -11,7 +11,7 @@
  * Sections, one per family:
  *   strings and addresses, message log, CLI configuration, service store, event flags,
  *   boot environment, local messages, LEDs and GPIOs,
- *   files and packages, commands and processes.
+ *   files and packages, commands and processes, device information.
  *
  * The cJSON functions come with the library: <cjson/cJSON.h> is included here, and a
  * daemon that links with -lqzlib alone may call them.
@@ -862,6 +862,114 @@ int qzlib_process_is_unique(void);
  * @return 1
  */
 int qzlib_process_unique(void);
+
+/* ---- Device information --------------------------------------------------------------
+ * Who the device is, from /tmp/device.info, the kernel and the settings, and the hardware
+ * watchdog. Nothing is logged. The readers keep no state: callable from any thread. An
+ * output is written on success only and always terminated, save where said. */
+
+/**
+ * A value of /tmp/device.info, from the first line that holds the key anywhere: what stands
+ * between its first and its second ':', trimmed. A last line without line feed is ignored,
+ * and lines are taken in pieces of 255 characters.
+ * @param value_out  256 bytes; the copy is not bounded further
+ * @return 0; -1 for null, a missing file, no such line, or one without ':'
+ */
+int qzlib_get_device_system_info(const char *key, char *value_out);
+
+/** Hardware version: qzlib_get_device_system_info("HW_Version", value_out). */
+int qzlib_get_device_hwversion(char *value_out);
+
+/** Device id: qzlib_get_device_system_info("devid", value_out). */
+int qzlib_get_device_sn(char *value_out);
+
+/** Device model: qzlib_get_device_system_info("devmodel", value_out). */
+int qzlib_get_device_model(char *value_out);
+
+/**
+ * Bootloader version: the text behind "boot_version=" up to the next whitespace, in the first
+ * 256 bytes of /proc/cmdline.
+ * @param out  256 bytes
+ * @return 0; -1 for null, an unreadable file or no such text
+ */
+int qzlib_get_device_bootversion(char *out);
+
+/** Kernel version: as above, "kernel_version=" up to the line end, in /proc/version. */
+int qzlib_get_device_kernelversion(char *out);
+
+/**
+ * Version of the web pages: the first 64 bytes of /data/www/version, trimmed.
+ * @param out  65 bytes
+ * @return 0; -1 for null or a missing file
+ */
+int qzlib_get_device_webversion(char *out);
+
+/** Firmware version, "V3.2.0_1904151627". @param out 18 bytes @return 0; -1 for null */
+int qzlib_get_device_softversion(char *out);
+
+/** The very same text, deliberately: its tail is the build stamp. @param out 18 bytes @return 0; -1 for null
+ */
+int qzlib_get_device_build_time(char *out);
+
+/** The hexadecimal number behind "androidboot.serialno=" in the first 512 bytes of /proc/cmdline. @return it;
+ * 0 without */
+unsigned int qzlib_get_cpuid(void);
+
+/**
+ * Processor temperature (the name is spelt so), as it stands in
+ * /sys/devices/virtual/thermal/thermal_zone0/temp and in that file's unit.
+ * @return the number; -1 when the file cannot be read
+ */
+int qzlib_get_cputempture(void);
+
+/**
+ * Modem module (the name is spelt so), from the first 128 bytes of /proc/device-tree/model.
+ * @return 1 "EC20", 2 "SLM750", 3 "SIM7600CE", the first one found; 0 for none
+ */
+int qzlib_get_moduel_type(void);
+
+/** Board, from the same file. @return 1 "K31", 2 "K52R", 3 "K52T", the first one found; 0 for none */
+int qzlib_get_board_type(void);
+
+/** @return "Qualcomm" (the name is spelt so) */
+const char *qzlib_get_cpu_vender(void);
+
+/** @return "MDM9607" */
+const char *qzlib_get_cpu_model(void);
+
+/** @return "1GHz" */
+const char *qzlib_get_cpu_freq(void);
+
+/**
+ * Serial number from the settings: the first line of "nvram show" that holds "hd_number",
+ * between its first and its second '=', trimmed; a last line without line feed is ignored.
+ * Deliberate oddity: the command's process is not waited for where closing a stream does not
+ * do that by itself (glibc's does), so that it is the caller's to reap.
+ * @param out   filled as strncpy() fills it: not terminated when the text has size
+ *              characters or more
+ * @param size  of out in bytes
+ * @return 0; -1 when there is no such line; QZLIB_ERR_ARGUMENT for null or a size below 1
+ */
+int qzlib_get_dev_sn(char *out, int size);
+
+/** Does nothing; for callers that expect it. */
+void qzlib_watchdog_enable(void);
+
+/** Does nothing; for callers that expect it. See qzlib_watchdog_stop(). */
+void qzlib_watchdog_disable(void);
+
+/**
+ * Feed the hardware watchdog: writes one byte to /dev/mdm9x07_watchdog. The device is opened
+ * by the first call of this or of qzlib_watchdog_stop() and stays open; once fed, the
+ * hardware resets the board unless it is fed again in time or stopped. Callable from any
+ * thread; two first calls at once may open the device twice.
+ * @return result of the write: 1, or -1 with errno
+ */
+int qzlib_watchdog_feed(void);
+
+/** Stop the hardware watchdog (WDIOC_SETOPTIONS, WDIOS_DISABLECARD). @return result of the request; -1 with
+ * errno */
+int qzlib_watchdog_stop(void);
 
 #ifdef __cplusplus
 }
