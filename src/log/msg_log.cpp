@@ -21,11 +21,11 @@ constexpr std::string_view LEVEL_LINE_START = "log msg-level ";
 constexpr size_t CLI_LINE_SIZE = 384;
 constexpr int DEFAULT_MAX_SIZE = 204800;
 constexpr size_t MESSAGE_BUFFER_SIZE = 1023;
-constexpr size_t TIMESTAMP_SIZE = 50;
+constexpr int TIMESTAMP_SIZE = 50;
 
 struct Level {
     std::string_view word; // in the CLI configuration, matched by prefix
-    const char *file_prefix;
+    std::string_view file_prefix;
     int syslog_priority;
 };
 
@@ -111,6 +111,31 @@ size_t format_message(std::span<char> out, Message &message)
     return strnlen(out.data(), out.size());
 }
 
+// The text of the current second, which most lines of a busy daemon share: making it anew
+// costs more than all the rest of a line's formatting. A thread that finds it in use by
+// another one makes its own.
+struct SecondText {
+    int busy;
+    time_t second;
+    char text[TIMESTAMP_SIZE];
+};
+SecondText second_text = {};
+
+size_t append_timestamp(char *out)
+{
+    const time_t now = time(nullptr);
+    if (__atomic_exchange_n(&second_text.busy, 1, __ATOMIC_ACQUIRE) != 0)
+        return strlen(str_timestamp(now, out, TIMESTAMP_SIZE));
+    if (second_text.second != now) {
+        second_text.second = now;
+        str_timestamp(now, second_text.text, TIMESTAMP_SIZE);
+    }
+    const size_t length = strlen(second_text.text);
+    memcpy(out, second_text.text, length);
+    __atomic_store_n(&second_text.busy, 0, __ATOMIC_RELEASE);
+    return length;
+}
+
 // One line, one write: lines of several threads and processes do not mix. The module and the
 // line number are not written to files.
 void emit_to_file(const Level &level, Message &message)
@@ -121,12 +146,18 @@ void emit_to_file(const Level &level, Message &message)
         syslog(LOG_ERR, "Error open message file(%s) for record", msg_log_state.path);
         return;
     }
-    std::array<char, TIMESTAMP_SIZE> timestamp;
-    str_timestamp(0, timestamp.data(), static_cast<int>(timestamp.size()));
-
     std::array<char, MESSAGE_BUFFER_SIZE> line;
-    auto length = static_cast<size_t>(snprintf(line.data(), line.size(), "[%s]%s%s:", timestamp.data(),
-                                               level.file_prefix, msg_log_state.ident));
+    size_t length = 0;
+    const auto append = [&line, &length](std::string_view text) {
+        memcpy(line.data() + length, text.data(), text.size());
+        length += text.size();
+    };
+    append("[");
+    length += append_timestamp(line.data() + length);
+    append("]");
+    append(level.file_prefix);
+    append(msg_log_state.ident);
+    append(":");
     length += format_message(std::span(line).subspan(length, line.size() - 1 - length), message);
     line[length++] = '\n';
     (void)!write(file.get(), line.data(), length); // a full disk costs the message, not the daemon
