@@ -44,6 +44,7 @@ static struct item items[] = {
     {"temperature", "AT+CPMUTEMP", "+CPMUTEMP: ", 15, "unknown"},
 };
 #define ITEMS (sizeof items / sizeof items[0])
+enum { SIM = 1 }; /* its row */
 
 static int line = -1;
 static int silences;
@@ -159,6 +160,8 @@ static void ask(struct item *item)
     if (length > 0) {
         silences = 0;
         take_answer(item, answer);
+        if (strstr(answer, "^SIMST:255") != NULL)
+            set_value(&items[SIM], "absent"); /* the report came along with the answer */
         return;
     }
     if (length == 0 && ++silences < SILENCES_ALLOWED)
