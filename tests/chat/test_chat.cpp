@@ -303,9 +303,12 @@ TEST_F(Line, raw_answers_are_eight_and_twelve_bytes)
 
 // ---- Failures -------------------------------------------------------------------------
 
-std::string masked(const std::string &log) // addresses differ
+// The log with the addresses made equal, since they differ from call to call.
+std::string masked(std::string log)
 {
-    return std::regex_replace(log, std::regex("0x[0-9a-f]+"), "ADDRESS");
+    for (size_t at = log.find("0x"); at != std::string::npos; at = log.find("0x", at))
+        log.replace(at, log.find_first_not_of("0123456789abcdef", at + 2) - at, "ADDRESS");
+    return log;
 }
 
 TEST_F(Line, failed_writes_are_logged_counted_and_returned)
@@ -406,9 +409,9 @@ TEST_F(Line, descriptors_above_the_size_of_an_fd_set_work)
 struct Profile {
     const char *name;
     const char *fault;
-    const char *answer; // to AT+CREG?, as a pattern
+    std::string answer; // to AT+CREG?
     double arrives_s;   // until the last byte is there
-    int errors;         // of five exchanges, counted ones
+    int errors;         // of the three exchanges that are counted
 };
 
 void PrintTo(const Profile &profile, std::ostream *out)
@@ -441,7 +444,10 @@ TEST_P(BadModem, every_call_ends_in_time_with_what_arrived)
     const int length = chat_send_read(fd, "AT+CREG?", b, sizeof b, 1, 1);
     expect_in_time(send_read, 5 + 511 * 1, profile.arrives_s + 1);
     const std::string text(b, static_cast<size_t>(std::max(length, 0)));
-    EXPECT_TRUE(std::regex_match(text, std::regex(profile.answer))) << text;
+    if (strcmp(profile.name, "garbage") == 0)
+        EXPECT_EQ(text.size(), 300U); // whatever they are
+    else
+        EXPECT_EQ(text, profile.answer);
 
     const Stopwatch send_expect;
     EXPECT_GE(chat_send_expect(fd, "AT+CREG?", "OK", 1, 0), -1);
@@ -463,20 +469,19 @@ TEST_P(BadModem, every_call_ends_in_time_with_what_arrived)
     EXPECT_EQ(support::open_descriptors(), descriptors);
 }
 
-constexpr const char *PLAIN = "\r\n\\+CREG: 0,1\r\n\r\nOK\r\n";
-constexpr Profile PROFILES[] = {
-    {"no_fault", "late=0", PLAIN, 0, 0},
-    {"late", "late=700", PLAIN, 0.7, 0},
+const Profile PROFILES[] = {
+    {"no_fault", "late=0", ANSWER, 0, 0},
+    {"late", "late=700", ANSWER, 0.7, 0},
     {"too_late", "late=1500", "", 0, 0},
-    {"in_pieces", "pieces=5,300", PLAIN, 1.2, 0},
-    {"byte_by_byte", "bytes=3", PLAIN, 0.2, 0},
-    {"line_before", "before=RING", "\r\nRING\r\n\r\n\\+CREG: 0,1\r\n\r\nOK\r\n", 0, 0},
-    {"line_inside", "inside=RING", "\r\n\\+CREG: 0\r\nRING\r\n,1\r\n\r\nOK\r\n", 0, 0},
-    {"line_after", "after=RING", "\r\n\\+CREG: 0,1\r\n\r\nOK\r\n\r\nRING\r\n", 0, 0},
+    {"in_pieces", "pieces=5,300", ANSWER, 1.2, 0},
+    {"byte_by_byte", "bytes=3", ANSWER, 0.2, 0},
+    {"line_before", "before=RING", std::string("\r\nRING\r\n") + ANSWER, 0, 0},
+    {"line_inside", "inside=RING", "\r\n+CREG: 0\r\nRING\r\n,1\r\n\r\nOK\r\n", 0, 0},
+    {"line_after", "after=RING", std::string(ANSWER) + "\r\nRING\r\n", 0, 0},
     {"silence", "silence", "", 0, 0},
-    {"garbage", "garbage=300", "[^]{300}", 0, 0},
-    {"too_long", "length=5000", "[a-z]{511}", 0, 0},
-    {"hang_up", "hangup", "\r\n\\+CREG: 0", 0.2, 2},
+    {"garbage", "garbage=300", "", 0, 0},
+    {"too_long", "length=5000", letters(511), 0, 0},
+    {"hang_up", "hangup", "\r\n+CREG: 0", 0.2, 2},
     {"tty_gone", "vanish", "", 0, 2},
 };
 INSTANTIATE_TEST_SUITE_P(Profiles, BadModem, testing::ValuesIn(PROFILES),

@@ -10,7 +10,6 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
-#include <regex>
 #include <spawn.h>
 #include <string>
 #include <sys/wait.h>
@@ -124,9 +123,16 @@ inline void start_log()
 
 inline std::string take_log()
 {
-    const std::string log = read_file("/tmp/test.log");
+    constexpr size_t TIMESTAMP_LENGTH = sizeof "[2026-01-31 23:59:59]" - 1;
+    std::string log = read_file("/tmp/test.log");
     unlink("/tmp/test.log");
-    return std::regex_replace(log, std::regex("\\[\\d{4}-[-0-9: ]+\\](<[A-Z]+>):"), "$1");
+    for (size_t line = 0; line < log.size(); line = log.find('\n', line) + 1) {
+        if (log[line] != '[' || log.compare(line + TIMESTAMP_LENGTH - 1, 2, "]<") != 0)
+            continue; // of a text with line feeds
+        log.erase(line, TIMESTAMP_LENGTH);
+        log.erase(log.find(">:", line) + 1, 1); // the empty name
+    }
+    return log;
 }
 
 } // namespace support
