@@ -82,7 +82,7 @@ std::string take_command(std::string_view &text)
     const size_t at = to_upper(text).rfind("@AT");
     if (at == std::string::npos)
         return {};
-    const std::string command = to_upper(trim(text.substr(at + 1)));
+    std::string command = to_upper(trim(text.substr(at + 1)));
     text = trim(text.substr(0, at));
     return command;
 }

@@ -65,7 +65,7 @@ private:
     };
 
     void take_byte(char byte);
-    void take_command(std::string_view command);
+    void take_command(std::string_view line);
     void answer(std::string_view command, std::string body);
     void misbehave_after(std::string_view command);
     [[nodiscard]] const Fault *active(FaultKind kind, std::string_view command) const;
