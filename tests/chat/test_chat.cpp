@@ -56,6 +56,14 @@ struct Line : testing::Test {
         EXPECT_EQ(write(peer, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     }
 
+    // Has it ready for reading.
+    void leave(std::string_view bytes) const
+    {
+        say(bytes);
+        pollfd waiting{fd, POLLIN, 0};
+        EXPECT_EQ(poll(&waiting, 1, 5000), 1);
+    }
+
     // What was sent, as far as it has arrived.
     [[nodiscard]] std::string sent() const
     {
@@ -187,15 +195,15 @@ TEST_F(Line, expecting_ends_at_silence_and_at_511_bytes)
     EXPECT_GE(watch.seconds(), 1.0);
     EXPECT_LT(watch.seconds(), 1.2);
     EXPECT_EQ(take_log(), traffic("<<< (AT\r)"));
-    say("ERROR");
+    leave("ERROR");
     EXPECT_EQ(chat_expect(fd, "OK", 0, 1), 0);
     EXPECT_EQ(take_log(), traffic(">>> (ERROR)"));
 
-    say(letters(600));
+    leave(letters(600));
     EXPECT_EQ(chat_expect(fd, "OK", 5, 1), 0);
     EXPECT_LT(watch.seconds(), 5.0);
     EXPECT_EQ(take_log(), traffic(">>> (" + letters(511) + ")"));
-    char rest[100];
+    char rest[90];
     EXPECT_EQ(chat_read(fd, rest, sizeof rest, 0, 0), 89);
     say(letters(509) + "OK");
     EXPECT_EQ(chat_expect(fd, "OK", 5, 0), 1) << "bytes 510 and 511";
@@ -229,7 +237,7 @@ TEST_F(Line, reading_fills_the_buffer_and_no_more)
 TEST_F(Line, answer_ends_after_a_whole_timeout_of_silence)
 {
     char b[512];
-    say("RING stale");
+    leave("RING stale");
     answer({"\r\n", "OK", "\r\n"}, 700); // longer than the timeout in all, but not in one piece
     const Stopwatch watch;
     EXPECT_EQ(chat_send_read(fd, "AT", b, sizeof b, 1, 1), 6);
@@ -311,22 +319,28 @@ std::string masked(std::string log)
     return log;
 }
 
+// The results of all seven calls, in the order of the header.
+std::vector<int> call_all(int fd, int timeout)
+{
+    char b[16] = "stale";
+    return {chat_send(fd, "AT", 0),
+            chat_expect(fd, "x", timeout, 1),
+            chat_read(fd, b, sizeof b, timeout, 1),
+            chat_send_expect(fd, "AT", "x", timeout, 0),
+            chat_send_read(fd, "AT", b, sizeof b, timeout, 0),
+            chat_send_ASCII_read(fd, "12", b, 2, timeout, 0),
+            chat_send_hex_read(fd, "123", b, 3, timeout, 0)};
+}
+
 TEST_F(Line, failed_writes_are_logged_counted_and_returned)
 {
     const int reader = open(name, O_RDONLY | O_NOCTTY | O_CLOEXEC);
+    EXPECT_EQ(call_all(reader, 0), (std::vector{-1, 0, 0, -1, -1, -1, -1}));
     const std::string number = std::to_string(reader);
-    char b[16];
-    EXPECT_EQ(chat_send(reader, "AT", 0), -1);
-    EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(take_log(), "<ERROR>Cannot write( " + number + ", AT\r, 3 )\n");
-    EXPECT_EQ(chat_send_expect(reader, "AT", "OK", 1, 0), -1);
-    EXPECT_EQ(take_log(), "<ERROR>cannot write( " + number + ", AT\r, 3 )\n");
-    EXPECT_EQ(at_modem_error, 0);
-    EXPECT_EQ(chat_send_read(reader, "AT", b, sizeof b, 1, 0), -1);
-    EXPECT_EQ(take_log(), "<ERROR>cannot write( " + number + ", AT\r, 3 )\n");
-    EXPECT_EQ(chat_send_ASCII_read(reader, "12", b, 2, 1, 0), -1);
-    EXPECT_EQ(take_log(), "<ERROR>cannot write( " + number + ", 12, 2 )\n");
-    EXPECT_EQ(chat_send_hex_read(reader, "12", b, 2, 1, 0), -1);
+    EXPECT_EQ(take_log(), "<ERROR>Cannot write( " + number + ", AT\r, 3 )\n" + "<ERROR>cannot write( " +
+                              number + ", AT\r, 3 )\n" + "<ERROR>cannot write( " + number + ", AT\r, 3 )\n" +
+                              "<ERROR>cannot write( " + number + ", 12, 2 )\n" + "<ERROR>cannot write( " +
+                              number + ", 123, 3 )\n");
     EXPECT_EQ(at_modem_error, 3);
     EXPECT_TRUE(is_nonblocking(reader));
     close(reader);
@@ -334,49 +348,31 @@ TEST_F(Line, failed_writes_are_logged_counted_and_returned)
 
 TEST_F(Line, failed_waits_are_logged_counted_and_returned)
 {
-    const std::string message =
-        "<ERROR>cannot select( " + std::to_string(fd + 1) + ", ADDRESS, NULL, NULL, ADDRESS )\n";
-    char b[16];
-    EXPECT_EQ(chat_read(fd, b, sizeof b, -1, 1), -1);
-    EXPECT_EQ(masked(take_log()), message);
-    EXPECT_EQ(chat_expect(fd, "OK", -1, 1), -1);
-    EXPECT_EQ(masked(take_log()), message);
-    EXPECT_EQ(chat_send_expect(fd, "AT", "OK", -1, 0), -1);
-    EXPECT_EQ(at_modem_error, 0);
-    EXPECT_EQ(chat_send_read(fd, "AT", b, sizeof b, -1, 0), -1);
-    EXPECT_EQ(chat_send_ASCII_read(fd, "1", b, 1, -1, 0), -1);
-    EXPECT_EQ(chat_send_hex_read(fd, "1", b, 1, -1, 0), -1);
-    EXPECT_EQ(masked(take_log()), message + message + message + message);
+    EXPECT_EQ(call_all(fd, -1), (std::vector{3, -1, -1, -1, -1, -1, -1}));
+    std::string expected;
+    for (int i = 0; i < 6; ++i)
+        expected += "<ERROR>cannot select( " + std::to_string(fd + 1) + ", ADDRESS, NULL, NULL, ADDRESS )\n";
+    EXPECT_EQ(masked(take_log()), expected);
     EXPECT_EQ(at_modem_error, 3);
-    EXPECT_EQ(chat_read(9999, b, sizeof b, 1, 0), -1) << "not open";
+    EXPECT_EQ(chat_expect(9999, "x", 1, 0), -1) << "not open";
 }
 
+// A file opened for writing counts as readable, and reading it fails.
 TEST_F(Line, failed_reads_end_a_plain_read_only)
 {
-    const int writer = open(name, O_WRONLY | O_NOCTTY | O_CLOEXEC);
-    const std::string head = "<ERROR>cannot read( " + std::to_string(writer) + ", , ";
-    char b[16] = "stale";
-    say("x"); // readable, but not through this descriptor
-    EXPECT_EQ(chat_read(writer, b, sizeof b, 1, 1), 0);
-    EXPECT_EQ(take_log(), head + "15 )\n");
-    EXPECT_EQ(chat_expect(writer, "x", 1, 1), -1);
-    EXPECT_EQ(take_log(), head + "511 )\n");
-    EXPECT_EQ(at_modem_error, 0);
-    answer({"x"});
-    EXPECT_EQ(chat_send_read(writer, "AT", b, sizeof b, 1, 0), -1);
-    EXPECT_EQ(take_log(), head + "15 )\n");
-    answer({"x"});
-    EXPECT_EQ(chat_send_ASCII_read(writer, "123", b, 3, 1, 0), -1);
-    EXPECT_EQ(take_log(), head + "2 )\n");
-    answer({"x"});
-    EXPECT_EQ(chat_send_hex_read(writer, "123", b, 3, 1, 0), -1);
+    const int writer = open("/tmp/file", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    EXPECT_EQ(call_all(writer, 1), (std::vector{3, -1, 0, -1, -1, -1, -1}));
+    std::string expected;
+    for (const char *size : {"511", "15", "511", "15", "1", "2"})
+        expected += "<ERROR>cannot read( " + std::to_string(writer) + ", , " + size + " )\n";
+    EXPECT_EQ(take_log(), expected);
     EXPECT_EQ(at_modem_error, 3);
+    EXPECT_EQ(support::read_file("/tmp/file"), "AT\rAT\rAT\r12123");
     close(writer);
 }
 
 TEST_F(Line, signal_ends_the_wait_and_is_logged)
 {
-    signal(SIGHUP, chat_signal_handler);
     struct sigaction action = {};
     action.sa_handler = chat_signal_handler;
     sigaction(SIGHUP, &action, nullptr);

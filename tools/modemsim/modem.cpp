@@ -234,7 +234,7 @@ void Modem::run_due()
         if (done.action == Action::HANG_UP)
             transcript_.note("--", "line hangs up");
         if (done.action == Action::HANG_UP || done.action == Action::COME_BACK)
-            gone_ = !bring_up();
+            come_back();
     }
 }
 
@@ -260,6 +260,13 @@ void Modem::go_away(bool for_good)
     transcript_.note("--", "tty disappears");
     pty_.hang_up();
     gone_ = for_good;
+}
+
+void Modem::come_back()
+{
+    gone_ = !bring_up();
+    if (gone_)
+        perror("modemsim: no pseudo terminal");
 }
 
 void Modem::remove_card()

@@ -74,6 +74,7 @@ private:
     void send_answer(std::string_view command, std::string body);
     bool send(Event &event);
     void go_away(bool for_good);
+    void come_back();
     void remove_card();
 
     Table &table_;
