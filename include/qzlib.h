@@ -9,8 +9,8 @@
  * included (cli_find_paremeter, qzlib_event_unint, qzlib_str_tolowr, ...).
  *
  * Sections, one per family:
- *   strings and addresses, message log, CLI configuration, service store, event flags,
- *   boot environment, local messages, LEDs and GPIOs,
+ *   strings and addresses, message log, CLI configuration, service store, serial line and
+ *   AT chat, event flags, boot environment, modem status, local messages, LEDs and GPIOs,
  *   files and packages, commands and processes, device information.
  *
  * The cJSON functions come with the library: <cjson/cJSON.h> is included here, and a
@@ -423,6 +423,168 @@ int qzlib_service_get_all_param(const service_info *info, service_param_list *ou
 /** Count all entries, headers included, without a limit. @return their number; 0 for null */
 int qzlib_service_get_param_num(const service_info *info);
 
+/* ---- Serial line and AT chat ---------------------------------------------------------
+ * Open the modem's tty and exchange AT commands with it. One device at a time and one
+ * exchange at a time: terminal settings, signal actions and the alarm are the process's.
+ *
+ * Signals. From dev_init() to dev_close() chat_signal_handler() stands on SIGHUP, SIGALRM
+ * and SIGINT, without SA_RESTART: such a signal no longer ends the process, it is logged
+ * and breaks off a blocked call. During dev_init() and dev_close() themselves it stands on
+ * SIGQUIT, SIGPIPE and SIGTERM too. alarm() is taken over by dev_init(), dev_close() and
+ * every call that sends; an alarm that the caller had set is lost.
+ *
+ * An answer is whatever arrives until the line has been quiet for timeout seconds, the
+ * buffer is full, or the expected text was seen. The timeout counts anew for every piece,
+ * so an answer that trickles in keeps a call going. OK and ERROR are not interpreted.
+ * Calls that send first discard everything pending on the line in both directions. Every
+ * call leaves the descriptor non-blocking. A signal that arrives while a call waits ends
+ * it with the result of a failed wait. Descriptors are borrowed, of any number (there is
+ * no FD_SETSIZE bound), from dev_init(): without its handler the write alarm of the
+ * sending calls would end the process.
+ *
+ * A negative descriptor, a null pointer, a command of more than 509 characters and a raw
+ * length below 0 or above 512 are refused: "argument error", result -1, nothing sent and
+ * nothing changed. All logging goes through debug_msg(), module "vq_chat": failures as
+ * errors, always; traffic ("%d <<< (%s)", "%d >>> (%s)") as debug when log is not 0. */
+
+/** A baud rate and its termios speed code. */
+typedef struct qzlib_speed {
+    uint32_t baud;
+    uint32_t code;
+} qzlib_speed;
+
+/**
+ * The rates that dev_init() can set, ended by the pair (0, 0); the first row of a rate
+ * counts. Writable. 19200 and 38400 stand twice, deliberately, and 500000 is not in it.
+ */
+extern qzlib_speed speeds_list[23];
+
+/** The signal actions that the last dev_init() or dev_close() found, and that dev_close() puts back. */
+extern struct sigaction oldhup;
+extern struct sigaction oldint;
+extern struct sigaction oldquit;
+extern struct sigaction oldpipe;
+extern struct sigaction oldalrm;
+extern struct sigaction oldterm;
+
+/**
+ * Failed writes, waits and reads of chat_send_read(), chat_send_ASCII_read() and
+ * chat_send_hex_read() since the process began. The library only counts up, without
+ * atomics; daemons read it, and may reset it, to judge the modem's health.
+ */
+extern int at_modem_error;
+
+/**
+ * Open a tty and make it a raw modem line: 8 data bits, 1 stop bit, no parity, hardware
+ * flow control, no echo; then a one-second pulse on DTR. Keeps the settings that it found
+ * for dev_close() (of the last device opened). Takes signals over as told above. A failing
+ * open is tried four times, each followed by a pause of 3 seconds; the open itself is not
+ * guarded by the alarm, so pass O_NONBLOCK for a tty that may wait for a carrier. The
+ * set-up is broken off by an alarm after 5 seconds. A tty whose settings cannot be read or
+ * set is returned all the same.
+ * @param path   device
+ * @param flags  for open(), unchanged (O_RDWR | O_NOCTTY | O_NONBLOCK); close-on-exec only
+ *               if O_CLOEXEC is among them
+ * @param baud   rate from speeds_list; another one is logged and the speed kept; 0 keeps it
+ * @return descriptor above 0, the caller's until dev_close(); 0 or below when it cannot be
+ *         opened (the last result of open(): nothing is open then, since descriptor 0
+ *         counts as a failure, deliberately); -1 when the alarm fired, all six signal
+ *         actions restored
+ */
+int dev_init(const char *path, int flags, int baud);
+
+/**
+ * Write back the terminal settings that dev_init() found, close the tty and put back the
+ * signal actions found by dev_init() (SIGHUP, SIGINT, SIGALRM) and by this call (SIGQUIT,
+ * SIGPIPE, SIGTERM). To be called after dev_init() only: before it there is nothing to put
+ * back but zeroes.
+ * @param fd  from dev_init(), closed in any case; negative: nothing is done
+ * @return 0; -1 when the alarm of 5 seconds fired while writing the settings
+ */
+int dev_close(int fd);
+
+/**
+ * The handler that dev_init() and dev_close() install: remembers the signal and logs
+ * "vq_chat receive the signal(%d)" as an error. It formats and writes a log line inside
+ * the handler, so a daemon should not expect such signals as a matter of routine.
+ */
+void chat_signal_handler(int signal);
+
+/** Look a baud rate up among 30 termios rates. @return its speed code; 0 for 0; -1 if absent (2000000 is) */
+int qzlib_uart_baud_to_flag(int baud);
+
+/** Look a termios speed code up. @return its baud rate; 0 for 0; -1 if absent (0x100b is) */
+int qzlib_uart_flag_to_baud(int code);
+
+/** Placeholder: does nothing with whatever it is given. @return 0 */
+int qzlib_set_uart_baud_rate(int fd, ...);
+
+/** Placeholder, the same function under another name. @return 0 */
+int qzlib_get_uart_baud_rate(int fd, ...);
+
+/**
+ * Send a command line. Lasts at most 10 seconds.
+ * @param command  without line end, at most 509 characters; one carriage return is added
+ * @param log      not 0: log the traffic
+ * @return bytes written, fewer than the line when the alarm broke the write off half-way;
+ *         -1 when it failed ("Cannot write( %d, %s, %d )") or for a bad argument
+ */
+int chat_send(int fd, const char *command, int log);
+
+/**
+ * Collect at most 511 bytes until a text is among them, also when it arrived in pieces.
+ * @param expected  text searched for in all that was collected
+ * @param timeout   seconds of silence
+ * @param log       not 0: log the traffic (nothing when nothing arrived)
+ * @return 1 seen; 0 for silence, end of data or 511 bytes without it; -1 when a wait or a
+ *         read failed or for a bad argument
+ */
+int chat_expect(int fd, const char *expected, int timeout, int log);
+
+/**
+ * Collect what arrives.
+ * @param buffer   receives at most size - 1 bytes and a NUL behind them; its last byte is
+ *                 set to NUL first, and when nothing arrives that is all
+ * @param size     of buffer in bytes; below 2 the result is 0 at once
+ * @param timeout  seconds of silence
+ * @param log      not 0: log the traffic (nothing when nothing arrived)
+ * @return bytes read, also when a read failed after them (unlike chat_send_read(),
+ *         deliberately); -1 when a wait failed or for a bad argument
+ */
+int chat_read(int fd, char *buffer, int size, int timeout, int log);
+
+/** chat_send() and chat_expect() in one: their arguments and results. */
+int chat_send_expect(int fd, const char *command, const char *expected, int timeout, int log);
+
+/**
+ * Send a command line, within 5 seconds, and collect the answer. An answer that contains
+ * "^SIMST:255" is logged as "..........USIM Remove........", whatever log says.
+ * @param command  as chat_send()
+ * @param buffer   receives at most size - 1 bytes and a NUL; its last byte is set to NUL
+ *                 before sending
+ * @param size     of buffer in bytes; below 2 the command is sent and the result is 0
+ * @param timeout  seconds of silence
+ * @param log      not 0: log the traffic
+ * @return bytes read; -1 when the write, a wait or a read failed, counted in
+ *         at_modem_error (what was read stays in the buffer), or for a bad argument
+ */
+int chat_send_read(int fd, const char *command, char *buffer, int size, int timeout, int log);
+
+/**
+ * Send raw bytes, within 5 seconds, and collect an answer of at most 8 bytes; when all 8
+ * are there the call waits once more, for up to timeout seconds, for a ninth that it does
+ * not read.
+ * @param data    length bytes, sent as they are
+ * @param answer  at least 9 bytes and at least length: the byte at length - 1 is set to NUL
+ *                first, the answer gets a NUL behind it
+ * @param length  0 to 512
+ * @return as chat_send_read(), "^SIMST:255" and at_modem_error included
+ */
+int chat_send_ASCII_read(int fd, const void *data, char *answer, int length, int timeout, int log);
+
+/** chat_send_ASCII_read() with an answer of at most 12 bytes; answer has at least 13. */
+int chat_send_hex_read(int fd, const void *data, char *answer, int length, int timeout, int log);
+
 /* ---- Event flags ---------------------------------------------------------------------
  * 32 flags on which the threads of one process wait. Time limits are whole seconds of the
  * monotonic clock, and a limit below 1 means no limit. Every change wakes one waiter, not
@@ -544,6 +706,31 @@ unsigned int crc32(unsigned int crc, const unsigned char *buf, unsigned int len)
  * @return the checksum; 0 for an empty file, and for one that cannot be opened
  */
 unsigned int crc32file(const char *path);
+
+/* ---- Modem status --------------------------------------------------------------------
+ * What the modem daemon publishes in /tmp/modem.info, as a table in this process: lines
+ * name:value, each ended by a line feed. Which names there are is that daemon's choice.
+ * One table per process, unlocked: update and read it from one thread, or take turns.
+ * Nothing is logged. */
+
+/**
+ * Load the table anew from /tmp/modem.info. Loading stops at the first line that is not
+ * stored (no ':', or the last line without line feed) and after 64 rows. Name and value
+ * are taken as they stand, blanks included. Names count up to 63 characters and values up
+ * to 127: a longer name is cut and a longer value reads on into the next row.
+ * @return 0; -1 when not even the first line was stored, the table empty;
+ *         QZLIB_ERR_NO_FILE (-268) when the file cannot be opened, the table as it was
+ */
+int qzlib_update_modem_status_info_tab(void);
+
+/**
+ * Look a value up in the table.
+ * @param name  exact name; the empty name finds the first row without one, in most cases an
+ *              unused row with an empty value
+ * @return value inside the table, valid until the next update; null for a null name or one
+ *         that is not there
+ */
+const char *qzlib_get_modem_status_info(const char *name);
 
 /* ---- Local messages ------------------------------------------------------------------
  * A broadcast channel between the router's daemons, over netlink user sockets (groups 1
