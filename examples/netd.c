@@ -33,7 +33,7 @@ static int load_and_change_parameters(const char *service)
 
     qzlib_service_get_param(info, "wan", "apn", apn);
     qzlib_service_get_param(info, "wan", "mtu", mtu);
-    printf("netd: %u entries; wan apn=%s mtu=%s\n", qzlib_service_get_param_num(info), apn, mtu);
+    printf("netd: %d entries; wan apn=%s mtu=%s\n", qzlib_service_get_param_num(info), apn, mtu);
 
     qzlib_service_set_param(info, "wan", "mtu", "1428");
     qzlib_service_set_param_repeat(info, "wan", "dns", "10.64.0.53");
@@ -56,7 +56,11 @@ static int load_and_change_parameters(const char *service)
 static void read_interface_block(void)
 {
     static const char *const keys[] = {"interface", "ip address", "description"};
-    enum { VALUE_SIZE = 64, ENTRY_SIZE = sizeof(char *) + VALUE_SIZE, ENTRIES = sizeof keys / sizeof keys[0] };
+    enum {
+        VALUE_SIZE = 64,
+        ENTRY_SIZE = sizeof(char *) + VALUE_SIZE,
+        ENTRIES = sizeof keys / sizeof keys[0]
+    };
     char table[ENTRIES * ENTRY_SIZE] __attribute__((aligned(sizeof(char *))));
     int i;
 
