@@ -94,10 +94,10 @@ void write_hardware_address(const ifreq &answer, char *out, unsigned size)
 }
 
 struct Item {
-    unsigned code;
     void (*write)(const ifreq &answer, char *out, unsigned size);
-    char *out; // null: not asked for
+    unsigned code;
     unsigned size;
+    char *out;             // null: not asked for
     const char *logged_as; // null: a failure is not logged
 };
 
@@ -173,9 +173,9 @@ QZ_EXPORT int qzlib_get_interface_info(const char *ifname, char *ip, unsigned ip
         return QZLIB_ERR_FAILED;
     }
     const Item items[] = {
-        {SIOCGIFADDR, write_address, ip, ip_size, nullptr},
-        {SIOCGIFNETMASK, write_address, mask, mask_size, nullptr},
-        {SIOCGIFHWADDR, write_hardware_address, mac, mac_size, nullptr},
+        {write_address, SIOCGIFADDR, ip_size, ip, nullptr},
+        {write_address, SIOCGIFNETMASK, mask_size, mask, nullptr},
+        {write_hardware_address, SIOCGIFHWADDR, mac_size, mac, nullptr},
     };
     return read_items(interface, ifname, items);
 }
@@ -206,10 +206,10 @@ QZ_EXPORT int qzlib_get_pppinterface_info(const char *ifname, char *ip, unsigned
         return QZLIB_ERR_FAILED;
     }
     const Item items[] = {
-        {SIOCGIFADDR, write_address, ip, ip_size, "address"},
-        {SIOCGIFDSTADDR, write_address, peer, peer_size, "peer address"},
-        {SIOCGIFNETMASK, write_address, mask, mask_size, "netmask"},
-        {SIOCGIFHWADDR, write_hardware_address, mac, mac_size, "mac address"},
+        {write_address, SIOCGIFADDR, ip_size, ip, "address"},
+        {write_address, SIOCGIFDSTADDR, peer_size, peer, "peer address"},
+        {write_address, SIOCGIFNETMASK, mask_size, mask, "netmask"},
+        {write_hardware_address, SIOCGIFHWADDR, mac_size, mac, "mac address"},
     };
     return read_items(interface, name, items);
 }

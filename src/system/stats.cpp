@@ -102,7 +102,7 @@ CpuTicks parse_cpu_line(const char *line)
     constexpr int COLUMNS = 7;
     constexpr int IDLE_COLUMN = 3;
     const char *at = line + strspn(line, " \t");
-    at += strcspn(at, " \t\n"); // the label
+    at += strcspn(at, " \t"); // the label
     CpuTicks ticks;
     for (int column = 0; column < COLUMNS; ++column) {
         char *end = nullptr;
@@ -117,11 +117,15 @@ CpuTicks parse_cpu_line(const char *line)
     return ticks;
 }
 
-CpuTicks read_cpu_ticks(const UniqueStream &stream)
+// Reads the file's first line afresh. Not through a stream: rewinding one may leave its buffer
+// as it was, and the second sample would be the first again.
+CpuTicks read_cpu_ticks(const UniqueFd &file)
 {
     std::array<char, LINE_SIZE> line{};
-    rewind(stream.get());
-    return read_line(stream, line) ? parse_cpu_line(line.data()) : CpuTicks{};
+    if (pread(file.get(), line.data(), line.size() - 1, 0) < 0)
+        return {};
+    *strchrnul(line.data(), '\n') = '\0';
+    return parse_cpu_line(line.data());
 }
 
 // 32-bit signed arithmetic that wraps: the counters do too.
@@ -179,12 +183,12 @@ QZ_EXPORT int qzlib_get_mem_use_percent(void)
 
 QZ_EXPORT int qzlib_get_cpu_use_percent(void)
 {
-    const UniqueStream stream = qz::base::open_for_reading("/proc/stat");
-    if (!stream) {
+    const UniqueFd file(open("/proc/stat", O_RDONLY | O_CLOEXEC));
+    if (!file) {
         debug_msg(QZLIB_LOG_WARNING, MODULE, __LINE__, "fopen /proc/stat fail\n");
         return -1;
     }
-    const CpuTicks before = read_cpu_ticks(stream);
+    const CpuTicks before = read_cpu_ticks(file);
     sleep(1);
-    return cpu_percent(before, read_cpu_ticks(stream));
+    return cpu_percent(before, read_cpu_ticks(file));
 }

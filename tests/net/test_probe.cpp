@@ -136,15 +136,10 @@ TEST_F(TcpLatency, ends_on_time_with_sigterm_blocked_and_signals_coming)
     EXPECT_EQ(sigismember(&now, SIGTERM), 1) << "the caller's mask is as it was";
 }
 
-TEST_F(TcpLatency, without_a_child_or_a_pipe_is_negative)
+TEST_F(TcpLatency, without_a_pipe_is_negative)
 {
-    const rlimit few = {open_descriptors(), open_descriptors()};
-    rlimit saved{};
-    getrlimit(RLIMIT_NOFILE, &saved);
-    const rlimit low = {few.rlim_cur, saved.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &low);
+    const support::NoDescriptors none;
     EXPECT_EQ(qzlib_get_tcp_latency("127.0.0.1", "22", 100), -1);
-    setrlimit(RLIMIT_NOFILE, &saved);
 }
 
 TEST(DomainIp, of_addresses_and_names)

@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 #include <qzlib.h>
 
+#include <atomic>
 #include <chrono>
-#include <sys/resource.h>
 #include <thread>
 
 namespace
@@ -142,17 +142,15 @@ TEST(Statistics, without_files_are_logged_but_for_the_uptime)
     support::SyslogSink sink;
     syslog(LOG_ERR, "connects");
     sink.next();
-    rlimit saved{};
-    getrlimit(RLIMIT_NOFILE, &saved);
-    const rlimit none = {0, saved.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_EQ(qzlib_get_system_uptime(), 0U);
-    EXPECT_EQ(qzlib_get_system_uptime_ms(), 0U);
-    EXPECT_EQ(qzlib_get_total_mem_size(), -1);
-    EXPECT_EQ(qzlib_get_free_mem_size(), -1);
-    EXPECT_EQ(qzlib_get_mem_use_percent(), -1);
-    EXPECT_EQ(qzlib_get_cpu_use_percent(), -1);
-    setrlimit(RLIMIT_NOFILE, &saved);
+    {
+        const support::NoDescriptors none;
+        EXPECT_EQ(qzlib_get_system_uptime(), 0U);
+        EXPECT_EQ(qzlib_get_system_uptime_ms(), 0U);
+        EXPECT_EQ(qzlib_get_total_mem_size(), -1);
+        EXPECT_EQ(qzlib_get_free_mem_size(), -1);
+        EXPECT_EQ(qzlib_get_mem_use_percent(), -1);
+        EXPECT_EQ(qzlib_get_cpu_use_percent(), -1);
+    }
     for (const char *text :
          {"can't open /proc/meminfo{system_api->", "can't open /proc/meminfo{system_api->",
           "can't open /proc/meminfo{system_api->", "fopen /proc/stat fail\n{system_api->"}) {

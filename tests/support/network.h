@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <string>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -67,6 +68,24 @@ private:
 
     std::string path_;
     std::string content_;
+};
+
+// A time without a descriptor to be had.
+class NoDescriptors
+{
+public:
+    NoDescriptors()
+    {
+        getrlimit(RLIMIT_NOFILE, &saved_);
+        const rlimit none = {0, saved_.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &saved_); }
+    NoDescriptors(const NoDescriptors &) = delete;
+    NoDescriptors &operator=(const NoDescriptors &) = delete;
+
+private:
+    rlimit saved_{};
 };
 
 // True when this process has no child, running or dead.

@@ -107,6 +107,7 @@ Options parse_arguments(int argc, char **argv)
 int run(const std::vector<std::string> &words)
 {
     std::vector<char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string &word : words)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);
