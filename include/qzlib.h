@@ -10,8 +10,9 @@
  *
  * Sections, one per family:
  *   strings and addresses, message log, CLI configuration, service store, serial line and
- *   AT chat, event flags, boot environment, modem status, local messages, LEDs and GPIOs,
- *   files and packages, commands and processes, device information.
+ *   AT chat, event flags, routing, boot environment, modem status, local messages, LEDs and
+ *   GPIOs, files and packages, commands and processes, system statistics, device
+ *   information, network interfaces, probes.
  *
  * The cJSON functions come with the library: <cjson/cJSON.h> is included here, and a
  * daemon that links with -lqzlib alone may call them.
@@ -636,6 +637,141 @@ int qzlib_event_wait_noflag(qzlib_event *ev, uint32_t mask, uint32_t ignored, in
 /** Wait for one change, whatever the flags; may also wake without one. Results as qzlib_event_wait_flag(). */
 int qzlib_event_wait_event(qzlib_event *ev, int timeout);
 
+/* ---- Routing -------------------------------------------------------------------------
+ * IPv4 routes in two notations, pictures of the kernel's rules and tables, and requests to
+ * the routing daemon. Nothing here writes to the message log. The conversions are pure and
+ * callable from any thread. The snapshots run the `ip` and `route` tools, found through PATH,
+ * and read their text: tens of milliseconds, for control paths only. The tools are started
+ * without a shell, so that nothing they print is ever run. */
+
+/**
+ * Prefix length of a dotted netmask. Only the leading run of ones counts; what follows the
+ * first zero bit is deliberately not looked at (255.0.255.0 gives 8).
+ * @return 0 to 32; -1 for null or a text that is no IPv4 address
+ */
+int string2masklen(const char *mask);
+
+/**
+ * Split "a.b.c.d/n" (without "/n": a host, n is 32) into dotted texts. n is read as atoi()
+ * reads it. An address that cannot be parsed counts as 0.0.0.0 and is no failure.
+ *
+ * Deliberate: with n 32, net is 0.0.0.0 when mask is asked for too, and the address itself
+ * when it is not.
+ * @param cidr  text, not changed
+ * @param ip    16 bytes for the address, or null
+ * @param mask  16 bytes for the netmask, or null; "" when n is negative or above 32
+ * @param net   16 bytes for the network address, or null; the address unchanged when n is
+ *              negative or above 32
+ * @return 0; -1 for a null cidr
+ */
+int qz_ccid2obsolete(const char *cidr, char *ip, char *mask, char *net);
+
+/**
+ * Join an address and a dotted netmask into "a.b.c.d/n". The address is not looked at, and a
+ * mask that cannot be converted gives "/-1".
+ * @param out  strlen(ip) + 4 bytes at least; 19 for an address
+ * @return 0; -1 when an argument is null
+ */
+int qz_obsolete2ccid(char *out, const char *ip, const char *mask);
+
+/**
+ * Whether an address lies in a network.
+ * @param ip, mask  any address of the network and its dotted netmask (read as
+ *                  string2masklen() reads it)
+ * @param probe     the address asked about
+ * @return 0 inside; -1 outside, for a null argument or one that is no IPv4 address
+ */
+int srt_ipinnet_judge(const char *ip, const char *mask, const char *probe);
+
+/** One route of a table that a policy rule with a source looks up; see qz_srtinfo_stat(). */
+typedef struct srtinfo {
+    char table[8];        /**< name or number of the table, at most 7 characters */
+    int32_t prio;         /**< priority of the rule, not negative */
+    char source[32];      /**< the rule's "from": an address or prefix */
+    char dest[24];        /**< destination as the tool prints it; "0.0.0.0/0" for "default" */
+    char dest_ip[16];     /**< its address, dotted */
+    char dest_mask[16];   /**< its netmask, dotted */
+    char gateway[16];     /**< next hop; "0.0.0.0" for none */
+    char dev[32];         /**< output device */
+    struct srtinfo *next; /**< null at the end */
+} srtinfo;
+
+/**
+ * Take a picture of source routing: for every rule of `ip rule ls` with a specific source, in
+ * ascending priority, every route that `ip route ls table TABLE` prints.
+ *
+ * The lines are taken word by word, by position. Lines of other forms than "DEST [via
+ * GATEWAY] dev DEV" therefore give odd records ("blackhole" or "nexthop" as dest), and one of
+ * more than 127 characters comes in pieces. Words too long for their field are cut. Rules
+ * whose table has a name of more than 7 characters are passed over. The rules and the tables
+ * are read one after the other: routes that change meanwhile are in the picture or not.
+ *
+ * Runs one command and one more per rule. A command that cannot be started counts as empty
+ * output, and a record that there is no memory for is left out. Not to be called from two
+ * threads at once.
+ * @return the list, released with qz_srtinfo_free(); null when there is nothing to report
+ */
+srtinfo *qz_srtinfo_stat(void);
+
+/** Release a snapshot. @param list  its head, null afterwards; an empty list is left alone */
+void qz_srtinfo_free(srtinfo **list);
+
+/**
+ * Name the device of the best route of the main table for an address, from `route -n`.
+ *
+ * Deliberate order: a line replaces the best one so far when its prefix is at least as long
+ * and its metric at most as high, both; so a longer prefix with a higher metric loses, and of
+ * equals the later line wins. The first line is measured against length 0 and metric 10000.
+ * Lines without all eight columns are passed over. A rejecting route's device is "-".
+ * @param ip      dotted address
+ * @param ifname  32 bytes; untouched when no route matches
+ * @return 0; -1 when no route matches, for a null argument, or when the command cannot run
+ */
+int qzlib_get_route_interface(const char *ip, char *ifname);
+
+/**
+ * Note an address under a name, in /tmp/source_route/NAME.ip (one line, "NAME IP"); replaces
+ * an earlier note. The name becomes part of the path as it stands: do not pass names from
+ * outside the router. A path of more than 127 characters counts as one that cannot be opened;
+ * then perror("fopen failed") says so on standard error. Nothing happens when either is null.
+ */
+void srt_iip_save(const char *name, const char *ip);
+
+/**
+ * Read the address noted under a name.
+ * @param ip  16 bytes; a longer text is cut to 15 characters
+ * @return 0; -1 for a null argument, without a note, or when it holds no address
+ */
+int srt_iip_get(const char *name, char *ip);
+
+/**
+ * Ask the routing daemon (/tmp/.zserv) to add or delete an IPv4 route. One connection per
+ * call; the daemon does not answer, so that 0 means sent and not done: look at the tables to
+ * know. Callable from any thread. Blocks while the daemon has a full queue of connections.
+ *
+ * The message's numbers are those of the routing daemon's protocol and go out unchanged.
+ * Prefix bytes are deliberately not masked to the length, the daemon does that; with lengths
+ * above 32 the bytes behind the address are zero. Address 0.0.0.0 is the default route
+ * whatever its length says.
+ *
+ * Aborts the process, in every build, on a length that leaves no prefix bytes ("10.0.0.0/0")
+ * and on an empty nexthop: the default route is "0.0.0.0/0".
+ *
+ * When the write fails "write failed[REASON]" goes to standard output, and the result is 0 all
+ * the same. SIGPIPE is held back.
+ * @param command   the daemon's code, low 8 bits; 0: connect and send nothing
+ * @param type      the route's type, low 8 bits
+ * @param prefix    "a.b.c.d/n"; an address that cannot be parsed counts as 0.0.0.0 with that n
+ * @param nexthop   a text that begins with a digit is an address (0.0.0.0 when it cannot be
+ *                  parsed), any other an interface name; null: connect and send nothing
+ * @param distance  the route's distance
+ * @return 0; -1 for a prefix without '/' (nothing is opened), when the daemon is not there, or
+ *         when the message would be longer than 128 bytes (long names, absurd lengths), in
+ *         which case nothing is sent
+ */
+int qzlib_do_route(unsigned int command, unsigned int type, const char *prefix, const char *nexthop,
+                   unsigned char distance);
+
 /* ---- Boot environment ----------------------------------------------------------------
  * The bootloader's variables: one block of 0x20000 bytes at the end of the first MTD
  * partition whose name begins with "aboot", found through /sys/class/mtd once per process
@@ -1050,6 +1186,41 @@ int qzlib_process_is_unique(void);
  */
 int qzlib_process_unique(void);
 
+/* ---- System statistics ---------------------------------------------------------------
+ * Figures of the whole system from the kernel's files. A file that cannot be opened is logged
+ * at level 2 (module "system_api"), but for the uptime. No state: callable from any thread. */
+
+/** Whole seconds since boot, from /proc/uptime. @return seconds; 0 when it cannot be read */
+unsigned int qzlib_get_system_uptime(void);
+
+/**
+ * Time since boot on a scale of its own: seconds times 1000 plus the hundredths as they stand,
+ * so that 12.34 s gives 12034. Within a second it grows by 1 per 10 ms, and at the next second
+ * it jumps. Deliberate: callers compare with this scale. Does not use the heap.
+ * @return the figure; 0 when /proc/uptime cannot be read
+ */
+unsigned long long qzlib_get_system_uptime_ms(void);
+
+/** Memory of the system. @return kB, "MemTotal:" of /proc/meminfo; 0 without it; -1 without the file */
+int qzlib_get_total_mem_size(void);
+
+/** Memory to be had. @return kB, "MemAvailable:" of /proc/meminfo; 0 without it; -1 without the file */
+int qzlib_get_free_mem_size(void);
+
+/**
+ * Share of memory that is AVAILABLE, deliberately, in spite of the name. 32-bit arithmetic:
+ * right up to 40 GiB available.
+ * @return 0 to 100; -1 when /proc/meminfo lacks either figure or cannot be opened
+ */
+int qzlib_get_mem_use_percent(void);
+
+/**
+ * Share of the processors' time that was not idle, over one second in which the caller waits
+ * (less when a signal interrupts it). Waiting for devices counts as busy. From /proc/stat.
+ * @return percent; 0 when no tick went by; -1 when the file cannot be opened
+ */
+int qzlib_get_cpu_use_percent(void);
+
 /* ---- Device information --------------------------------------------------------------
  * Who the device is, from /tmp/device.info, the kernel and the settings, and the hardware
  * watchdog. Nothing is logged. The readers keep no state: callable from any thread. An
@@ -1157,6 +1328,106 @@ int qzlib_watchdog_feed(void);
 /** Stop the hardware watchdog (WDIOC_SETOPTIONS, WDIOS_DISABLECARD). @return result of the request; -1 with
  * errno */
 int qzlib_watchdog_stop(void);
+
+/* ---- Network interfaces --------------------------------------------------------------
+ * Addresses, counters and flags of one interface. Names longer than 15 characters are cut to
+ * that by the kernel. Failures are logged at level 3 (module "net_api") where it says so. No
+ * state: callable from any thread.
+ *
+ * Text outputs come with their size in bytes, whose last byte is always set to NUL. A dotted
+ * address must fit with its terminator into size - 1 bytes, so that any address needs 17; when
+ * it does not fit the buffer keeps what it held but for its last byte. A hardware address needs
+ * 18 and is cut to size - 2 characters in less. A size of 0 stands for no bound at all. */
+
+/**
+ * Read address, netmask and hardware address ("00:1A:..", upper case). One that cannot be read
+ * leaves its buffer untouched and does not stop the others. Logs only when no socket can be had.
+ * @param ifname         interface
+ * @param ip, mask, mac  outputs, each may be null
+ * @return 0 when all that was asked for was read; QZLIB_ERR_FAILED (-264);
+ *         QZLIB_ERR_ARGUMENT (-257) for a null ifname
+ */
+int qzlib_get_interface_info(const char *ifname, char *ip, unsigned ip_size, char *mask, unsigned mask_size,
+                             char *mac, unsigned mac_size);
+
+/**
+ * Kept for old daemons and NOT the address: the first four characters of its dotted text as a
+ * big-endian number ("192.168.1.1" gives 0x3139322E); 0 when it cannot be read.
+ * @return as qzlib_get_interface_info(); QZLIB_ERR_ARGUMENT (-257) for a null out, too
+ */
+int qzlib_get_ip_by_name(const char *ifname, uint32_t *out);
+
+/**
+ * As qzlib_get_interface_info(), with the address of the other end of a point-to-point link
+ * (on other links it is the interface's own). Logs every failure.
+ * @param ifname               interface; null fails like a name that does not exist
+ * @param ip, peer, mask, mac  outputs, each may be null
+ * @return 0; QZLIB_ERR_FAILED (-264)
+ */
+int qzlib_get_pppinterface_info(const char *ifname, char *ip, unsigned ip_size, char *peer,
+                                unsigned peer_size, char *mask, unsigned mask_size, char *mac,
+                                unsigned mac_size);
+
+/**
+ * Read the traffic counters of /proc/net/dev. The first line that has the name anywhere in it
+ * is taken: "eth0" finds veth0 too when that comes first. Outputs, each may be null, are
+ * untouched on failure.
+ * @return 0; QZLIB_ERR_NOT_FOUND (-272) without such a line; QZLIB_ERR_FAILED (-264), logged,
+ *         when the file cannot be opened
+ */
+int qzlib_get_interface_status(const char *ifname, long long *rx_bytes, long long *rx_packets,
+                               long long *rx_errors, long long *rx_dropped, long long *tx_bytes,
+                               long long *tx_packets, long long *tx_errors, long long *tx_dropped);
+
+/**
+ * Test interface flags (IFF_UP, IFF_RUNNING, ... of <net/if.h>). A mask with bit 15 or a higher
+ * bit is deliberately never found set.
+ * @return 0 all set; -1 not all; QZLIB_ERR_FAILED (-264), logged only without a socket;
+ *         QZLIB_ERR_ARGUMENT (-257) for a null ifname
+ */
+int qzlib_get_interface_flag(const char *ifname, int mask);
+
+/**
+ * Set interface flags; needs CAP_NET_ADMIN. Logs failures.
+ * @return 0; QZLIB_ERR_NOT_FOUND (-272) when all are set already, nothing is written then;
+ *         QZLIB_ERR_FAILED (-264); QZLIB_ERR_ARGUMENT (-257) for a null ifname
+ */
+int qzlib_set_interface_flag(const char *ifname, unsigned mask);
+
+/**
+ * Clear interface flags; needs CAP_NET_ADMIN. Logs failures, in other words than setting does.
+ * @return 0; QZLIB_ERR_NOT_FOUND (-272) when none is set, nothing is written then;
+ *         QZLIB_ERR_FAILED (-264); QZLIB_ERR_ARGUMENT (-257) for a null ifname
+ */
+int qzlib_clear_interface_flag(const char *ifname, unsigned mask);
+
+/* ---- Probes --------------------------------------------------------------------------
+ * Is a host there, and does a name resolve. Neither logs. No state: callable from any thread. */
+
+/**
+ * Time until a host takes a TCP connection. A child process resolves and connects, one address
+ * after the other; failed attempts count into the time and the lookup does not. At the limit
+ * the child is ended. It is gone when the call returns, and it ends through exit(), so that
+ * output which the caller has not flushed comes out twice: flush before.
+ * @param host        name or address
+ * @param port        number as text
+ * @param timeout_ms  milliseconds for all of it; 0: no limit
+ * @return the time on the scale of qzlib_get_system_uptime_ms(): 1 per 10 ms and a jump at
+ *         every second of uptime; -1 when nobody took the connection, at the limit, or when
+ *         no pipe or child can be had; QZLIB_ERR_FAILED (-264) when the name or port is not
+ *         resolved; QZLIB_ERR_ARGUMENT (-257) for null or a negative limit
+ */
+int qzlib_get_tcp_latency(const char *host, const char *port, int timeout_ms);
+
+/**
+ * Resolve a name to one dotted IPv4 address. Blocks as long as the resolver does. A name that
+ * qzlib_ip_is_valid() accepts is copied unchanged (-1 when it has more than 15 characters). The
+ * resolver's first entry counts; an IPv6 entry deliberately gives "0.0.0.0" (its flow
+ * information).
+ * @param ip_out  16 bytes; untouched on failure
+ * @return 0; -1 when the name does not resolve; QZLIB_ERR_ARGUMENT (-257) for null
+ */
+int qzlib_get_domain_ip(const char *name, char *ip_out);
 
 #ifdef __cplusplus
 }
