@@ -1029,7 +1029,7 @@ int qzlib_fd_write(int fd, const void *buf, unsigned len, int timeout_ms);
  */
 int qzlib_fd_read_package(int fd, void *buf, int size, int gap_ms);
 
-/** @return a file's size in bytes (low 32 bits); 0 when it cannot be opened for reading; -1 for null */
+/** @return a file's size in bytes (low 32 bits); 0 without one (/proc) or when not opened; -1 for null */
 int qzlib_get_file_size(const char *path);
 
 /**

@@ -223,6 +223,7 @@ QZ_EXPORT char *str_timestamp(time_t t, char *buf, int size)
         t = time(nullptr);
     struct tm local {
     };
+    tzset();                 // localtime_r() alone may keep the zone that the process started with
     localtime_r(&t, &local); // not localtime(): any thread may log
     std::array<char, 64> text;
     const size_t length = strftime(text.data(), text.size(), "%Y-%m-%d %X", &local);
