@@ -122,9 +122,7 @@ TEST(CpuUse, is_the_difference_of_two_samples)
         {"cpu 5 5 5 5 5 5 5\n", "cpu 5 5 5 5 5 5 5\n", 0},
         {"cpu 4294967290 0 0 4294967290 0 0 0\n", "cpu 4294967300 0 0 4294967320 0 0 0\n",
          25}, // past 32 bits
-        {"cpu 2147483640 0 0 0 0 0 0\n", "cpu 2147483650 0 0 10 0 0 0\n", 50},
         {"cpu 0 0 0 7\n", "cpu 6 0 0 9\n", 75},
-        {"", "", 0},
     };
     for (const auto &c : cases) {
         const FakeFile file("/proc/stat", c.before);
