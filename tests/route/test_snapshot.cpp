@@ -102,8 +102,9 @@ TEST_F(Snapshot, of_scripted_lines_splits_them_by_position)
             "default via 10.64.0.1 dev rmnet0 \n"
             "10.64.0.0/30 dev rmnet0 proto kernel scope link src 10.64.0.2\n"
             "10.1.0.0/16 dev via0 proto kernel\n" // a device that is named so
-            "10.2.0.0/16 via inet6 fe80::1 dev eth0\n" +
-                long_route + // read in pieces of 127 characters
+            "10.2.0.0/16 via inet6 fe80::1 dev eth0\n"
+            "10.4.0.0/16 via\n" + // no word for the gateway: none
+                long_route +      // read in pieces of 127 characters
                 "123456789012345678901234567890 via 1234567890123456789 dev "
                 "123456789012345678901234567890123456789\n"
                 "10.3.0.0/16 dev eth3"); // no line feed
@@ -114,6 +115,7 @@ TEST_F(Snapshot, of_scripted_lines_splits_them_by_position)
                  "10.64.0.0/30|10.64.0.0|255.255.255.252|0.0.0.0|rmnet0",
                  "10.1.0.0/16|10.1.0.0|255.255.0.0|via0|kernel",
                  "10.2.0.0/16|10.2.0.0|255.255.0.0|inet6|dev",
+                 "10.4.0.0/16|10.4.0.0|255.255.0.0|0.0.0.0|",
                  "10.7.0.0/16|10.7.0.0|255.255.0.0|0.0.0.0|eth7",
                  "tail1|0.0.0.0|255.255.255.255|0.0.0.0|tail3",
                  "12345678901234567890123|0.0.0.0|255.255.255.255|123456789012345|"
