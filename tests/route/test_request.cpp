@@ -53,9 +53,6 @@ public:
         close(fd);
         return bytes;
     }
-    [[nodiscard]] int fd() const { return fd_; }
-
-private:
     int fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 };
 
@@ -118,7 +115,7 @@ TEST(Request, that_cannot_be_made_is_refused)
     }
     EXPECT_EQ(qzlib_do_route(7, 4, "10.0.0.0/8", std::string(128 - 16, 'n').c_str(), 1), 0);
     EXPECT_EQ(daemon.next().size(), 128U);
-    close(daemon.fd());
+    close(daemon.fd_);
     EXPECT_EQ(qzlib_do_route(7, 4, "10.0.0.0/8", "p", 1), -1) << "refused";
     EXPECT_EQ(support::open_descriptors(), descriptors - 1);
 }
@@ -157,11 +154,11 @@ TEST(RequestDeathTest, without_bytes_to_copy_aborts_in_every_build)
 TEST(Request, survives_a_daemon_that_closes)
 {
     const Daemon daemon;
-    fcntl(daemon.fd(), F_SETFL, 0); // accept() waits
+    fcntl(daemon.fd_, F_SETFL, 0); // accept() waits
     std::thread closer([&] {
         char buffer[128];
         for (int i = 0; i < 300; ++i) {
-            const int fd = accept(daemon.fd(), nullptr, nullptr);
+            const int fd = accept(daemon.fd_, nullptr, nullptr);
             (void)!read(fd, buffer, i % 3 == 1 ? sizeof buffer : 0);
             close(fd);
         }
@@ -224,11 +221,8 @@ public:
     // Waits until it has printed so many lines besides the first.
     static void wait_for_lines(int count)
     {
-        std::string text;
-        do {
+        for (std::string text; std::count(text.begin(), text.end(), '\n') <= count; text = output())
             usleep(1000);
-            text = output();
-        } while (std::count(text.begin(), text.end(), '\n') <= count);
     }
 
 private:
