@@ -87,8 +87,8 @@ TEST_F(Snapshot, of_real_rules_and_tables)
 
 TEST_F(Snapshot, of_scripted_lines_splits_them_by_position)
 {
-    const std::string long_route = "10.7.0.0/16 dev eth7 " + std::string(106, 'a') + " tail1 tail2 tail3\n";
-    ASSERT_EQ(long_route.find("tail1"), 128U) << "the second piece begins at character 127";
+    const std::string long_route = "10.7.0.0/16 dev eth7 " + std::string(107, 'a') + " tail1 tail2 tail3\n";
+    ASSERT_EQ(long_route.find(" tail1"), 128U) << "the second piece begins with the last a";
     fake_ip("0:\tfrom all lookup local\n"
             "32765: from 192.168.10.0/24 lookup 100\n"
             "-5: from 10.0.0.1 lookup 100\n"      // a negative priority
@@ -112,7 +112,7 @@ TEST_F(Snapshot, of_scripted_lines_splits_them_by_position)
                  "10.2.0.0/16|10.2.0.0|255.255.0.0|inet6|dev",
                  "10.4.0.0/16|10.4.0.0|255.255.0.0|0.0.0.0|",
                  "10.7.0.0/16|10.7.0.0|255.255.0.0|0.0.0.0|eth7",
-                 "tail1|0.0.0.0|255.255.255.255|0.0.0.0|tail3",
+                 "a|0.0.0.0|255.255.255.255|0.0.0.0|tail2",
                  "12345678901234567890123|0.0.0.0|255.255.255.255|123456789012345|"
                  "1234567890123456789012345678901",
                  "10.3.0.0/16|10.3.0.0|255.255.0.0|0.0.0.0|eth3",
