@@ -117,22 +117,23 @@ void cache(const mbus_pkg &pkg)
     pthread_cond_signal(&delivery);
 }
 
-// Does not return while the process is connected and nothing comes.
-void read_once()
+// Waits for a packet. False when there is no ring to wait on: the process is connected, but
+// the system refused it the segment.
+bool read_once()
 {
     const Lock lock(reader_mutex);
     const Presence presence;
     const mbus_pkg *pkg = qzlib_mbus_read_pkg(nullptr, 0);
     if (pkg != nullptr)
         cache(*pkg);
+    return self() == nullptr || own_attachment().base != nullptr;
 }
 
 void *down_cache_reader(void * /*unused*/)
 {
     for (;;) {
         wait_connected();
-        read_once();
-        if (own_attachment().base == nullptr) // connected, but the system refused the segment
+        if (!read_once())
             sleep(1);
     }
     return nullptr;

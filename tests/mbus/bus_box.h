@@ -87,10 +87,10 @@ public:
     {
         return &static_cast<mbus_share_segment *>(mbus_share)->clients[index];
     }
-    mbus_client *add(const char *name)
+    mbus_client *add(std::string_view name)
     {
         mbus_client *added = record(count_++);
-        memcpy(added->name, name, strnlen(name, sizeof added->name));
+        name.copy(added->name, sizeof added->name);
         EXPECT_EQ(qzlib_client_init(added), 0);
         return added;
     }
@@ -156,11 +156,11 @@ inline void await_connected(const mbus_client *record)
         usleep(100);
 }
 
-inline mbus_pkg packet(const std::string &payload, const char *name = "", uint8_t type = 0)
+inline mbus_pkg packet(std::string_view payload, std::string_view name = "", uint8_t type = 0)
 {
     mbus_pkg pkg{};
     pkg.type = type;
-    memcpy(pkg.name, name, strnlen(name, sizeof pkg.name));
+    name.copy(pkg.name, sizeof pkg.name);
     pkg.length = static_cast<uint32_t>(payload.size());
     pkg.data = const_cast<char *>(payload.data());
     return pkg;

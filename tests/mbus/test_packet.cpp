@@ -37,7 +37,7 @@ TEST(Write, fills_a_slot_to_the_byte)
         connect_as("demo");
         mbus_client *own = qzlib_find_client_by_name("demo");
         const std::string name(64, 't');
-        mbus_pkg pkg = packet("payload", name.c_str(), 3);
+        mbus_pkg pkg = packet("payload", name, 3);
         EXPECT_EQ(qzlib_mbus_write_pkg(own, &pkg), 0);
         memset(pkg.name, '!', sizeof pkg.name); // what lies behind the terminator is not copied
         strcpy(pkg.name, "0123456789");
