@@ -18,7 +18,8 @@ constexpr int CAP = 200 * 1024;
 
 void bare_stat(benchmark::State &state)
 {
-    struct stat status {};
+    struct stat status {
+    };
     for (auto _ : state)
         benchmark::DoNotOptimize(stat(CLI_CONF, &status));
 }
@@ -33,7 +34,8 @@ void filtered_message(benchmark::State &state)
 void file_by_hand(benchmark::State &state)
 {
     const char line[] = "[2026-11-21 10:00:00]<ERROR>bench:rssi -71 of wwan0\n";
-    struct stat status {};
+    struct stat status {
+    };
     for (auto _ : state) {
         benchmark::DoNotOptimize(stat(CLI_CONF, &status));
         if (stat(LOG, &status) == 0 && status.st_size >= CAP)
@@ -54,7 +56,8 @@ void message_to_file(benchmark::State &state)
 void syslog_by_hand(benchmark::State &state)
 {
     openmsg("bench");
-    struct stat status {};
+    struct stat status {
+    };
     for (auto _ : state) {
         benchmark::DoNotOptimize(stat(CLI_CONF, &status));
         syslog(LOG_ERR, "%s", "rssi -71 of wwan0{bench->42}");

@@ -28,7 +28,8 @@ public:
     {
         for (const Run &run : runs)
             if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
-                medians_[run.run_name.function_name + (run.run_name.args.empty() ? "" : "/" + run.run_name.args)] =
+                medians_[run.run_name.function_name +
+                         (run.run_name.args.empty() ? "" : "/" + run.run_name.args)] =
                     run.real_accumulated_time;
     }
 
@@ -56,7 +57,8 @@ private:
 
 // The main() of a benchmark program: runs all benchmarks interleaved, prints the comparisons
 // as a Markdown table, and ends with 0 only when all limits held.
-inline int run_comparisons(const std::vector<Comparison> &comparisons, int repetitions = 15, double seconds = 0.1)
+inline int run_comparisons(const std::vector<Comparison> &comparisons, int repetitions = 15,
+                           double seconds = 0.1)
 {
     std::string repeat = "--benchmark_repetitions=" + std::to_string(repetitions);
     std::string time = "--benchmark_min_time=" + std::to_string(seconds);

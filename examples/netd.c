@@ -56,7 +56,11 @@ static int load_and_change_parameters(const char *service)
 static void read_interface_block(void)
 {
     static const char *const keys[] = {"interface", "ip address", "description"};
-    enum { VALUE_SIZE = 64, ENTRY_SIZE = sizeof(char *) + VALUE_SIZE, ENTRIES = sizeof keys / sizeof keys[0] };
+    enum {
+        VALUE_SIZE = 64,
+        ENTRY_SIZE = sizeof(char *) + VALUE_SIZE,
+        ENTRIES = sizeof keys / sizeof keys[0]
+    };
     char table[ENTRIES * ENTRY_SIZE] __attribute__((aligned(sizeof(char *))));
     int i;
 
