@@ -33,7 +33,7 @@ static int load_and_change_parameters(const char *service)
 
     qzlib_service_get_param(info, "wan", "apn", apn);
     qzlib_service_get_param(info, "wan", "mtu", mtu);
-    printf("netd: %u entries; wan apn=%s mtu=%s\n", qzlib_service_get_param_num(info), apn, mtu);
+    printf("netd: %d entries; wan apn=%s mtu=%s\n", qzlib_service_get_param_num(info), apn, mtu);
 
     qzlib_service_set_param(info, "wan", "mtu", "1428");
     qzlib_service_set_param_repeat(info, "wan", "dns", "10.64.0.53");

@@ -205,6 +205,164 @@ char *str_timestamp(time_t t, char *buf, int size);
  */
 int reset_file_size(const char *path, int max_size);
 
+/* ---- Service store -------------------------------------------------------------------
+ * The parameters of one service: loaded from /tmp/config/SERVICE.conf, read and changed in
+ * memory, and written back only by qzlib_service_saveto_file().
+ *
+ * The file holds one entry per line:
+ *
+ *     shutdown            the one ungrouped parameter that may stand without a value
+ *     mode=auto           an ungrouped parameter
+ *     wan                 a group header
+ *      apn=internet       a member of the group above: indented by spaces or tabs
+ *      roaming            a member without a value, which differs from an empty one
+ *
+ * A line is cut at its first '=' and both parts are trimmed; blank lines and lines that
+ * begin with '#' after trimming are skipped. Lines of more than 1023 bytes are read as
+ * several; a NUL byte ends its line's text; a last line without line feed is not taken.
+ * Once an ungrouped parameter was read, indented lines are skipped up to the next header.
+ *
+ * The store is a flat list in file order: a group is a header entry and the members behind
+ * it, up to the next header of another name; a further header of the same name before that
+ * continues the group. Entries in front of the first header are outside any group, as are
+ * all of type SERVICE_NODE_TOP. A null or empty group argument means "outside any group".
+ * Names are case-sensitive and compared as they stand. Names and values are stored cut to
+ * 256 characters: a longer name (of a parameter or a group) therefore never matches what
+ * was stored for it.
+ *
+ * Nothing logs. Nothing is locked: a store belongs to the thread that loaded it, or to
+ * callers with a lock of their own. Texts passed in are copied, and may be those that a
+ * listing returned. */
+
+enum {
+    SERVICE_NODE_TOP = 0,      /**< type of a parameter outside any group */
+    SERVICE_NODE_PARAM = 1,    /**< type of a parameter inside the group above it */
+    SERVICE_NODE_GROUP = 2,    /**< type of a group header, usually without a value */
+    SERVICE_STR_MAX = 256,     /**< characters kept of a name or a value */
+    SERVICE_MAX_ENTRIES = 1024 /**< entries that a service_param_list holds */
+};
+
+/** A loaded store, made by qzlib_service_info_init(). */
+typedef struct service_info service_info;
+
+/**
+ * What a listing found. The caller's record; only its first count rows are filled. The
+ * texts are the store's own: not to be changed or freed, each valid until its entry is
+ * deleted, its value replaced, or the store emptied or freed.
+ */
+typedef struct {
+    uint32_t count;                    /**< entries filled, at most SERVICE_MAX_ENTRIES */
+    char *name[SERVICE_MAX_ENTRIES];   /**< never null */
+    char *value[SERVICE_MAX_ENTRIES];  /**< null for an entry without a value */
+    int32_t type[SERVICE_MAX_ENTRIES]; /**< SERVICE_NODE_TOP, _PARAM or _GROUP */
+} service_param_list;
+
+/**
+ * Load a service's file, /tmp/config/SERVICE.conf.
+ * @param service  name; one of more than 200 characters counts as a missing file
+ * @return the store, released with qzlib_service_info_uninit(): an empty one when the file
+ *         cannot be opened, what was read so far when memory runs out on the way; null for a
+ *         null service or when the store itself cannot be allocated
+ */
+service_info *qzlib_service_info_init(const char *service);
+
+/** Release a store with its entries. @return 0; -1 for null */
+int qzlib_service_info_uninit(service_info *info);
+
+/** Delete all entries and keep the store. @return 0; -1 for null */
+int qzlib_service_info_empty(service_info *info);
+
+/**
+ * Write the store as a file that reads back to the same entries. Groups without members are
+ * not written, deliberately. Names and values are written as they stand: blanks around them,
+ * line feeds, a name with '=' or a leading '#', a group called "shutdown" read back otherwise.
+ * Write errors are ignored.
+ * @param path  created or truncated; any path, though only /tmp/config/SERVICE.conf is read
+ *              by qzlib_service_info_init()
+ * @return 0; -1 for a null argument or when the file cannot be opened for writing
+ */
+int qzlib_service_saveto_file(const service_info *info, const char *path);
+
+/**
+ * Set a parameter: the first one of that name gets the value and keeps its place; without
+ * one it is added.
+ *
+ * A new member goes to the end of its group, "shutdown" to the group's front; a missing group
+ * is added at the end of the store. A new ungrouped parameter goes directly before the first
+ * group header and, as long as there are no groups, to the front, so that the order is
+ * reversed then, deliberately; "shutdown" goes to the very front and stays there. A new
+ * ungrouped name without a value, other than "shutdown", becomes the header of an empty
+ * group, at that same place.
+ * @param group  null or empty: outside any group
+ * @param name   not null
+ * @param value  null: without a value
+ * @return 0; -1 for a null info or name, and when out of memory (an added group then stays)
+ */
+int qzlib_service_set_param(service_info *info, const char *group, const char *name, const char *value);
+
+/**
+ * Add a parameter, even if there is one of that name. In a group the new one goes directly
+ * behind the first of its name, deliberately: a, then b, then c come out as a, c, b. Places
+ * and results are otherwise those of qzlib_service_set_param().
+ */
+int qzlib_service_set_param_repeat(service_info *info, const char *group, const char *name,
+                                   const char *value);
+
+/**
+ * Delete parameters: all of that name, not only the first.
+ *
+ * In a group a null name deletes the whole group with its header; otherwise the header stays,
+ * even without members. Outside any group the scan ends at a group that bears the name, and
+ * that whole group is deleted too, unless a value is given.
+ * @param group  null or empty: outside any group
+ * @param name   may be null for a given group only
+ * @param value  null, or delete only entries with this value; needs a name
+ * @return 0 when something was deleted; -1 when nothing was, and for arguments that name
+ *         nothing (a null info, neither group nor name, a value without a name)
+ */
+int qzlib_service_del_param(service_info *info, const char *group, const char *name, const char *value);
+
+/**
+ * Find the first parameter of a name. In a group an ungrouped parameter behind the header
+ * ends the search, though it does not when setting or deleting.
+ * @param group      null or empty: outside any group
+ * @param value_out  256 bytes that receive the value as strncpy() fills them, without
+ *                   terminator when the value has 256 characters, deliberately; untouched
+ *                   when the parameter has no value; may be null
+ * @return 0 when found; -1 when not, and for a null info or name
+ */
+int qzlib_service_get_param(const service_info *info, const char *group, const char *name, char *value_out);
+
+/**
+ * Load a service's file and see whether it has a parameter, as qzlib_service_get_param() does.
+ * @return 0 when it does; -1 otherwise, and for a null service or name
+ */
+int qzlib_service_find_param(const char *service, const char *group, const char *name);
+
+/**
+ * List the group headers.
+ * @return their number, at most SERVICE_MAX_ENTRIES; 0, not -1, for a null argument, with
+ *         nothing written
+ */
+int qzlib_service_get_group_name(const service_info *info, service_param_list *out);
+
+/**
+ * List the parameters of one group; an ungrouped parameter behind the header ends it.
+ * @return their number, at most SERVICE_MAX_ENTRIES, 0 when there is no such group; -1 for a
+ *         null argument or an empty group, with nothing written
+ */
+int qzlib_service_get_group_param(const service_info *info, const char *group, service_param_list *out);
+
+/**
+ * List all entries, headers included.
+ * @return their number, at most SERVICE_MAX_ENTRIES; -1 for a null argument, with nothing
+ *         written
+ */
+int qzlib_service_get_all_param(const service_info *info, service_param_list *out);
+
+/** Count all entries, headers included, without a limit. @return their number; 0 for null */
+int qzlib_service_get_param_num(const service_info *info);
+
 /* ---- Event flags ---------------------------------------------------------------------
  * 32 flags on which the threads of one process wait. Time limits are whole seconds of the
  * monotonic clock, and a limit below 1 means no limit. Every change wakes one waiter, not

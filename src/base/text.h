@@ -27,6 +27,12 @@ inline void copy_text(std::span<char> out, std::string_view text)
     out[length] = '\0';
 }
 
+// As std::string_view::starts_with(), which in builds without optimisation needs libstdc++.
+inline bool starts_with(std::string_view text, std::string_view start)
+{
+    return text.size() >= start.size() && memcmp(text.data(), start.data(), start.size()) == 0;
+}
+
 // A fixed-width field as text, without reading past it.
 inline std::string_view field_text(std::span<const char> field)
 {

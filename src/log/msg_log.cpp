@@ -56,11 +56,11 @@ uint32_t level_file_mtime = 0;
 
 void take_level_line(std::string_view line)
 {
-    if (!line.starts_with(LEVEL_LINE_START))
+    if (!qz::base::starts_with(line, LEVEL_LINE_START))
         return;
     line.remove_prefix(LEVEL_LINE_START.size());
     const auto *level =
-        std::ranges::find_if(LEVELS, [line](const Level &l) { return line.starts_with(l.word); });
+        std::ranges::find_if(LEVELS, [line](const Level &l) { return qz::base::starts_with(line, l.word); });
     if (level != LEVELS.end())
         __atomic_store_n(&threshold, static_cast<int>(level - LEVELS.begin()), __ATOMIC_RELAXED);
 }
