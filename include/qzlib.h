@@ -205,6 +205,65 @@ char *str_timestamp(time_t t, char *buf, int size);
  */
 int reset_file_size(const char *path, int max_size);
 
+/* ---- CLI configuration ---------------------------------------------------------------
+ * Lookups in the router's command-line configuration, /tmp/config/cli.conf: a block is a
+ * header line at the left margin, parameter lines indented by one space, and a closing
+ * line. Any line with "!" anywhere in it closes a block. Every call opens and reads the
+ * file afresh; a last line without line feed is not read, and a longer line than the bound
+ * named is taken in pieces. Nothing is kept or logged: callable from any thread. */
+
+/** Mode of cli_config_get(): values are single words. */
+#define QZLIB_CLI_WORDS 2
+
+/** Result of cli_config_get(): the block was found and gave no parameter. */
+#define QZLIB_CLI_EMPTY_BLOCK 2
+
+/**
+ * Ask whether a block contains a text (the name is spelt so). Lines of at most 255
+ * characters are read. The first block with that header line counts.
+ * @param block  the whole header line, without its line end
+ * @param text   text to find anywhere in a line of the block
+ * @return 0 found; -1 not found, no such block, no file, or a null argument
+ */
+int cli_find_paremeter(const char *block, const char *text);
+
+/**
+ * Read the parameters of one block into a lookup table. Lines of at most 383 characters are
+ * read.
+ *
+ * The table is one buffer that holds a run of entries, each at a 4-byte boundary of the
+ * buffer: the address of the key (one machine word, which need not be aligned further),
+ * directly behind it the value's area, then only zero bytes up to the next entry. The
+ * caller zeroes the table, puts the keys in, and leaves room for the longest value
+ * expected and its terminator; a longer one is cut to its area. The first entry's key is
+ * the word that block headers begin with, and its value receives the header's argument;
+ * the other keys are parameter names.
+ *
+ * First value empty: the first block with that header word is taken. A header without
+ * argument is taken only if its block holds a parameter. First value preset: the block
+ * that follows the one with this argument is taken, and all other values are cleared
+ * before it is read, so that passing the table back again and again enumerates the
+ * blocks. The search ends at a second block with the preset argument.
+ *
+ * A parameter counts where its key's first occurrence in the line has a blank before it.
+ * The character behind the key and further blanks are passed over, and an empty rest is no
+ * value. With QZLIB_CLI_WORDS the value is one word, the last line wins, and a line may
+ * serve several entries in their order; otherwise it is the rest of the line and the first
+ * line wins. One or two line-end characters are removed. A line that begins with
+ * " shutdown" counts as a parameter found and is not looked into.
+ *
+ * With QZLIB_CLI_WORDS a block whose header argument holds a blank is not taken;
+ * deliberately, the argument stays in the first value with its line end and is the preset
+ * value from then on. So an enumeration passes over such a block, while a first call that
+ * meets one before any block it can take ends with -1.
+ * @param table  the table; values are filled in place
+ * @param size   of the table in bytes; nothing outside it is touched
+ * @param mode   QZLIB_CLI_WORDS, or any other value for whole lines
+ * @return 0 a parameter was found; QZLIB_CLI_EMPTY_BLOCK (2) block without parameter;
+ *         -1 no block taken, no file, or a table without an entry
+ */
+int cli_config_get(void *table, int size, int mode);
+
 /* ---- Service store -------------------------------------------------------------------
  * The parameters of one service: loaded from /tmp/config/SERVICE.conf, read and changed in
  * memory, and written back only by qzlib_service_saveto_file().
@@ -414,9 +473,135 @@ int qzlib_event_wait_noflag(qzlib_event *ev, uint32_t mask, uint32_t ignored, in
 /** Wait for one change, whatever the flags; may also wake without one. Results as qzlib_event_wait_flag(). */
 int qzlib_event_wait_event(qzlib_event *ev, int timeout);
 
+/* ---- Files and packages --------------------------------------------------------------
+ * Reads and writes with a time limit, facts about files and file systems, and the version
+ * stamp of the router's own programs. Descriptors are borrowed, never closed here, of any
+ * number. Time limits are milliseconds. No state, no logging, callable from any thread. */
+
+/**
+ * Read once from a descriptor, waiting no longer than the limit. Signals do not end the
+ * wait or prolong it.
+ * @param fd          open descriptor
+ * @param buf         receives at most len bytes; not terminated
+ * @param len         of buf in bytes
+ * @param timeout_ms  milliseconds; below 1: wait without limit
+ * @return bytes read, perhaps fewer than len; 0 at the time limit or end of file; -1 for a
+ *         negative fd, a null buf, or a failed wait or read
+ */
+int qzlib_fd_read(int fd, void *buf, unsigned len, int timeout_ms);
+
+/**
+ * Write to a descriptor until everything is written, the limit is reached or an error
+ * occurs. Deliberately, when everything is written it still waits until the descriptor is
+ * writable once more and writes 0 bytes: on a pipe or socket that is full to the last byte
+ * the call lasts until there is room again (or to its limit), and a datagram socket sends
+ * an empty datagram.
+ * @param fd          open descriptor; SIGPIPE is the caller's affair
+ * @param buf         bytes to write
+ * @param len         how many
+ * @param timeout_ms  milliseconds for all waits of the call together; below 1: no limit
+ * @return bytes written, perhaps fewer than len, also after an error; -1 for a negative fd
+ *         or a null buf
+ */
+int qzlib_fd_write(int fd, const void *buf, unsigned len, int timeout_ms);
+
+/**
+ * Gather one package: everything that arrives without a pause longer than gap_ms, up to
+ * size bytes. The wait for the first byte has no limit; a signal ends it.
+ * @param fd      open descriptor
+ * @param buf     receives at most size bytes; not terminated
+ * @param size    of buf in bytes, at least 1
+ * @param gap_ms  milliseconds, at least 1
+ * @return bytes gathered, 0 at end of file or when the first read fails; -1 for a bad
+ *         argument, or when the wait for the first byte failed
+ */
+int qzlib_fd_read_package(int fd, void *buf, int size, int gap_ms);
+
+/** @return a file's size in bytes (low 32 bits); 0 when it cannot be opened for reading; -1 for null */
+int qzlib_get_file_size(const char *path);
+
+/**
+ * Free space of the file system that holds a path, in bytes, the blocks reserved for the
+ * superuser included.
+ * @return bytes; 0 for null or when it cannot be examined
+ */
+unsigned long long qzlib_get_dir_free_space(const char *path);
+
+/**
+ * Find the device mounted at, or holding, a path in /proc/mounts. The first entry counts
+ * whose directory or device name is the path as written. A path that is not a device node
+ * is also found by the device that it lies on.
+ * @param path     existing path
+ * @param dev_out  receives the device name as it stands in /proc/mounts, however long it
+ *                 is; may be null
+ * @return 0; -1 for null, a path that does not exist, or no match, dev_out untouched
+ */
+int qzlib_get_mount_dev(const char *path, char *dev_out);
+
+/**
+ * Ask whether a directory is a mount point, by comparing it with its parent: a bind mount
+ * from the same file system is not seen. "/" is one.
+ * @param path  at most 1020 characters; not a symbolic link
+ * @return 1; 0 otherwise, for null, and for what is not a directory
+ */
+int qzlib_path_is_mountpoint(const char *path);
+
+/** @return the magic number of the file system that holds a path (as statfs()); 0 for null or on failure */
+unsigned qzlib_get_filesystem_type(const char *path);
+
+/** @return 1 when a file can be read and begins with the ELF magic, else 0; 0 for null */
+int qzlib_file_is_elf(const char *path);
+
+/**
+ * Read the version stamp of an installed program, /usr/sbin/PROGRAM (the path is cut to
+ * 127 characters). A stamp is the text "--qzversion", any one byte and a version text that
+ * begins with 'V' and runs to the next NUL; the first one counts. Only ELF files of at most
+ * 5242880 bytes are searched, and the file is held in memory for the call.
+ * @param program   file name
+ * @param ver_out   receives the version as strncpy() gives it: a version of ver_size
+ *                  characters or more arrives without terminator
+ * @param ver_size  of ver_out in bytes, at least 1
+ * @return 0; -1 for a bad argument or without a stamp, ver_out untouched
+ */
+int qzlib_get_ori_version(const char *program, char *ver_out, int ver_size);
+
+/** As qzlib_get_ori_version(), of the copy staged for an update, /mnt/update/PROGRAM. */
+int qzlib_get_patch_version(const char *program, char *ver_out, int ver_size);
+
+/** @return 1 when the file carries a version stamp (see qzlib_get_ori_version()), else 0; 0 for null */
+int qzlib_file_is_qzapp(const char *path);
+
 /* ---- Commands and processes ----------------------------------------------------------
- * Run shell commands, look at other processes, guard against running twice, switch
- * descriptors and signal handlers. */
+ * Run shell commands, look at other processes through /proc, guard against running twice,
+ * switch descriptors and signal handlers. Only system_dumb() logs. The others keep no
+ * state and are callable from any thread; signal handlers belong to the whole process. */
+
+/**
+ * Run a shell command and wait for it, no longer than a limit. SIGQUIT and SIGINT are
+ * ignored and SIGCHLD has its default action meanwhile; with a limit SIGALRM is taken and
+ * unblocked too, and an alarm of the caller's is cancelled for good. All actions and the
+ * mask are put back as they were. The command gets the caller's actions. When the limit is
+ * reached the shell is killed, not what it has started.
+ *
+ * Logs at QZLIB_LOG_WARNING with module "system_api" when the command is killed and when it
+ * cannot be waited for (someone else reaped it).
+ *
+ * Not for two threads at once.
+ * @param cmd        for /bin/sh -c; only its first 255 characters are used
+ * @param timeout_s  seconds; below 1: no limit
+ * @return the exit code, 127 when the shell cannot be started; the raw wait status of a
+ *         command ended by a signal; QZLIB_ERR_TIME_LIMIT (-267) killed at the limit;
+ *         QZLIB_ERR_ARGUMENT (-257) for null; QZLIB_ERR_FAILED (-264) when it cannot be
+ *         started or waited for
+ */
+int system_dumb(const char *cmd, int timeout_s);
+
+/**
+ * Run a shell command with the standard system(), without a limit. Logs nothing.
+ * @param format  as printf(); only the first 1023 characters of the command are used
+ * @return what system() gives; -1 for null
+ */
+int qzlib_exe_cmd(const char *format, ...) QZLIB_PRINTF(1, 2);
 
 /**
  * Point standard output, and standard error too, at /dev/null. When descriptor 1 or 2 was
@@ -431,6 +616,63 @@ int qzlib_set_nonblock(int fd);
 
 /** Remove O_NONBLOCK from a descriptor's status flags. @return 0; QZLIB_ERR_FAILED (-264) */
 int qzlib_set_block(int fd);
+
+/**
+ * Install a signal handler with an empty mask and without SA_RESTART, so that the signal
+ * ends a blocking call in progress with EINTR.
+ * @param sig      signal
+ * @param handler  function, SIG_IGN or SIG_DFL
+ * @return the previous handler; SIG_ERR (-1) when it cannot be installed
+ */
+void (*qzlib_sys_signal(int sig, void (*handler)(int)))(int);
+
+/**
+ * State of a process, from /proc/PID/stat. Deliberately, only the first ')' of the line is
+ * taken for the end of the name: a name that holds one gives a wrong state.
+ * @return 1 running, 2 sleeping, 3 uninterruptible wait, 4 stopped, 5 zombie, 6 dead;
+ *         0 any other state, or no such process
+ */
+int qzlib_get_process_state_by_pid(int pid);
+
+/**
+ * Name of a process, from /proc/PID/comm.
+ * @param pid   process
+ * @param buf   receives at most size - 1 characters of the name, terminated
+ * @param size  of buf in bytes; 1 leaves no room and fails
+ * @return 0; -1 for a bad argument or no such process, buf untouched
+ */
+int qzlib_get_process_name_by_pid(int pid, char *buf, int size);
+
+/**
+ * Path of the program that a process runs, from the link /proc/PID/exe.
+ * @param pid   process
+ * @param buf   receives at most size - 1 characters of the path, silently cut, terminated
+ * @param size  of buf in bytes; 1 leaves no room and fails
+ * @return 0; -1 for a bad argument, no such process or one without program, buf untouched
+ */
+int qzlib_get_process_path_by_pid(int pid, char *buf, int size);
+
+/**
+ * Find a process by its name and, unless path is null, by its program's path too. The first
+ * one in the order of /proc counts, which may be the caller.
+ * @param name  as qzlib_get_process_name_by_pid() gives it; the kernel keeps 15 characters
+ * @param path  as qzlib_get_process_path_by_pid() gives it with 255 characters; or null
+ * @return process id; -1 for a null name or when there is none
+ */
+int qzlib_get_pid_by_name_path(const char *name, const char *path);
+
+/**
+ * Ask whether no other process has this one's name and program path.
+ * @return 1 unique, or /proc cannot be read; 0 another instance runs
+ */
+int qzlib_process_is_unique(void);
+
+/**
+ * Let only one instance run: when another one does, prints "The process is already
+ * running" and a line feed on standard output and ends this process with exit(0).
+ * @return 1
+ */
+int qzlib_process_unique(void);
 
 #ifdef __cplusplus
 }

@@ -1,6 +1,7 @@
 #include "base/export.h"
 #include "base/owners.h"
 #include "base/text.h"
+#include "log/cli_file.h"
 
 #include <algorithm>
 #include <array>
@@ -15,8 +16,8 @@ namespace
 using qz::base::ErrnoKeeper;
 using qz::base::UniqueFd;
 using qz::base::UniqueStream;
+using qz::log::CLI_CONFIG_PATH;
 
-constexpr const char *CLI_CONFIG_PATH = "/tmp/config/cli.conf";
 constexpr std::string_view LEVEL_LINE_START = "log msg-level ";
 constexpr size_t CLI_LINE_SIZE = 384;
 constexpr int DEFAULT_MAX_SIZE = 204800;

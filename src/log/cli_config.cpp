@@ -1,0 +1,263 @@
+#include "base/export.h"
+#include "base/owners.h"
+#include "base/text.h"
+#include "log/cli_file.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <optional>
+#include <qzlib.h>
+
+namespace
+{
+
+using qz::base::UniqueStream;
+using qz::log::CLI_CONFIG_PATH;
+
+constexpr size_t FIND_LINE_SIZE = 256;
+constexpr size_t GET_LINE_SIZE = 384;
+constexpr size_t ENTRY_ALIGNMENT = 4;
+constexpr std::string_view SHUTDOWN_LINE_START = " shutdown";
+
+// "!" anywhere in a line makes it a block end, also inside a quoted text.
+bool is_block_end(std::string_view line)
+{
+    return line.find('!') != std::string_view::npos;
+}
+
+bool is_line_end(char c)
+{
+    return c == '\r' || c == '\n';
+}
+
+std::string_view without_line_end(std::string_view text)
+{
+    for (int i = 0; i < 2 && !text.empty() && is_line_end(text.back()); ++i)
+        text.remove_suffix(1);
+    return text;
+}
+
+// One entry of the caller's lookup table. The area reaches to the next entry: text, then zeros.
+struct Entry {
+    const char *key;
+    std::span<char> area;
+    size_t next; // offset of the entry behind this one
+
+    [[nodiscard]] std::string_view value() const { return qz::base::field_text(area); }
+
+    void clear() const { std::ranges::fill(area, '\0'); }
+
+    // A value that is too long is cut, so that it cannot reach the next entry's key.
+    void set_value(std::string_view text) const
+    {
+        clear();
+        if (!area.empty())
+            qz::base::copy_text(area, text);
+    }
+};
+
+// Keys are machine words at 4-byte boundaries of the table, so a 64-bit one may be misaligned.
+class LookupTable
+{
+public:
+    LookupTable(void *table, size_t size) : bytes_(static_cast<char *>(table), size) {}
+
+    [[nodiscard]] std::optional<Entry> first() const { return entry_at(0); }
+    [[nodiscard]] std::optional<Entry> after(const Entry &entry) const { return entry_at(entry.next); }
+
+private:
+    [[nodiscard]] std::optional<Entry> entry_at(size_t offset) const
+    {
+        if (offset + sizeof(const char *) > bytes_.size())
+            return std::nullopt;
+        Entry entry{};
+        memcpy(&entry.key, &bytes_[offset], sizeof entry.key);
+        if (entry.key == nullptr)
+            return std::nullopt;
+        const std::span<char> rest = bytes_.subspan(offset + sizeof entry.key);
+        entry.area = rest.first(area_size(rest));
+        entry.next = offset + sizeof entry.key + entry.area.size();
+        return entry;
+    }
+
+    // The first byte of a key may be zero: hence back to the boundary.
+    static size_t area_size(std::span<const char> rest)
+    {
+        const auto text_end = rest.begin() + static_cast<ptrdiff_t>(qz::base::field_text(rest).size());
+        const auto key = std::find_if(text_end, rest.end(), [](char c) { return c != '\0'; });
+        const auto offset = static_cast<size_t>(key - rest.begin());
+        return key == rest.end() ? offset : offset / ENTRY_ALIGNMENT * ENTRY_ALIGNMENT;
+    }
+
+    std::span<char> bytes_;
+};
+
+// What stands behind a key in a parameter line; empty when the line holds no value for it. Only
+// the first occurrence is looked at, and the character behind the key is passed over unseen.
+std::string_view value_in_line(std::string_view line, std::string_view key)
+{
+    const size_t at = line.find(key);
+    if (at == std::string_view::npos || at == 0 || line[at - 1] != ' ')
+        return {};
+    line.remove_prefix(std::min(line.size(), at + key.size() + 1));
+    line.remove_prefix(std::min(line.size(), line.find_first_not_of(' ')));
+    return line;
+}
+
+// One call's pass through the file.
+class BlockReader
+{
+public:
+    BlockReader(FILE *stream, const LookupTable &table, const Entry &header, int mode)
+        : stream_(stream), table_(table), header_(header), by_word_(mode == QZLIB_CLI_WORDS)
+    {
+    }
+
+    int run()
+    {
+        std::array<char, GET_LINE_SIZE> line;
+        while (qz::base::read_full_line(stream_, line)) {
+            const std::optional<std::string_view> argument = header_argument(line.data());
+            if (!argument)
+                continue;
+            const std::optional<int> result = argument->empty() ? nameless() : named(*argument);
+            if (result)
+                return *result;
+        }
+        return -1;
+    }
+
+private:
+    // The argument of a header line, its line end included; nothing for any other line.
+    [[nodiscard]] std::optional<std::string_view> header_argument(std::string_view line) const
+    {
+        if (line.empty() || is_block_end(line) || !qz::base::starts_with(line, header_.key))
+            return std::nullopt;
+        line.remove_prefix(strlen(header_.key));
+        if (!line.empty() && line.front() != ' ' && !is_line_end(line.front()))
+            return std::nullopt;
+        line.remove_prefix(std::min(line.size(), line.find_first_not_of(" \r\n")));
+        return line;
+    }
+
+    // A header without argument: its block counts on a first call only, and only when it holds
+    // a parameter.
+    std::optional<int> nameless()
+    {
+        if (header_.value().empty() && read_block())
+            return 0;
+        return std::nullopt;
+    }
+
+    std::optional<int> named(std::string_view argument)
+    {
+        const bool iterating = !header_.value().empty();
+        if (iterating) {
+            const bool is_preset = without_line_end(argument) == header_.value();
+            if (is_preset && preset_seen_)
+                return -1;
+            if (!preset_seen_) {
+                preset_seen_ = is_preset;
+                return std::nullopt;
+            }
+        }
+        header_.set_value(argument);
+        // Not taken, and yet it stays behind as the preset value, line end and all: on a first
+        // call no header can equal it any more, deliberately.
+        if (by_word_ && argument.find(' ') != std::string_view::npos)
+            return std::nullopt;
+        header_.set_value(without_line_end(argument));
+        if (iterating)
+            clear_parameters();
+        return read_block() ? 0 : QZLIB_CLI_EMPTY_BLOCK;
+    }
+
+    void clear_parameters() const
+    {
+        for (auto entry = table_.after(header_); entry; entry = table_.after(*entry))
+            entry->clear();
+    }
+
+    // Reads to the end of the block; whether it held a parameter.
+    bool read_block()
+    {
+        bool found = false;
+        std::array<char, GET_LINE_SIZE> line;
+        while (qz::base::read_full_line(stream_, line) && !is_block_end(line.data())) {
+            const std::string_view text = line.data();
+            if (qz::base::starts_with(text, SHUTDOWN_LINE_START) || parse_line(text))
+                found = true;
+        }
+        return found;
+    }
+
+    // Offers a line to the parameter entries. A value that is the rest of the line ends the
+    // line; behind a single word the next entries may find theirs.
+    bool parse_line(std::string_view line) const
+    {
+        bool found = false;
+        for (auto entry = table_.after(header_); entry; entry = table_.after(*entry)) {
+            const std::string_view rest = value_in_line(line, entry->key);
+            if (rest.empty() || (!by_word_ && !entry->value().empty()))
+                continue;
+            const size_t length = by_word_ ? std::min(rest.size(), rest.find(' ')) : rest.size();
+            entry->set_value(without_line_end({rest.data(), length}));
+            found = true;
+            if (length == rest.size())
+                break;
+        }
+        return found;
+    }
+
+    FILE *stream_;
+    const LookupTable &table_;
+    Entry header_;
+    bool by_word_;
+    bool preset_seen_ = false;
+};
+
+bool is_block_header(std::string_view line, std::string_view block)
+{
+    return qz::base::starts_with(line, block) && line.size() > block.size() &&
+           is_line_end(line[block.size()]);
+}
+
+} // namespace
+
+QZ_EXPORT int cli_find_paremeter(const char *block, const char *text)
+{
+    if (block == nullptr || text == nullptr)
+        return -1;
+    const UniqueStream stream = qz::base::open_for_reading(CLI_CONFIG_PATH);
+    if (!stream)
+        return -1;
+    bool in_block = false;
+    std::array<char, FIND_LINE_SIZE> buffer;
+    while (qz::base::read_full_line(stream.get(), buffer)) {
+        const std::string_view line = buffer.data();
+        if (is_block_end(line)) {
+            if (in_block)
+                return -1;
+        } else if (!in_block) {
+            in_block = is_block_header(line, block);
+        } else if (line.find(text) != std::string_view::npos) {
+            return 0;
+        }
+    }
+    return -1;
+}
+
+QZ_EXPORT int cli_config_get(void *table, int size, int mode)
+{
+    if (table == nullptr || size < 0)
+        return -1;
+    const LookupTable lookup(table, static_cast<size_t>(size));
+    const std::optional<Entry> header = lookup.first();
+    if (!header)
+        return -1;
+    const UniqueStream stream = qz::base::open_for_reading(CLI_CONFIG_PATH);
+    if (!stream)
+        return -1;
+    return BlockReader(stream.get(), lookup, *header, mode).run();
+}
