@@ -9,9 +9,10 @@
  * included (cli_find_paremeter, qzlib_event_unint, qzlib_str_tolowr, ...).
  *
  * Sections, one per family:
- *   strings and addresses, message log, CLI configuration, service store, serial line and
- *   AT chat, event flags, boot environment, modem status, local messages, LEDs and GPIOs,
- *   files and packages, commands and processes, device information.
+ *   strings and addresses, message log, CLI configuration, service store, message bus,
+ *   serial line and AT chat, event flags, routing, boot environment, modem status, local
+ *   messages, LEDs and GPIOs, files and packages, commands and processes, system
+ *   statistics, device information, sockets, network interfaces, probes.
  *
  * The cJSON functions come with the library: <cjson/cJSON.h> is included here, and a
  * daemon that links with -lqzlib alone may call them.
@@ -423,6 +424,238 @@ int qzlib_service_get_all_param(const service_info *info, service_param_list *ou
 /** Count all entries, headers included, without a limit. @return their number; 0 for null */
 int qzlib_service_get_param_num(const service_info *info);
 
+/* ---- Message bus ---------------------------------------------------------------------
+ * The daemons of the router talk through one bus server. It owns the local datagram socket
+ * QZLIB_MBUS_SOCKET and a System V shared-memory table of clients; every client has a
+ * segment of its own with two packet rings, "up" (client to server) and "down" (server to
+ * client). A daemon connects, starts the down cache and answers with qzlib_mbus_write();
+ * docs/bus.md has the formats, the guarantees and the limits.
+ *
+ * The same functions serve the bus server: given a record that is not this process's own,
+ * they act on that client's rings from the server's end.
+ *
+ * Everything in shared memory is fixed to the byte on 32-bit and 64-bit hosts, is
+ * little-endian, and is never trusted: no index, length or name found there makes a call
+ * leave the segment. One thread at a time may write a ring, and one may read it; connect
+ * and disconnect are not to be called while other calls on the bus run (a thread that
+ * waits in qzlib_mbus_read_pkg() and the down cache are looked after). Packets are written
+ * and read without heap and, when nobody sleeps on the ring, without a system call. A
+ * process that is killed at any point stops nobody else. Messages go to debug_msg() with
+ * the module "mbus_api". */
+
+#define QZLIB_MBUS_SOCKET "/tmp/mbus.sock" /**< control socket, bound by the bus server */
+
+/** Sizes and keys of the bus's shared memory. */
+enum {
+    QZLIB_MBUS_SHARE_KEY = 20206372,  /**< System V key of the share segment */
+    QZLIB_MBUS_SHARE_SIZE = 8520,     /**< bytes, struct mbus_share_segment */
+    QZLIB_MBUS_CLIENTS = 50,          /**< records in the client table */
+    QZLIB_MBUS_NAME_SIZE = 32,        /**< client name; no terminator at 32 characters */
+    QZLIB_MBUS_SEGMENT_SIZE = 534656, /**< bytes of a client segment: up ring, down ring */
+    QZLIB_MBUS_RING_SIZE = 267392,    /**< offset of the down ring; the up ring starts at 0 */
+    QZLIB_MBUS_RING_SLOTS = 64,       /**< at most 63 packets wait */
+    QZLIB_MBUS_SLOT_SIZE = 4176,      /**< slot i starts at i * 4176 within its ring */
+    QZLIB_MBUS_SLOT_PAYLOAD = 76,     /**< offset of the payload within a slot */
+    QZLIB_MBUS_PKG_NAME_SIZE = 64,    /**< packet name; no terminator at 64 characters */
+    QZLIB_MBUS_PAYLOAD_MAX = 4096     /**< most payload bytes of a packet that is written */
+};
+
+/** Commands on the control socket. */
+enum { MBUS_CTL_REGISTER = 1, MBUS_CTL_UNREGISTER = 2 };
+
+/** One datagram on the control socket, 36 bytes; it is not answered. */
+typedef struct mbus_ctl_msg {
+    int32_t command;                 /**< MBUS_CTL_REGISTER or MBUS_CTL_UNREGISTER */
+    char name[QZLIB_MBUS_NAME_SIZE]; /**< client, NUL-padded */
+} mbus_ctl_msg;
+
+/**
+ * One process's attachment of a client segment; all zero when not attached. On a 32-bit
+ * build the words are the id and three addresses; on a 64-bit build addresses do not fit,
+ * and address holds a key that means something inside the attaching process only.
+ */
+typedef struct mbus_seg_handle {
+    int32_t id;         /**< System V segment id */
+    uint32_t address;   /**< attachment, or the key */
+    uint32_t up_ring;   /**< address of the up ring; 0 on a 64-bit build */
+    uint32_t down_ring; /**< address of the down ring; 0 on a 64-bit build */
+} mbus_seg_handle;
+
+/**
+ * Client record in the share segment, 168 bytes. The bus server writes name and handle; of
+ * the indices and counters each has one writer, named below. A ring is empty when its two
+ * indices are equal and full when write + 1 (modulo 64) is read.
+ */
+typedef struct mbus_client {
+    char name[QZLIB_MBUS_NAME_SIZE]; /**< NUL-padded, full width without terminator; empty: free */
+    mbus_seg_handle server_handle;   /**< means something inside the server only */
+    uint32_t up_write;               /**< 0 to 63, moved by the client */
+    uint32_t up_read;                /**< 0 to 63, moved by the server */
+    uint32_t down_write;             /**< 0 to 63, moved by the server */
+    uint32_t down_read;              /**< 0 to 63, moved by the client */
+    uint64_t server_read;            /**< bytes the server read from the up ring */
+    uint64_t server_offered;         /**< bytes the server offered to the down ring, dropped ones too */
+    uint64_t client_offered;         /**< bytes the client offered to the up ring, dropped ones too */
+    uint64_t client_read;            /**< bytes the client read from the down ring */
+    uint64_t server_dropped;         /**< bytes the server dropped: down ring full */
+    uint64_t client_dropped;         /**< bytes the client dropped: up ring full */
+    pthread_cond_t down_cond;        /**< process-shared, for packets in the down ring */
+    uint32_t flags;                  /**< set by the client; the bits are the bus server's */
+    uint32_t reserved;
+} mbus_client;
+
+/** The share segment, 8520 bytes. */
+typedef struct mbus_share_segment {
+    pthread_cond_t up_cond; /**< process-shared, for packets in any up ring; the bus server initialises it */
+    mbus_client clients[QZLIB_MBUS_CLIENTS];
+    uint8_t server[72]; /**< the bus server's own */
+} mbus_share_segment;
+
+/** Packet header: what a caller fills to write, and what a read hands out. */
+typedef struct mbus_pkg {
+    uint8_t type;                        /**< 0 to 3; the meanings belong to the daemons */
+    char name[QZLIB_MBUS_PKG_NAME_SIZE]; /**< client or topic, NUL-padded, full width without terminator */
+    uint32_t length;                     /**< payload bytes, 1 to 4096 when written */
+    void *data;                          /**< payload */
+} mbus_pkg;
+
+/**
+ * Receives the packets of the down cache, on the cache's delivery thread.
+ * @param type  0 to 3
+ * @param name  64-byte field, terminated only if shorter
+ * @param data  payload, aligned for any type; it and name are valid during the call only
+ * @param len   payload bytes
+ * @return ignored
+ */
+typedef int (*mbus_pkg_callback)(unsigned int type, const char *name, const void *data, unsigned int len);
+
+/** Address of the share segment in this process (mbus_share_segment); null when not attached. */
+extern void *mbus_share;
+
+/** Id of the share segment; -1 when there is none. */
+extern int mbus_share_memid;
+
+/**
+ * Make the System V key of a client's segment: the sum of the name's bytes as signed
+ * characters. Names with the same sum share a key, deliberately simple; the bus server
+ * refuses the second.
+ * @param name  terminated text, not empty
+ * @return the key; -1 for null
+ */
+int qzlib_mbus_name_to_key(const char *name);
+
+/**
+ * Find a client's record, without regard to case. The empty name finds the first free record.
+ * @param name  terminated text
+ * @return the first matching record, valid until the share segment is detached; null when
+ *         there is none, or no share segment is attached
+ */
+mbus_client *qzlib_find_client_by_name(const char *name);
+
+/**
+ * Attach a client's segment, creating it when it is absent. On the client's side (the own
+ * record) also empties both rings and initialises the down condition. Logs at level 1, or
+ * at level 3 on failure.
+ * @param client  record whose name is set
+ * @return 0; -1 for null, or when the segment cannot be created (a name whose key is 0
+ *         cannot have one). An attachment that the system refuses gives 0, deliberately,
+ *         and a record whose packets all fail.
+ */
+int qzlib_client_init(mbus_client *client);
+
+/**
+ * Detach a client's segment and clear its handle; the last side to detach removes the
+ * segment. Logs at level 1.
+ * @param client  record or null
+ */
+void qzlib_client_uninit(mbus_client *client);
+
+/**
+ * Attach the share segment, creating it when it is absent; sets mbus_share and
+ * mbus_share_memid. Attaching again what is attached changes nothing.
+ * @return 0; -1 when it cannot be created (not logged) or attached (logged at level 3)
+ */
+int qzlib_mbus_share_init(void);
+
+/** Detach the share segment, removing it when no process is attached any longer. */
+void qzlib_mbus_share_uninit(void);
+
+/** Set bits in the own record's client flags. @return 0; -1 when not connected */
+int qzlib_client_set_flag(unsigned flags);
+
+/** Clear bits in the own record's client flags. @return 0; -1 when not connected */
+int qzlib_client_clear_flag(unsigned flags);
+
+/**
+ * Join the bus. Blocks for up to 6 seconds when no server answers (4 attempts), else for
+ * some milliseconds; the server has about 7 ms to enter the name in its table. Logs
+ * success at level 1 and a segment that cannot be had at level 3.
+ * @param name  1 to 32 characters
+ * @return 0; QZLIB_ERR_ARGUMENT (-257) for null; -1 when there is no server or it refused
+ *         the name
+ */
+int qzlib_connect_mbus_server(const char *name);
+
+/**
+ * Leave the bus. A thread that waits in qzlib_mbus_read_pkg() gets null; the down cache
+ * sleeps until the process connects again.
+ * @return 0
+ */
+int qzlib_disconnect_mbus_server(void);
+
+/**
+ * Put one packet into a ring: the own up ring, or another client's down ring.
+ * A full ring drops the packet (counted, logged at level 0) and wakes the reader.
+ * @param client  own record, or as bus server a record attached with qzlib_client_init()
+ * @param pkg     type 0 to 3, length 1 to 4096, data; name as in the format
+ * @return 0; -1 for a bad argument (nothing counted), a full ring or no connection
+ */
+int qzlib_mbus_write_pkg(mbus_client *client, const mbus_pkg *pkg);
+
+/**
+ * Write a buffer as a run of packets of at most 4096 bytes.
+ * @param client  as above; null for the own record
+ * @param type    0 to 3
+ * @param name    client or topic, at most 64 characters are kept; null or "" for none
+ * @param data    len bytes
+ * @param len     any length
+ * @return bytes put into packets: fewer than len, perhaps 0, when the ring ran full; 0 for
+ *         len below 1; -1 when client is null and the process is not connected
+ */
+int qzlib_mbus_write(mbus_client *client, int type, const char *name, const void *data, int len);
+
+/** qzlib_mbus_write() of type 0, without a name, to the own up ring. */
+int qzlib_mbus_write_data(const void *data, int len);
+
+/**
+ * Take the next packet from a ring: the own down ring, or another client's up ring. The
+ * packet's slot is given back by the next call on the same ring. A corrupt packet is
+ * skipped with a message at level 2 and gives null.
+ *
+ * Waiting costs nothing while the ring is idle. The wait is bounded by 1 ms, doubling to
+ * 1 s while no packet comes, so that a packet whose writer failed to signal it (was
+ * killed, or is built on older rules) is late by no more than the ring was idle, at most 1 s.
+ * @param client  null or the own record; as bus server another record
+ * @param nowait  0: wait for a packet; the server's side never waits and logs at level 2
+ * @return header and payload, valid until the next call on the same ring (reads of other
+ *         rings do not matter); null when there is none
+ */
+mbus_pkg *qzlib_mbus_read_pkg(mbus_client *client, int nowait);
+
+/**
+ * Start the down cache: one thread empties the down ring into memory, another hands the
+ * packets to the callback in the order of their arrival. Call it once, after connecting;
+ * the threads run until the process ends.
+ *
+ * A packet is dropped (logged at level 2) when the bytes in use + 87 + its length exceed
+ * the cap; a cached packet uses 83 bytes + its length until its callback has returned. Out of
+ * memory drops it too (level 3).
+ * @param max_bytes  cap; below 4097: 8388608
+ * @param callback   may take its time and may write to the bus
+ * @return 0; -1 when not connected
+ */
+int qzlib_mbus_down_cache_process(int max_bytes, mbus_pkg_callback callback);
+
 /* ---- Serial line and AT chat ---------------------------------------------------------
  * Open the modem's tty and exchange AT commands with it. One device at a time and one
  * exchange at a time: terminal settings, signal actions and the alarm are the process's.
@@ -635,6 +868,141 @@ int qzlib_event_wait_noflag(qzlib_event *ev, uint32_t mask, uint32_t ignored, in
 
 /** Wait for one change, whatever the flags; may also wake without one. Results as qzlib_event_wait_flag(). */
 int qzlib_event_wait_event(qzlib_event *ev, int timeout);
+
+/* ---- Routing -------------------------------------------------------------------------
+ * IPv4 routes in two notations, pictures of the kernel's rules and tables, and requests to
+ * the routing daemon. Nothing here writes to the message log. The conversions are pure and
+ * callable from any thread. The snapshots run the `ip` and `route` tools, found through PATH,
+ * and read their text: tens of milliseconds, for control paths only. The tools are started
+ * without a shell, so that nothing they print is ever run. */
+
+/**
+ * Prefix length of a dotted netmask. Only the leading run of ones counts; what follows the
+ * first zero bit is deliberately not looked at (255.0.255.0 gives 8).
+ * @return 0 to 32; -1 for null or a text that is no IPv4 address
+ */
+int string2masklen(const char *mask);
+
+/**
+ * Split "a.b.c.d/n" (without "/n": a host, n is 32) into dotted texts. n is read as atoi()
+ * reads it. An address that cannot be parsed counts as 0.0.0.0 and is no failure.
+ *
+ * Deliberate: with n 32, net is 0.0.0.0 when mask is asked for too, and the address itself
+ * when it is not.
+ * @param cidr  text, not changed
+ * @param ip    16 bytes for the address, or null
+ * @param mask  16 bytes for the netmask, or null; "" when n is negative or above 32
+ * @param net   16 bytes for the network address, or null; the address unchanged when n is
+ *              negative or above 32
+ * @return 0; -1 for a null cidr
+ */
+int qz_ccid2obsolete(const char *cidr, char *ip, char *mask, char *net);
+
+/**
+ * Join an address and a dotted netmask into "a.b.c.d/n". The address is not looked at, and a
+ * mask that cannot be converted gives "/-1".
+ * @param out  strlen(ip) + 4 bytes at least; 19 for an address
+ * @return 0; -1 when an argument is null
+ */
+int qz_obsolete2ccid(char *out, const char *ip, const char *mask);
+
+/**
+ * Whether an address lies in a network.
+ * @param ip, mask  any address of the network and its dotted netmask (read as
+ *                  string2masklen() reads it)
+ * @param probe     the address asked about
+ * @return 0 inside; -1 outside, for a null argument or one that is no IPv4 address
+ */
+int srt_ipinnet_judge(const char *ip, const char *mask, const char *probe);
+
+/** One route of a table that a policy rule with a source looks up; see qz_srtinfo_stat(). */
+typedef struct srtinfo {
+    char table[8];        /**< name or number of the table, at most 7 characters */
+    int32_t prio;         /**< priority of the rule, not negative */
+    char source[32];      /**< the rule's "from": an address or prefix */
+    char dest[24];        /**< destination as the tool prints it; "0.0.0.0/0" for "default" */
+    char dest_ip[16];     /**< its address, dotted */
+    char dest_mask[16];   /**< its netmask, dotted */
+    char gateway[16];     /**< next hop; "0.0.0.0" for none */
+    char dev[32];         /**< output device */
+    struct srtinfo *next; /**< null at the end */
+} srtinfo;
+
+/**
+ * Take a picture of source routing: for every rule of `ip rule ls` with a specific source, in
+ * ascending priority, every route that `ip route ls table TABLE` prints.
+ *
+ * The lines are taken word by word, by position. Lines of other forms than "DEST [via
+ * GATEWAY] dev DEV" therefore give odd records ("blackhole" or "nexthop" as dest), and one of
+ * more than 127 characters comes in pieces. Words too long for their field are cut. Rules
+ * whose table has a name of more than 7 characters are passed over. The rules and the tables
+ * are read one after the other: routes that change meanwhile are in the picture or not.
+ *
+ * Runs one command and one more per rule. A command that cannot be started counts as empty
+ * output, and a record that there is no memory for is left out. Not to be called from two
+ * threads at once.
+ * @return the list, released with qz_srtinfo_free(); null when there is nothing to report
+ */
+srtinfo *qz_srtinfo_stat(void);
+
+/** Release a snapshot. @param list  its head, null afterwards; an empty list is left alone */
+void qz_srtinfo_free(srtinfo **list);
+
+/**
+ * Name the device of the best route of the main table for an address, from `route -n`.
+ *
+ * Deliberate order: a line replaces the best one so far when its prefix is at least as long
+ * and its metric at most as high, both; so a longer prefix with a higher metric loses, and of
+ * equals the later line wins. The first line is measured against length 0 and metric 10000.
+ * Lines without all eight columns are passed over. A rejecting route's device is "-".
+ * @param ip      dotted address
+ * @param ifname  32 bytes; untouched when no route matches
+ * @return 0; -1 when no route matches, for a null argument, or when the command cannot run
+ */
+int qzlib_get_route_interface(const char *ip, char *ifname);
+
+/**
+ * Note an address under a name, in /tmp/source_route/NAME.ip (one line, "NAME IP"); replaces
+ * an earlier note. The name becomes part of the path as it stands: do not pass names from
+ * outside the router. A path of more than 127 characters counts as one that cannot be opened;
+ * then perror("fopen failed") says so on standard error. Nothing happens when either is null.
+ */
+void srt_iip_save(const char *name, const char *ip);
+
+/**
+ * Read the address noted under a name.
+ * @param ip  16 bytes; a longer text is cut to 15 characters
+ * @return 0; -1 for a null argument, without a note, or when it holds no address
+ */
+int srt_iip_get(const char *name, char *ip);
+
+/**
+ * Ask the routing daemon (/tmp/.zserv) to add or delete an IPv4 route. One connection per
+ * call; the daemon does not answer, so that 0 means sent and not done: look at the tables to
+ * know. Callable from any thread. Blocks while the daemon has a full queue of connections.
+ *
+ * The message's numbers are those of the routing daemon's protocol and go out unchanged.
+ * Prefix bytes are deliberately not masked to the length, the daemon does that; with lengths
+ * above 32 the bytes behind the address are zero. Address 0.0.0.0 is the default route
+ * whatever its length says.
+ *
+ * Aborts the process, in every build, on a length that leaves no prefix bytes ("10.0.0.0/0")
+ * and on an empty nexthop: the default route is "0.0.0.0/0".
+ *
+ * When the write fails "write failed[REASON]" goes to standard output, and the result is 0 all
+ * the same. SIGPIPE is held back.
+ * @param command   the daemon's code, low 8 bits; 0: connect and send nothing
+ * @param type      the route's type, low 8 bits
+ * @param prefix    "a.b.c.d/n"; an address that cannot be parsed counts as 0.0.0.0 with that n
+ * @param nexthop   a text that begins with a digit is an address (0.0.0.0 when it cannot be
+ *                  parsed), any other an interface name; null: connect and send nothing
+ * @param distance  the route's distance
+ * @return 0; -1 for a prefix without '/' (nothing is opened), when the daemon is not there, or
+ *         when the message would be longer than 128 bytes (long names, absurd lengths), in
+ *         which case nothing is sent
+ */
+int qzlib_do_route(unsigned int command, unsigned int type, const char *prefix, const char *nexthop,
+                   unsigned char distance);
 
 /* ---- Boot environment ----------------------------------------------------------------
  * The bootloader's variables: one block of 0x20000 bytes at the end of the first MTD
@@ -893,7 +1261,7 @@ int qzlib_fd_write(int fd, const void *buf, unsigned len, int timeout_ms);
  */
 int qzlib_fd_read_package(int fd, void *buf, int size, int gap_ms);
 
-/** @return a file's size in bytes (low 32 bits); 0 when it cannot be opened for reading; -1 for null */
+/** @return a file's size in bytes (low 32 bits); 0 without one (/proc) or when not opened; -1 for null */
 int qzlib_get_file_size(const char *path);
 
 /**
@@ -1050,6 +1418,41 @@ int qzlib_process_is_unique(void);
  */
 int qzlib_process_unique(void);
 
+/* ---- System statistics ---------------------------------------------------------------
+ * Figures of the whole system from the kernel's files. A file that cannot be opened is logged
+ * at level 2 (module "system_api"), but for the uptime. No state: callable from any thread. */
+
+/** Whole seconds since boot, from /proc/uptime. @return seconds; 0 when it cannot be read */
+unsigned int qzlib_get_system_uptime(void);
+
+/**
+ * Time since boot on a scale of its own: seconds times 1000 plus the hundredths as they stand,
+ * so that 12.34 s gives 12034. Within a second it grows by 1 per 10 ms, and at the next second
+ * it jumps. Deliberate: callers compare with this scale. Does not use the heap.
+ * @return the figure; 0 when /proc/uptime cannot be read
+ */
+unsigned long long qzlib_get_system_uptime_ms(void);
+
+/** Memory of the system. @return kB, "MemTotal:" of /proc/meminfo; 0 without it; -1 without the file */
+int qzlib_get_total_mem_size(void);
+
+/** Memory to be had. @return kB, "MemAvailable:" of /proc/meminfo; 0 without it; -1 without the file */
+int qzlib_get_free_mem_size(void);
+
+/**
+ * Share of memory that is AVAILABLE, deliberately, in spite of the name. 32-bit arithmetic:
+ * right up to 40 GiB available.
+ * @return 0 to 100; -1 when /proc/meminfo lacks either figure or cannot be opened
+ */
+int qzlib_get_mem_use_percent(void);
+
+/**
+ * Share of the processors' time that was not idle, over one second in which the caller waits
+ * (less when a signal interrupts it). Waiting for devices counts as busy. From /proc/stat.
+ * @return percent; 0 when no tick went by; -1 when the file cannot be opened
+ */
+int qzlib_get_cpu_use_percent(void);
+
 /* ---- Device information --------------------------------------------------------------
  * Who the device is, from /tmp/device.info, the kernel and the settings, and the hardware
  * watchdog. Nothing is logged. The readers keep no state: callable from any thread. An
@@ -1157,6 +1560,180 @@ int qzlib_watchdog_feed(void);
 /** Stop the hardware watchdog (WDIOC_SETOPTIONS, WDIOS_DISABLECARD). @return result of the request; -1 with
  * errno */
 int qzlib_watchdog_stop(void);
+
+/* ---- Sockets -------------------------------------------------------------------------
+ * Ready-made sockets. The caller owns every descriptor that is returned and closes it; all
+ * are close-on-exec. Connects have no time limit. Local paths are cut to 107 bytes. No
+ * state: callable from any thread. Messages go to debug_msg() with the module "socket_api". */
+
+/**
+ * Open a local datagram socket connected to a path; non-blocking (when it cannot be
+ * switched, that is logged at level 2 and the socket returned all the same).
+ * @return descriptor; QZLIB_ERR_ARGUMENT (-257) for null; QZLIB_ERR_FAILED (-264), logged
+ *         at level 3 only when no socket can be created
+ */
+int qzlib_create_connect_unixdomain(const char *path);
+
+/**
+ * Send one datagram to a local path. One that cannot be delivered is lost silently.
+ * @param len  bytes of buf, at least 1
+ * @return 0; QZLIB_ERR_ARGUMENT (-257) for a null pointer or len below 1; else the code of
+ *         qzlib_create_connect_unixdomain()
+ */
+int qzlib_send_to_unixdomain(const char *path, const void *buf, int len);
+
+/**
+ * Bind a local datagram socket to a path, removing a file that is there; non-blocking.
+ * Nothing removes the file when the socket is closed. Logs every failure.
+ * @return descriptor; QZLIB_ERR_ARGUMENT (-257); QZLIB_ERR_FAILED (-264)
+ */
+int qzlib_create_listen_unixdomain(const char *path);
+
+/**
+ * Open a UDP socket to a host. With an address in the form of qzlib_ip_is_valid() and a
+ * port of digits no resolver is asked. In that case a socket that fails to connect stays
+ * open, deliberately, and text that only looks like an address ("300.1.1.1") connects to
+ * 0.0.0.0. Logs nothing.
+ * @param port         number or service name
+ * @param force_block  above 0: switch the socket to blocking
+ * @return descriptor; QZLIB_ERR_ARGUMENT (-257) for null; QZLIB_ERR_FAILED (-264) when the
+ *         name is not resolved or the socket cannot be switched; -1 when nothing connects
+ *         (-264 if resolved by name with the flag set)
+ */
+int qzlib_create_connect_udp(const char *host, const char *port, int force_block);
+
+/**
+ * Open a TCP connection; otherwise as qzlib_create_connect_udp(), but the flag asks for
+ * the opposite.
+ * @param nonblock  above 0: switch the connected socket to non-blocking
+ */
+int qzlib_create_connect_tcp(const char *host, const char *port, int nonblock);
+
+/**
+ * Open a socket of whatever kind to the first address of a node and service that connects;
+ * always asks the resolver. Logs nothing.
+ * @param force_block  above 0: switch the socket to blocking
+ * @return descriptor; QZLIB_ERR_ARGUMENT (-257) for null; QZLIB_ERR_FAILED (-264) when the
+ *         name is not resolved or the socket cannot be switched; -1 when nothing connects
+ */
+int qzlib_create_connect_addr(const char *node, const char *service, int force_block);
+
+/**
+ * Open a listening TCP socket (SO_REUSEADDR, backlog 1024), non-blocking. Logs every failure.
+ * @param ip    local IPv4 address; null for any
+ * @param port  host order, low 16 bits
+ * @return descriptor; QZLIB_ERR_ARGUMENT (-257) for text that is no address;
+ *         QZLIB_ERR_FAILED (-264); -1 when no socket can be created, deliberately not -264
+ */
+int qzlib_create_listen_tcp(const char *ip, unsigned port);
+
+/**
+ * Open a UDP socket bound to a port (SO_REUSEADDR), non-blocking. Logs every failure.
+ * @param ip    local IPv4 address; null for any
+ * @param port  host order, low 16 bits
+ * @return descriptor; QZLIB_ERR_ARGUMENT (-257) for text that is no address; QZLIB_ERR_FAILED (-264)
+ */
+int qzlib_create_listen_udp(const char *ip, unsigned port);
+
+/* ---- Network interfaces --------------------------------------------------------------
+ * Addresses, counters and flags of one interface. Names longer than 15 characters are cut to
+ * that by the kernel. Failures are logged at level 3 (module "net_api") where it says so. No
+ * state: callable from any thread.
+ *
+ * Text outputs come with their size in bytes, whose last byte is always set to NUL. A dotted
+ * address must fit with its terminator into size - 1 bytes, so that any address needs 17; when
+ * it does not fit the buffer keeps what it held but for its last byte. A hardware address needs
+ * 18 and is cut to size - 2 characters in less. A size of 0 stands for no bound at all. */
+
+/**
+ * Read address, netmask and hardware address ("00:1A:..", upper case). One that cannot be read
+ * leaves its buffer untouched and does not stop the others. Logs only when no socket can be had.
+ * @param ifname         interface
+ * @param ip, mask, mac  outputs, each may be null
+ * @return 0 when all that was asked for was read; QZLIB_ERR_FAILED (-264);
+ *         QZLIB_ERR_ARGUMENT (-257) for a null ifname
+ */
+int qzlib_get_interface_info(const char *ifname, char *ip, unsigned ip_size, char *mask, unsigned mask_size,
+                             char *mac, unsigned mac_size);
+
+/**
+ * Kept for old daemons and NOT the address: the first four characters of its dotted text as a
+ * big-endian number ("192.168.1.1" gives 0x3139322E); 0 when it cannot be read.
+ * @return as qzlib_get_interface_info(); QZLIB_ERR_ARGUMENT (-257) for a null out, too
+ */
+int qzlib_get_ip_by_name(const char *ifname, uint32_t *out);
+
+/**
+ * As qzlib_get_interface_info(), with the address of the other end of a point-to-point link
+ * (on other links it is the interface's own). Logs every failure.
+ * @param ifname               interface; null fails like a name that does not exist
+ * @param ip, peer, mask, mac  outputs, each may be null
+ * @return 0; QZLIB_ERR_FAILED (-264)
+ */
+int qzlib_get_pppinterface_info(const char *ifname, char *ip, unsigned ip_size, char *peer,
+                                unsigned peer_size, char *mask, unsigned mask_size, char *mac,
+                                unsigned mac_size);
+
+/**
+ * Read the traffic counters of /proc/net/dev. The first line that has the name anywhere in it
+ * is taken: "eth0" finds veth0 too when that comes first. Outputs, each may be null, are
+ * untouched on failure.
+ * @return 0; QZLIB_ERR_NOT_FOUND (-272) without such a line; QZLIB_ERR_FAILED (-264), logged,
+ *         when the file cannot be opened
+ */
+int qzlib_get_interface_status(const char *ifname, long long *rx_bytes, long long *rx_packets,
+                               long long *rx_errors, long long *rx_dropped, long long *tx_bytes,
+                               long long *tx_packets, long long *tx_errors, long long *tx_dropped);
+
+/**
+ * Test interface flags (IFF_UP, IFF_RUNNING, ... of <net/if.h>). A mask with bit 15 or a higher
+ * bit is deliberately never found set.
+ * @return 0 all set; -1 not all; QZLIB_ERR_FAILED (-264), logged only without a socket;
+ *         QZLIB_ERR_ARGUMENT (-257) for a null ifname
+ */
+int qzlib_get_interface_flag(const char *ifname, int mask);
+
+/**
+ * Set interface flags; needs CAP_NET_ADMIN. Logs failures.
+ * @return 0; QZLIB_ERR_NOT_FOUND (-272) when all are set already, nothing is written then;
+ *         QZLIB_ERR_FAILED (-264); QZLIB_ERR_ARGUMENT (-257) for a null ifname
+ */
+int qzlib_set_interface_flag(const char *ifname, unsigned mask);
+
+/**
+ * Clear interface flags; needs CAP_NET_ADMIN. Logs failures, in other words than setting does.
+ * @return 0; QZLIB_ERR_NOT_FOUND (-272) when none is set, nothing is written then;
+ *         QZLIB_ERR_FAILED (-264); QZLIB_ERR_ARGUMENT (-257) for a null ifname
+ */
+int qzlib_clear_interface_flag(const char *ifname, unsigned mask);
+
+/* ---- Probes --------------------------------------------------------------------------
+ * Is a host there, and does a name resolve. Neither logs. No state: callable from any thread. */
+
+/**
+ * Time until a host takes a TCP connection. A child process resolves and connects, one address
+ * after the other; failed attempts count into the time and the lookup does not. At the limit
+ * the child is ended. It is gone when the call returns, and it ends through exit(), so that
+ * output which the caller has not flushed comes out twice: flush before.
+ * @param host        name or address
+ * @param port        number as text
+ * @param timeout_ms  milliseconds for all of it; 0: no limit
+ * @return the time on the scale of qzlib_get_system_uptime_ms(): 1 per 10 ms and a jump at
+ *         every second of uptime; -1 when nobody took the connection, at the limit, or when
+ *         no pipe or child can be had; QZLIB_ERR_FAILED (-264) when the name or port is not
+ *         resolved; QZLIB_ERR_ARGUMENT (-257) for null or a negative limit
+ */
+int qzlib_get_tcp_latency(const char *host, const char *port, int timeout_ms);
+
+/**
+ * Resolve a name to one dotted IPv4 address. Blocks as long as the resolver does. A name that
+ * qzlib_ip_is_valid() accepts is copied unchanged (-1 when it has more than 15 characters). The
+ * resolver's first entry counts; an IPv6 entry deliberately gives "0.0.0.0" (its flow
+ * information).
+ * @param ip_out  16 bytes; untouched on failure
+ * @return 0; -1 when the name does not resolve; QZLIB_ERR_ARGUMENT (-257) for null
+ */
+int qzlib_get_domain_ip(const char *name, char *ip_out);
 
 #ifdef __cplusplus
 }
