@@ -157,7 +157,8 @@ static void serial_line(void)
     CHECK(line > 0);
     modem = fork();
     if (modem == 0)
-        _exit(read(master, command, 3) != 3 || memcmp(command, "AT\r", 3) != 0 || write(master, "\r\nOK\r\n", 6) != 6);
+        _exit(read(master, command, 3) != 3 || memcmp(command, "AT\r", 3) != 0 ||
+              write(master, "\r\nOK\r\n", 6) != 6);
     CHECK(chat_send_expect(line, "AT", "OK", 5, 0) == 1);
     waitpid(modem, &status, 0);
     CHECK(status == 0);
@@ -320,12 +321,24 @@ int main(int argc, char **argv)
         const char *name;
         void (*calls)(void);
     } families[] = {
-        {"strings", strings},         {"message log", message_log}, {"CLI configuration", configuration},
-        {"service store", service_store}, {"message bus", message_bus}, {"serial line", serial_line},
-        {"event flags", event_flags}, {"routing", routing},         {"boot environment", boot_environment},
-        {"modem status", modem_status}, {"local messages", local_messages}, {"LEDs and GPIOs", leds},
-        {"files", files},             {"commands", commands},       {"statistics", statistics},
-        {"device", device},           {"sockets", sockets},         {"interfaces", interfaces},
+        {"strings", strings},
+        {"message log", message_log},
+        {"CLI configuration", configuration},
+        {"service store", service_store},
+        {"message bus", message_bus},
+        {"serial line", serial_line},
+        {"event flags", event_flags},
+        {"routing", routing},
+        {"boot environment", boot_environment},
+        {"modem status", modem_status},
+        {"local messages", local_messages},
+        {"LEDs and GPIOs", leds},
+        {"files", files},
+        {"commands", commands},
+        {"statistics", statistics},
+        {"device", device},
+        {"sockets", sockets},
+        {"interfaces", interfaces},
         {"probes", probes},
     };
     size_t i;
@@ -338,7 +351,8 @@ int main(int argc, char **argv)
         int before = failures;
         pthread_t thread;
         pthread_attr_t attributes;
-        unsigned char *stack = mmap(NULL, STACK_SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        unsigned char *stack =
+            mmap(NULL, STACK_SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         memset(stack, PAINT, STACK_SIZE);
         pthread_attr_init(&attributes);
         pthread_attr_setstack(&attributes, stack, STACK_SIZE);

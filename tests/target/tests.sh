@@ -36,7 +36,7 @@ while read -r program kind limit; do
     for case in $cases; do
         number=$((number + 1))
         [ $((number % ${part#*/})) -eq "${part%/*}" ] || continue
-        run_case "$program" "$kind" $((limit * SCALE)) "$case"
+        run_case "$program" "$kind" $((limit * QZ_TEST_SCALE)) "$case"
     done
 done <"$BUILD/test-programs"
 
