@@ -1,5 +1,6 @@
 #include "support/box.h"
 #include "support/files.h"
+#include "support/scale.h"
 
 #include <gtest/gtest.h>
 #include <linux/loop.h>
@@ -506,8 +507,8 @@ TEST_F(BootEnv, change_made_between_another_process_s_read_and_its_lock_is_lost)
 
 TEST_F(BootEnv, two_processes_lose_updates_but_never_the_file)
 {
-    constexpr int ROUNDS = 300;
-    const auto writer = [](const char *name) {
+    const int ROUNDS = support::scaled(300);
+    const auto writer = [ROUNDS](const char *name) {
         for (int i = 1; i <= ROUNDS; ++i)
             if (qzlib_set_boot_env(name, std::to_string(i).c_str()) != 0)
                 return 1;
@@ -600,7 +601,7 @@ struct StandardTools : BootEnv {
 
 TEST_F(StandardTools, blocks_made_by_mkenvimage_are_read)
 {
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < support::scaled(500); ++i) {
         const std::string lines = lines_of(random_variables(random));
         write_file("/tmp/env.txt", lines);
         const std::string padding = i % 2 == 0 ? "0x00" : "0xff";
@@ -612,7 +613,7 @@ TEST_F(StandardTools, blocks_made_by_mkenvimage_are_read)
 
 TEST_F(StandardTools, blocks_made_by_fw_setenv_are_read)
 {
-    for (int i = 0; i < 500; ++i) {
+    for (int i = 0; i < support::scaled(500); ++i) {
         const std::string lines = lines_of(random_variables(random));
         write_file("/tmp/env.txt", lines);
         write_file("/tmp/env.bin", block_of({"old=1"}));
@@ -626,7 +627,7 @@ TEST_F(StandardTools, blocks_made_by_fw_setenv_are_read)
 
 TEST_F(StandardTools, blocks_of_the_library_are_read_by_fw_printenv)
 {
-    for (int i = 0; i < 1000; ++i) {
+    for (int i = 0; i < support::scaled(1000); ++i) {
         const Variables variables = random_variables(random);
         ASSERT_EQ(qzlib_clear_boot_env(), 0);
         for (const auto &[name, value] : variables)

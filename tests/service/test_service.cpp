@@ -1,4 +1,5 @@
 #include "support/files.h"
+#include "support/scale.h"
 
 #include <gtest/gtest.h>
 #include <qzlib.h>
@@ -225,7 +226,7 @@ TEST(Service, random_operations_equal_the_model)
     const Text values[] = {{}, "", "1", "2", std::string(256, 'v'), std::string(300, 'w')};
     std::optional<Store> store;
     Model model;
-    for (int step = 0; step < 15'000; ++step) {
+    for (int step = 0; step < support::scaled(15'000); ++step) {
         if (step % 100 == 0) {
             const std::string file = random_file();
             store.emplace(file);
@@ -263,7 +264,7 @@ TEST(Service, random_operations_equal_the_model)
 
 TEST(Service, a_file_written_and_read_and_written_again_is_identical)
 {
-    for (int round = 0; round < 500; ++round) {
+    for (int round = 0; round < support::scaled(500); ++round) {
         const std::string file = random_file();
         Model kept = parsed(file);
         for (size_t i = kept.list.size(); i-- > 0;) // empty groups are lost

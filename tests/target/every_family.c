@@ -64,8 +64,9 @@ static void message_log(void)
 
 static void configuration(void)
 {
-    write_text("/tmp/config/cli.conf", "log msg-level debug\n");
-    CHECK(cli_find_paremeter("no such block", "msg-level") != 0 || 1);
+    write_text("/tmp/config/cli.conf", "interface eth0\n ip address 10.0.0.1\n!\n");
+    CHECK(cli_find_paremeter("interface eth0", "ip address") == 0);
+    CHECK(cli_find_paremeter("interface eth0", "no such line") == -1);
 }
 
 static void service_store(void)
@@ -156,7 +157,8 @@ static void serial_line(void)
     CHECK(line > 0);
     modem = fork();
     if (modem == 0)
-        _exit(read(master, command, 3) != 3 || memcmp(command, "AT\r", 3) != 0 || write(master, "\r\nOK\r\n", 6) != 6);
+        _exit(read(master, command, 3) != 3 || memcmp(command, "AT\r", 3) != 0 ||
+              write(master, "\r\nOK\r\n", 6) != 6);
     CHECK(chat_send_expect(line, "AT", "OK", 5, 0) == 1);
     waitpid(modem, &status, 0);
     CHECK(status == 0);
@@ -189,17 +191,15 @@ static void routing(void)
 static void boot_environment(void)
 {
     char value[64];
-    const char *none = access("/sys/class/mtd/mtd0/name", F_OK) == 0 ? NULL : "no flash";
     CHECK(crc32(0, (const unsigned char *)"123456789", 9) == 0xCBF43926);
-    if (none != NULL)
-        CHECK(qzlib_get_boot_env("x", value, sizeof value) == -1);
+    CHECK(qzlib_get_boot_env("x", value, sizeof value) == -1); /* there is no flash */
 }
 
 static void modem_status(void)
 {
     write_text("/tmp/modem.info", "rssi:-71\n");
     CHECK(qzlib_update_modem_status_info_tab() == 0);
-    CHECK(qzlib_get_modem_status_info("no such name") == NULL || 1);
+    CHECK(strcmp(qzlib_get_modem_status_info("rssi"), "-71") == 0);
 }
 
 static int heard[2]; /* a pipe */
@@ -321,12 +321,24 @@ int main(int argc, char **argv)
         const char *name;
         void (*calls)(void);
     } families[] = {
-        {"strings", strings},         {"message log", message_log}, {"CLI configuration", configuration},
-        {"service store", service_store}, {"message bus", message_bus}, {"serial line", serial_line},
-        {"event flags", event_flags}, {"routing", routing},         {"boot environment", boot_environment},
-        {"modem status", modem_status}, {"local messages", local_messages}, {"LEDs and GPIOs", leds},
-        {"files", files},             {"commands", commands},       {"statistics", statistics},
-        {"device", device},           {"sockets", sockets},         {"interfaces", interfaces},
+        {"strings", strings},
+        {"message log", message_log},
+        {"CLI configuration", configuration},
+        {"service store", service_store},
+        {"message bus", message_bus},
+        {"serial line", serial_line},
+        {"event flags", event_flags},
+        {"routing", routing},
+        {"boot environment", boot_environment},
+        {"modem status", modem_status},
+        {"local messages", local_messages},
+        {"LEDs and GPIOs", leds},
+        {"files", files},
+        {"commands", commands},
+        {"statistics", statistics},
+        {"device", device},
+        {"sockets", sockets},
+        {"interfaces", interfaces},
         {"probes", probes},
     };
     size_t i;
@@ -339,7 +351,8 @@ int main(int argc, char **argv)
         int before = failures;
         pthread_t thread;
         pthread_attr_t attributes;
-        unsigned char *stack = mmap(NULL, STACK_SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        unsigned char *stack =
+            mmap(NULL, STACK_SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         memset(stack, PAINT, STACK_SIZE);
         pthread_attr_init(&attributes);
         pthread_attr_setstack(&attributes, stack, STACK_SIZE);

@@ -55,7 +55,8 @@ long resident_bss_kib()
     long kib = -1;
     for (std::string line; getline(maps, line);) {
         if (isxdigit(line[0]) != 0 && line.find('-') < 9) {
-            in_bss = after_object && line.find('/') == std::string::npos && line.find('[') == std::string::npos;
+            in_bss =
+                after_object && line.find('/') == std::string::npos && line.find('[') == std::string::npos;
             after_object = line.find("libqzlib.so") != std::string::npos;
         } else if (in_bss && line.starts_with("Rss:")) {
             kib = std::stol(line.substr(4));
@@ -105,7 +106,10 @@ struct Led : testing::Test {
         return "";
     }
     std::string name = find();
-    std::string file(const char *attribute) const { return read_file("/sys/class/leds/" + name + "/" + attribute); }
+    std::string file(const char *attribute) const
+    {
+        return read_file("/sys/class/leds/" + name + "/" + attribute);
+    }
 };
 
 TEST_F(Led, kernel_shows_the_mode_that_was_set)
@@ -117,8 +121,8 @@ TEST_F(Led, kernel_shows_the_mode_that_was_set)
         const char *attribute;
         const char *value;
     } cases[] = {
-        {1, "[none]", "brightness", "1\n"},    {2, "[timer]", "delay_off", "100\n"},
-        {3, "[timer]", "delay_on", "500\n"},   {0, "[none]", "brightness", "0\n"},
+        {1, "[none]", "brightness", "1\n"},  {2, "[timer]", "delay_off", "100\n"},
+        {3, "[timer]", "delay_on", "500\n"}, {0, "[none]", "brightness", "0\n"},
         {4, "[oneshot]", "invert", "0\n"},
     };
     for (const auto &c : cases) {

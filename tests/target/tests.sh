@@ -1,5 +1,6 @@
 # Stage "tests": every case of every test program, each in a box of its own. A machine that is
-# one of several takes every n-th case: QZ_part is "<own number>/<machines>", from 0.
+# one of several takes every n-th case: QZ_part is "<own number>/<machines>", from 0. QZ_programs
+# and QZ_filter (of GoogleTest) leave out others.
 load fuse loop veth dummy tun >/dev/null
 
 part=${QZ_part:-0/1}
@@ -30,13 +31,13 @@ run_case() { # run_case PROGRAM KIND LIMIT CASE
 
 while read -r program kind limit; do
     case " ${QZ_programs:-$program} " in *[,\ ]"$program"[,\ ]*) ;; *) continue ;; esac
-    cases=$("$BUILD/bin/$program" --gtest_list_tests |
+    cases=$("$BUILD/bin/$program" --gtest_list_tests "--gtest_filter=${QZ_filter:-*}" |
         awk '/^Running main/ { next } /^[^ ]/ { suite = $1; next } $1 !~ /^DISABLED_/ { print suite $1 }')
-    [ -n "$cases" ] || { failed="$failed $program"; echo "FAILED  $program lists no cases"; }
+    [ -n "$cases$QZ_filter" ] || { failed="$failed $program"; echo "FAILED  $program lists no cases"; }
     for case in $cases; do
         number=$((number + 1))
         [ $((number % ${part#*/})) -eq "${part%/*}" ] || continue
-        run_case "$program" "$kind" $((limit * SCALE)) "$case"
+        run_case "$program" "$kind" $((limit * QZ_TEST_SCALE)) "$case"
     done
 done <"$BUILD/test-programs"
 
