@@ -42,10 +42,11 @@ static int load_and_change_parameters(const char *service)
         debug_msg(QZLIB_LOG_INFO, MODULE, __LINE__, "dropped the obsolete parameter");
 
     snprintf(path, sizeof path, "/tmp/config/%s.conf", service);
-    if (qzlib_service_saveto_file(info, path) != 0)
+    if (qzlib_service_saveto_file(info, path) == 0)
+        printf("netd: mtu changed, a DNS server added, %s saved\n", path);
+    else
         debug_msg(QZLIB_LOG_ERROR, MODULE, __LINE__, "cannot save %s", path);
     qzlib_service_info_uninit(info);
-    printf("netd: mtu changed, a DNS server added, %s saved\n", path);
     return 0;
 }
 

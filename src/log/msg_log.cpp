@@ -219,6 +219,8 @@ QZ_EXPORT void debug_msg(int level, const char *module, int line, const char *fo
 
 QZ_EXPORT char *str_timestamp(time_t t, char *buf, int size)
 {
+    if (size < 1)
+        return buf;
     if (t == 0)
         t = time(nullptr);
     struct tm local {
