@@ -118,6 +118,10 @@ int open_control(const char *path)
     const int fd = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
         fail(std::string(path) + ": " + strerror(errno));
+    struct stat found {
+    };
+    if (fstat(fd, &found) != 0 || !S_ISFIFO(found.st_mode))
+        fail(std::string(path) + ": not a named pipe");
     return fd;
 }
 
@@ -213,7 +217,8 @@ int main(int argc, char **argv)
 
     Modem modem(table, transcript, options.link, options.echo, options.seed);
     if (!modem.bring_up())
-        fail(std::string("no pseudo terminal: ") + strerror(errno));
+        fail((options.link.empty() ? "no pseudo terminal: " : "no pseudo terminal, or no link to it: ") +
+             std::string(strerror(errno)));
     for (const modemsim::Fault &fault : options.faults)
         modem.add_fault(fault);
     serve(modem, table, transcript, control, signals);
