@@ -39,7 +39,11 @@ constexpr const char *USAGE =
     "\n"
     "FAULT is NAME[=ARGUMENT][@COMMAND], one of late=MS, pieces=BYTES,MS, bytes=MS,\n"
     "before=LINE, inside=LINE, after=LINE, silence, garbage=BYTES, length=BYTES, stall,\n"
-    "hangup, vanish=MS, usim. See modemsim(1).\n";
+    "hangup, vanish=MS, usim. See modemsim(1).\n"
+    "\n"
+    "Try it, with a carriage return behind each command:\n"
+    "  modemsim --link /tmp/modem examples/modem.at &\n"
+    "  cat /tmp/modem & printf 'ATI\\r' >/tmp/modem\n";
 
 struct Options {
     const char *table = nullptr;
