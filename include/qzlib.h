@@ -9,10 +9,10 @@
  * included (cli_find_paremeter, qzlib_event_unint, qzlib_str_tolowr, ...).
  *
  * Sections, one per family:
- *   strings and addresses, message log, CLI configuration, service store, serial line and
- *   AT chat, event flags, routing, boot environment, modem status, local messages, LEDs and
- *   GPIOs, files and packages, commands and processes, system statistics, device
- *   information, network interfaces, probes.
+ *   strings and addresses, message log, CLI configuration, service store, message bus,
+ *   serial line and AT chat, event flags, routing, boot environment, modem status, local
+ *   messages, LEDs and GPIOs, files and packages, commands and processes, system
+ *   statistics, device information, sockets, network interfaces, probes.
  *
  * The cJSON functions come with the library: <cjson/cJSON.h> is included here, and a
  * daemon that links with -lqzlib alone may call them.
@@ -423,6 +423,238 @@ int qzlib_service_get_all_param(const service_info *info, service_param_list *ou
 
 /** Count all entries, headers included, without a limit. @return their number; 0 for null */
 int qzlib_service_get_param_num(const service_info *info);
+
+/* ---- Message bus ---------------------------------------------------------------------
+ * The daemons of the router talk through one bus server. It owns the local datagram socket
+ * QZLIB_MBUS_SOCKET and a System V shared-memory table of clients; every client has a
+ * segment of its own with two packet rings, "up" (client to server) and "down" (server to
+ * client). A daemon connects, starts the down cache and answers with qzlib_mbus_write();
+ * docs/bus.md has the formats, the guarantees and the limits.
+ *
+ * The same functions serve the bus server: given a record that is not this process's own,
+ * they act on that client's rings from the server's end.
+ *
+ * Everything in shared memory is fixed to the byte on 32-bit and 64-bit hosts, is
+ * little-endian, and is never trusted: no index, length or name found there makes a call
+ * leave the segment. One thread at a time may write a ring, and one may read it; connect
+ * and disconnect are not to be called while other calls on the bus run (a thread that
+ * waits in qzlib_mbus_read_pkg() and the down cache are looked after). Packets are written
+ * and read without heap and, when nobody sleeps on the ring, without a system call. A
+ * process that is killed at any point stops nobody else. Messages go to debug_msg() with
+ * the module "mbus_api". */
+
+#define QZLIB_MBUS_SOCKET "/tmp/mbus.sock" /**< control socket, bound by the bus server */
+
+/** Sizes and keys of the bus's shared memory. */
+enum {
+    QZLIB_MBUS_SHARE_KEY = 20206372,  /**< System V key of the share segment */
+    QZLIB_MBUS_SHARE_SIZE = 8520,     /**< bytes, struct mbus_share_segment */
+    QZLIB_MBUS_CLIENTS = 50,          /**< records in the client table */
+    QZLIB_MBUS_NAME_SIZE = 32,        /**< client name; no terminator at 32 characters */
+    QZLIB_MBUS_SEGMENT_SIZE = 534656, /**< bytes of a client segment: up ring, down ring */
+    QZLIB_MBUS_RING_SIZE = 267392,    /**< offset of the down ring; the up ring starts at 0 */
+    QZLIB_MBUS_RING_SLOTS = 64,       /**< at most 63 packets wait */
+    QZLIB_MBUS_SLOT_SIZE = 4176,      /**< slot i starts at i * 4176 within its ring */
+    QZLIB_MBUS_SLOT_PAYLOAD = 76,     /**< offset of the payload within a slot */
+    QZLIB_MBUS_PKG_NAME_SIZE = 64,    /**< packet name; no terminator at 64 characters */
+    QZLIB_MBUS_PAYLOAD_MAX = 4096     /**< most payload bytes of a packet that is written */
+};
+
+/** Commands on the control socket. */
+enum { MBUS_CTL_REGISTER = 1, MBUS_CTL_UNREGISTER = 2 };
+
+/** One datagram on the control socket, 36 bytes; it is not answered. */
+typedef struct mbus_ctl_msg {
+    int32_t command;                 /**< MBUS_CTL_REGISTER or MBUS_CTL_UNREGISTER */
+    char name[QZLIB_MBUS_NAME_SIZE]; /**< client, NUL-padded */
+} mbus_ctl_msg;
+
+/**
+ * One process's attachment of a client segment; all zero when not attached. On a 32-bit
+ * build the words are the id and three addresses; on a 64-bit build addresses do not fit,
+ * and address holds a key that means something inside the attaching process only.
+ */
+typedef struct mbus_seg_handle {
+    int32_t id;         /**< System V segment id */
+    uint32_t address;   /**< attachment, or the key */
+    uint32_t up_ring;   /**< address of the up ring; 0 on a 64-bit build */
+    uint32_t down_ring; /**< address of the down ring; 0 on a 64-bit build */
+} mbus_seg_handle;
+
+/**
+ * Client record in the share segment, 168 bytes. The bus server writes name and handle; of
+ * the indices and counters each has one writer, named below. A ring is empty when its two
+ * indices are equal and full when write + 1 (modulo 64) is read.
+ */
+typedef struct mbus_client {
+    char name[QZLIB_MBUS_NAME_SIZE]; /**< NUL-padded, full width without terminator; empty: free */
+    mbus_seg_handle server_handle;   /**< means something inside the server only */
+    uint32_t up_write;               /**< 0 to 63, moved by the client */
+    uint32_t up_read;                /**< 0 to 63, moved by the server */
+    uint32_t down_write;             /**< 0 to 63, moved by the server */
+    uint32_t down_read;              /**< 0 to 63, moved by the client */
+    uint64_t server_read;            /**< bytes the server read from the up ring */
+    uint64_t server_offered;         /**< bytes the server offered to the down ring, dropped ones too */
+    uint64_t client_offered;         /**< bytes the client offered to the up ring, dropped ones too */
+    uint64_t client_read;            /**< bytes the client read from the down ring */
+    uint64_t server_dropped;         /**< bytes the server dropped: down ring full */
+    uint64_t client_dropped;         /**< bytes the client dropped: up ring full */
+    pthread_cond_t down_cond;        /**< process-shared, for packets in the down ring */
+    uint32_t flags;                  /**< set by the client; the bits are the bus server's */
+    uint32_t reserved;
+} mbus_client;
+
+/** The share segment, 8520 bytes. */
+typedef struct mbus_share_segment {
+    pthread_cond_t up_cond; /**< process-shared, for packets in any up ring; the bus server initialises it */
+    mbus_client clients[QZLIB_MBUS_CLIENTS];
+    uint8_t server[72]; /**< the bus server's own */
+} mbus_share_segment;
+
+/** Packet header: what a caller fills to write, and what a read hands out. */
+typedef struct mbus_pkg {
+    uint8_t type;                        /**< 0 to 3; the meanings belong to the daemons */
+    char name[QZLIB_MBUS_PKG_NAME_SIZE]; /**< client or topic, NUL-padded, full width without terminator */
+    uint32_t length;                     /**< payload bytes, 1 to 4096 when written */
+    void *data;                          /**< payload */
+} mbus_pkg;
+
+/**
+ * Receives the packets of the down cache, on the cache's delivery thread.
+ * @param type  0 to 3
+ * @param name  64-byte field, terminated only if shorter
+ * @param data  payload, aligned for any type; it and name are valid during the call only
+ * @param len   payload bytes
+ * @return ignored
+ */
+typedef int (*mbus_pkg_callback)(unsigned int type, const char *name, const void *data, unsigned int len);
+
+/** Address of the share segment in this process (mbus_share_segment); null when not attached. */
+extern void *mbus_share;
+
+/** Id of the share segment; -1 when there is none. */
+extern int mbus_share_memid;
+
+/**
+ * Make the System V key of a client's segment: the sum of the name's bytes as signed
+ * characters. Names with the same sum share a key, deliberately simple; the bus server
+ * refuses the second.
+ * @param name  terminated text, not empty
+ * @return the key; -1 for null
+ */
+int qzlib_mbus_name_to_key(const char *name);
+
+/**
+ * Find a client's record, without regard to case. The empty name finds the first free record.
+ * @param name  terminated text
+ * @return the first matching record, valid until the share segment is detached; null when
+ *         there is none, or no share segment is attached
+ */
+mbus_client *qzlib_find_client_by_name(const char *name);
+
+/**
+ * Attach a client's segment, creating it when it is absent. On the client's side (the own
+ * record) also empties both rings and initialises the down condition. Logs at level 1, or
+ * at level 3 on failure.
+ * @param client  record whose name is set
+ * @return 0; -1 for null, or when the segment cannot be created (a name whose key is 0
+ *         cannot have one). An attachment that the system refuses gives 0, deliberately,
+ *         and a record whose packets all fail.
+ */
+int qzlib_client_init(mbus_client *client);
+
+/**
+ * Detach a client's segment and clear its handle; the last side to detach removes the
+ * segment. Logs at level 1.
+ * @param client  record or null
+ */
+void qzlib_client_uninit(mbus_client *client);
+
+/**
+ * Attach the share segment, creating it when it is absent; sets mbus_share and
+ * mbus_share_memid. Attaching again what is attached changes nothing.
+ * @return 0; -1 when it cannot be created (not logged) or attached (logged at level 3)
+ */
+int qzlib_mbus_share_init(void);
+
+/** Detach the share segment, removing it when no process is attached any longer. */
+void qzlib_mbus_share_uninit(void);
+
+/** Set bits in the own record's client flags. @return 0; -1 when not connected */
+int qzlib_client_set_flag(unsigned flags);
+
+/** Clear bits in the own record's client flags. @return 0; -1 when not connected */
+int qzlib_client_clear_flag(unsigned flags);
+
+/**
+ * Join the bus. Blocks for up to 6 seconds when no server answers (4 attempts), else for
+ * some milliseconds; the server has about 7 ms to enter the name in its table. Logs
+ * success at level 1 and a segment that cannot be had at level 3.
+ * @param name  1 to 32 characters
+ * @return 0; QZLIB_ERR_ARGUMENT (-257) for null; -1 when there is no server or it refused
+ *         the name
+ */
+int qzlib_connect_mbus_server(const char *name);
+
+/**
+ * Leave the bus. A thread that waits in qzlib_mbus_read_pkg() gets null; the down cache
+ * sleeps until the process connects again.
+ * @return 0
+ */
+int qzlib_disconnect_mbus_server(void);
+
+/**
+ * Put one packet into a ring: the own up ring, or another client's down ring.
+ * A full ring drops the packet (counted, logged at level 0) and wakes the reader.
+ * @param client  own record, or as bus server a record attached with qzlib_client_init()
+ * @param pkg     type 0 to 3, length 1 to 4096, data; name as in the format
+ * @return 0; -1 for a bad argument (nothing counted), a full ring or no connection
+ */
+int qzlib_mbus_write_pkg(mbus_client *client, const mbus_pkg *pkg);
+
+/**
+ * Write a buffer as a run of packets of at most 4096 bytes.
+ * @param client  as above; null for the own record
+ * @param type    0 to 3
+ * @param name    client or topic, at most 64 characters are kept; null or "" for none
+ * @param data    len bytes
+ * @param len     any length
+ * @return bytes put into packets: fewer than len, perhaps 0, when the ring ran full; 0 for
+ *         len below 1; -1 when client is null and the process is not connected
+ */
+int qzlib_mbus_write(mbus_client *client, int type, const char *name, const void *data, int len);
+
+/** qzlib_mbus_write() of type 0, without a name, to the own up ring. */
+int qzlib_mbus_write_data(const void *data, int len);
+
+/**
+ * Take the next packet from a ring: the own down ring, or another client's up ring. The
+ * packet's slot is given back by the next call on the same ring. A corrupt packet is
+ * skipped with a message at level 2 and gives null.
+ *
+ * Waiting costs nothing while the ring is idle. The wait is bounded by 1 ms, doubling to
+ * 1 s while no packet comes, so that a packet whose writer failed to signal it (was
+ * killed, or is built on older rules) is late by no more than the ring was idle, at most 1 s.
+ * @param client  null or the own record; as bus server another record
+ * @param nowait  0: wait for a packet; the server's side never waits and logs at level 2
+ * @return header and payload, valid until the next call on the same ring (reads of other
+ *         rings do not matter); null when there is none
+ */
+mbus_pkg *qzlib_mbus_read_pkg(mbus_client *client, int nowait);
+
+/**
+ * Start the down cache: one thread empties the down ring into memory, another hands the
+ * packets to the callback in the order of their arrival. Call it once, after connecting;
+ * the threads run until the process ends.
+ *
+ * A packet is dropped (logged at level 2) when the bytes in use + 87 + its length exceed
+ * the cap; a cached packet uses 83 bytes + its length until its callback has returned. Out of
+ * memory drops it too (level 3).
+ * @param max_bytes  cap; below 4097: 8388608
+ * @param callback   may take its time and may write to the bus
+ * @return 0; -1 when not connected
+ */
+int qzlib_mbus_down_cache_process(int max_bytes, mbus_pkg_callback callback);
 
 /* ---- Serial line and AT chat ---------------------------------------------------------
  * Open the modem's tty and exchange AT commands with it. One device at a time and one
@@ -1328,6 +1560,80 @@ int qzlib_watchdog_feed(void);
 /** Stop the hardware watchdog (WDIOC_SETOPTIONS, WDIOS_DISABLECARD). @return result of the request; -1 with
  * errno */
 int qzlib_watchdog_stop(void);
+
+/* ---- Sockets -------------------------------------------------------------------------
+ * Ready-made sockets. The caller owns every descriptor that is returned and closes it; all
+ * are close-on-exec. Connects have no time limit. Local paths are cut to 107 bytes. No
+ * state: callable from any thread. Messages go to debug_msg() with the module "socket_api". */
+
+/**
+ * Open a local datagram socket connected to a path; non-blocking (when it cannot be
+ * switched, that is logged at level 2 and the socket returned all the same).
+ * @return descriptor; QZLIB_ERR_ARGUMENT (-257) for null; QZLIB_ERR_FAILED (-264), logged
+ *         at level 3 only when no socket can be created
+ */
+int qzlib_create_connect_unixdomain(const char *path);
+
+/**
+ * Send one datagram to a local path. One that cannot be delivered is lost silently.
+ * @param len  bytes of buf, at least 1
+ * @return 0; QZLIB_ERR_ARGUMENT (-257) for a null pointer or len below 1; else the code of
+ *         qzlib_create_connect_unixdomain()
+ */
+int qzlib_send_to_unixdomain(const char *path, const void *buf, int len);
+
+/**
+ * Bind a local datagram socket to a path, removing a file that is there; non-blocking.
+ * Nothing removes the file when the socket is closed. Logs every failure.
+ * @return descriptor; QZLIB_ERR_ARGUMENT (-257); QZLIB_ERR_FAILED (-264)
+ */
+int qzlib_create_listen_unixdomain(const char *path);
+
+/**
+ * Open a UDP socket to a host. With an address in the form of qzlib_ip_is_valid() and a
+ * port of digits no resolver is asked. In that case a socket that fails to connect stays
+ * open, deliberately, and text that only looks like an address ("300.1.1.1") connects to
+ * 0.0.0.0. Logs nothing.
+ * @param port         number or service name
+ * @param force_block  above 0: switch the socket to blocking
+ * @return descriptor; QZLIB_ERR_ARGUMENT (-257) for null; QZLIB_ERR_FAILED (-264) when the
+ *         name is not resolved or the socket cannot be switched; -1 when nothing connects
+ *         (-264 if resolved by name with the flag set)
+ */
+int qzlib_create_connect_udp(const char *host, const char *port, int force_block);
+
+/**
+ * Open a TCP connection; otherwise as qzlib_create_connect_udp(), but the flag asks for
+ * the opposite.
+ * @param nonblock  above 0: switch the connected socket to non-blocking
+ */
+int qzlib_create_connect_tcp(const char *host, const char *port, int nonblock);
+
+/**
+ * Open a socket of whatever kind to the first address of a node and service that connects;
+ * always asks the resolver. Logs nothing.
+ * @param force_block  above 0: switch the socket to blocking
+ * @return descriptor; QZLIB_ERR_ARGUMENT (-257) for null; QZLIB_ERR_FAILED (-264) when the
+ *         name is not resolved or the socket cannot be switched; -1 when nothing connects
+ */
+int qzlib_create_connect_addr(const char *node, const char *service, int force_block);
+
+/**
+ * Open a listening TCP socket (SO_REUSEADDR, backlog 1024), non-blocking. Logs every failure.
+ * @param ip    local IPv4 address; null for any
+ * @param port  host order, low 16 bits
+ * @return descriptor; QZLIB_ERR_ARGUMENT (-257) for text that is no address;
+ *         QZLIB_ERR_FAILED (-264); -1 when no socket can be created, deliberately not -264
+ */
+int qzlib_create_listen_tcp(const char *ip, unsigned port);
+
+/**
+ * Open a UDP socket bound to a port (SO_REUSEADDR), non-blocking. Logs every failure.
+ * @param ip    local IPv4 address; null for any
+ * @param port  host order, low 16 bits
+ * @return descriptor; QZLIB_ERR_ARGUMENT (-257) for text that is no address; QZLIB_ERR_FAILED (-264)
+ */
+int qzlib_create_listen_udp(const char *ip, unsigned port);
 
 /* ---- Network interfaces --------------------------------------------------------------
  * Addresses, counters and flags of one interface. Names longer than 15 characters are cut to

@@ -25,7 +25,7 @@ namespace
 using support::write_file;
 using Clock = std::chrono::steady_clock;
 
-long elapsed_ms(Clock::time_point since)
+long long elapsed_ms(Clock::time_point since)
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count();
 }

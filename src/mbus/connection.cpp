@@ -1,0 +1,145 @@
+#include "base/export.h"
+#include "base/owners.h"
+#include "base/text.h"
+#include "mbus/bus.h"
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <poll.h>
+#include <unistd.h>
+
+namespace qz::mbus
+{
+namespace
+{
+
+using qz::base::UniqueFd;
+
+constexpr unsigned ATTEMPTS = 4; // to reach the server, and to find the name
+constexpr unsigned REGISTER_PATIENCE_MS = 1000;
+
+// Whether connect has finished: what the down cache's reader waits for.
+pthread_mutex_t connected_mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t connected_changed = PTHREAD_COND_INITIALIZER;
+bool connected = false;
+
+void set_connected(bool value)
+{
+    pthread_mutex_lock(&connected_mutex);
+    connected = value;
+    pthread_cond_broadcast(&connected_changed);
+    pthread_mutex_unlock(&connected_mutex);
+}
+
+void pause_ms(unsigned ms)
+{
+    timespec left = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1'000'000};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+mbus_ctl_msg command(int32_t code, const char *name)
+{
+    mbus_ctl_msg message = {code, {}};
+    qz::base::fill_field(message.name, name);
+    return message;
+}
+
+UniqueFd reach_server()
+{
+    UniqueFd fd(qzlib_create_connect_unixdomain(QZLIB_MBUS_SOCKET));
+    for (unsigned failed = 1; !fd && failed < ATTEMPTS; ++failed) {
+        pause_ms(failed * 1000);
+        fd.reset(qzlib_create_connect_unixdomain(QZLIB_MBUS_SOCKET));
+    }
+    return fd;
+}
+
+// The result is not looked at: whether the server took the name shows in its table. But many
+// daemons start at once, and the server's queue may be full for a moment.
+void send_command(int fd, const mbus_ctl_msg &message)
+{
+    if (write(fd, &message, sizeof message) >= 0 || errno != EAGAIN)
+        return;
+    pollfd room = {fd, POLLOUT, 0};
+    if (poll(&room, 1, REGISTER_PATIENCE_MS) == 1)
+        (void)!write(fd, &message, sizeof message);
+}
+
+// The server needs a moment to fill the record.
+mbus_client *await_record(const char *name)
+{
+    pause_ms(1);
+    mbus_client *record = qzlib_find_client_by_name(name);
+    for (unsigned failed = 1; record == nullptr && failed < ATTEMPTS; ++failed) {
+        pause_ms(failed);
+        record = qzlib_find_client_by_name(name);
+    }
+    return record;
+}
+
+int take_record(mbus_client *record)
+{
+    set_self(record);
+    if (qzlib_client_init(record) != 0) {
+        MBUS_LOG(QZLIB_LOG_ERROR, "connect to mbus fail");
+        set_self(nullptr);
+        return -1;
+    }
+    MBUS_LOG(QZLIB_LOG_INFO, "connect to mbus success");
+    set_connected(true);
+    return 0;
+}
+
+} // namespace
+
+void wait_connected()
+{
+    pthread_mutex_lock(&connected_mutex);
+    while (!connected)
+        pthread_cond_wait(&connected_changed, &connected_mutex);
+    pthread_mutex_unlock(&connected_mutex);
+}
+
+} // namespace qz::mbus
+
+using namespace qz::mbus;
+
+QZ_EXPORT int qzlib_connect_mbus_server(const char *name)
+{
+    if (name == nullptr)
+        return QZLIB_ERR_ARGUMENT;
+    qzlib_disconnect_mbus_server(); // nothing to do, normally
+    UniqueFd fd = reach_server();
+    if (!fd)
+        return -1;
+    send_command(fd.get(), command(MBUS_CTL_REGISTER, name));
+    fd.reset();
+    const int result = qzlib_mbus_share_init();
+    if (result != 0)
+        return result;
+    mbus_client *record = await_record(name);
+    if (record != nullptr && take_record(record) == 0)
+        return 0;
+    qzlib_mbus_share_uninit();
+    return -1;
+}
+
+// Whoever waits for a packet leaves before the memory does.
+QZ_EXPORT int qzlib_disconnect_mbus_server(void)
+{
+    mbus_client *own = self();
+    if (own == nullptr)
+        return 0;
+    mbus_ctl_msg message = {MBUS_CTL_UNREGISTER, {}};
+    memcpy(message.name, own->name, sizeof message.name);
+    (void)qzlib_send_to_unixdomain(QZLIB_MBUS_SOCKET, &message, sizeof message); // the server may be gone
+    set_connected(false);
+    set_self(nullptr);
+    force_condition(own->down_cond);
+    wait_absence();
+    uninit_client(*own, true);
+    qzlib_mbus_share_uninit();
+    return 0;
+}

@@ -1,0 +1,317 @@
+#include "base/export.h"
+#include "base/text.h"
+#include "mbus/bus.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <sched.h>
+
+namespace qz::mbus
+{
+namespace
+{
+
+constexpr uint8_t TYPES = 4;
+constexpr uint32_t YIELD_PATIENCE_US = 1000;
+constexpr unsigned DIRECT_SLEEPS = 500;
+
+// The end of a ring that this process works on. The indices lie in shared memory; one of
+// them is moved by this process alone, both may hold anything.
+struct Ring {
+    Slot *slots;
+    uint32_t &write;
+    uint32_t &read;
+};
+
+// Acquires what the peer published with the index.
+uint32_t load_index(const uint32_t &index)
+{
+    return __atomic_load_n(&index, __ATOMIC_ACQUIRE) % SLOTS;
+}
+
+uint32_t following(uint32_t slot)
+{
+    return (slot + 1) % SLOTS;
+}
+
+// Sequentially consistent against begin_wait(): either the sleeper sees the packet or the
+// writer sees the sleeper.
+void publish(uint32_t &index, uint32_t slot)
+{
+    __atomic_store_n(&index, slot, __ATOMIC_SEQ_CST);
+}
+
+bool is_empty(const Ring &ring)
+{
+    return __atomic_load_n(&ring.write, __ATOMIC_SEQ_CST) % SLOTS == load_index(ring.read);
+}
+
+uint32_t mark_of(const Slot &slot)
+{
+    return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(slot.payload));
+}
+
+// The bounded copy of a name, in words: all of the packet path's own work is here. Zero
+// bytes are found with the usual trick; the lowest one found is a true one.
+void copy_name(char (&to)[QZLIB_MBUS_PKG_NAME_SIZE], const char (&from)[QZLIB_MBUS_PKG_NAME_SIZE])
+{
+    constexpr size_t ONES = ~size_t{0} / 0xff;
+    size_t at = 0;
+    for (; at < sizeof to; at += sizeof(size_t)) {
+        size_t chunk;
+        memcpy(&chunk, from + at, sizeof chunk);
+        const size_t zeros = (chunk - ONES) & ~chunk & (ONES << 7);
+        if (zeros != 0)
+            chunk &= ((zeros & (~zeros + 1)) >> 7) - 1;
+        memcpy(to + at, &chunk, sizeof chunk);
+        if (zeros != 0)
+            break;
+    }
+    for (at += sizeof(size_t); at < sizeof to; at += sizeof(size_t))
+        memset(to + at, 0, sizeof(size_t));
+}
+
+// A packet as it was when it was checked: as bus server of 32 bits a caller may pass on a
+// header that lies in a ring, where its writer can still change it.
+struct Outgoing {
+    const mbus_pkg &header;
+    uint8_t type;
+    uint32_t length;
+    const void *data;
+
+    explicit Outgoing(const mbus_pkg &pkg)
+        : header(pkg), type(__atomic_load_n(&pkg.type, __ATOMIC_RELAXED)),
+          length(__atomic_load_n(&pkg.length, __ATOMIC_RELAXED)),
+          data(__atomic_load_n(&pkg.data, __ATOMIC_RELAXED))
+    {
+    }
+    [[nodiscard]] bool is_valid() const
+    {
+        return type < TYPES && length >= 1 && length <= QZLIB_MBUS_PAYLOAD_MAX && data != nullptr;
+    }
+};
+
+// False when the ring is full.
+bool put(const Ring &ring, const Outgoing &packet)
+{
+    const uint32_t at = load_index(ring.write);
+    const uint32_t next = following(at);
+    if (next == load_index(ring.read))
+        return false;
+    Slot &slot = ring.slots[at];
+    slot.type = packet.type;
+    slot.length = packet.length;
+    slot.data_address = mark_of(slot) | FRESH;
+    copy_name(slot.name, packet.header.name);
+    memcpy(slot.payload, packet.data, packet.length);
+    publish(ring.write, next);
+    return true;
+}
+
+int drop(const mbus_client &client, pthread_cond_t &condition, uint64_t &dropped, uint32_t length)
+{
+    force_condition(condition);
+    dropped += length;
+    MBUS_LOG(QZLIB_LOG_DEBUG, "mbus write drop, name:%.32s, size:%d", client.name, static_cast<int>(length));
+    return -1;
+}
+
+int fail(const mbus_client &client)
+{
+    // The read text on writing, too, deliberately.
+    MBUS_LOG(QZLIB_LOG_WARNING, "mbus read fail, name:%.32s", client.name);
+    return -1;
+}
+
+int write_up(mbus_client &client, const Outgoing &packet)
+{
+    mbus_share_segment *segment = share();
+    Attachment &own = own_attachment();
+    if (segment == nullptr || own.base == nullptr)
+        return fail(client);
+    client.client_offered += packet.length;
+    if (!put({own.up_ring(), client.up_write, client.up_read}, packet))
+        return drop(client, segment->up_cond, client.client_dropped, packet.length);
+    signal_condition(segment->up_cond, own.signals);
+    return 0;
+}
+
+int write_down(mbus_client &client, const Outgoing &packet)
+{
+    Attachment *attachment = find_attachment(&client);
+    if (attachment == nullptr || attachment->base == nullptr)
+        return fail(client);
+    client.server_offered += packet.length;
+    if (!put({attachment->down_ring(), client.down_write, client.down_read}, packet))
+        return drop(client, client.down_cond, client.server_dropped, packet.length);
+    signal_condition(client.down_cond, attachment->signals);
+    return 0;
+}
+
+// Gives back the slot that the previous read handed out. The mark alone would not do: a
+// writer on older rules that has the segment at the reader's address leaves the same one.
+void finish_previous(const Ring &ring, Attachment &attachment)
+{
+    const uint32_t at = load_index(ring.read);
+    const bool handed_out =
+        attachment.handed_out == at && !is_empty(ring) &&
+        __atomic_load_n(&ring.slots[at].data_address, __ATOMIC_RELAXED) == mark_of(ring.slots[at]);
+    attachment.handed_out = SLOTS;
+    if (handed_out)
+        __atomic_store_n(&ring.read, following(at), __ATOMIC_RELEASE);
+}
+
+mbus_pkg *hand_out(Slot &slot, Attachment &attachment, uint8_t type, uint32_t length)
+{
+    if constexpr (!WIDE_ADDRESSES)
+        return reinterpret_cast<mbus_pkg *>(&slot);
+    attachment.header.type = type;
+    memcpy(attachment.header.name, slot.name, sizeof slot.name);
+    attachment.header.length = length;
+    attachment.header.data = slot.payload;
+    return &attachment.header;
+}
+
+// The ring is not empty. Type and length are looked at once: what was checked is what counts.
+mbus_pkg *take(const Ring &ring, Attachment &attachment, const mbus_client &client, uint64_t &bytes_read)
+{
+    const uint32_t at = load_index(ring.read);
+    Slot &slot = ring.slots[at];
+    const uint8_t type = __atomic_load_n(&slot.type, __ATOMIC_RELAXED);
+    const uint32_t length = __atomic_load_n(&slot.length, __ATOMIC_RELAXED);
+    if (type < TYPES && length >= 1 && length <= READ_LENGTH_MAX) {
+        __atomic_store_n(&slot.data_address, mark_of(slot), __ATOMIC_RELAXED);
+        attachment.handed_out = at;
+        bytes_read += length;
+        return hand_out(slot, attachment, type, length);
+    }
+    MBUS_LOG(QZLIB_LOG_WARNING, "mbus read fail, name:%.32s, type:%d, len:%d", client.name, type,
+             static_cast<int>(length));
+    __atomic_store_n(&slot.data_address, 0, __ATOMIC_RELAXED);
+    __atomic_store_n(&ring.read, following(at), __ATOMIC_RELEASE);
+    return nullptr;
+}
+
+uint32_t monotonic_us()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint32_t>(now.tv_sec) * 1'000'000 + static_cast<uint32_t>(now.tv_nsec / 1000);
+}
+
+// Gives the processor away once before sleeping: on one core the writer then fills the ring,
+// and nobody has to be woken. That is good only while the processor soon comes back. Where
+// others compute, a sleeper that is woken gets it sooner than one who gave it away.
+void let_writer_run(Attachment &own)
+{
+    if (own.direct_sleeps > 0) {
+        --own.direct_sleeps;
+        return;
+    }
+    const uint32_t start = monotonic_us();
+    sched_yield();
+    if (monotonic_us() - start > YIELD_PATIENCE_US)
+        own.direct_sleeps = DIRECT_SLEEPS;
+}
+
+// False when the process disconnects.
+bool wait_packet(const Ring &ring, mbus_client &client, Attachment &own)
+{
+    let_writer_run(own);
+    while (is_empty(ring)) {
+        const uint32_t ticket = begin_wait(client.down_cond);
+        bool woken = true;
+        if (is_empty(ring) && self() == &client)
+            woken = wait_condition(client.down_cond, ticket, own.wait_ms);
+        end_wait(client.down_cond);
+        if (self() != &client)
+            return false;
+        if (!woken)
+            own.wait_ms = std::min(own.wait_ms * 2, WAIT_MAX_MS);
+    }
+    own.wait_ms = WAIT_MIN_MS;
+    return true;
+}
+
+mbus_pkg *read_down(mbus_client &client, bool nowait)
+{
+    Attachment &own = own_attachment();
+    if (own.base == nullptr) {
+        (void)fail(client);
+        return nullptr;
+    }
+    const Ring ring = {own.down_ring(), client.down_write, client.down_read};
+    finish_previous(ring, own);
+    if (!is_empty(ring))
+        return take(ring, own, client, client.client_read);
+    if (nowait)
+        return nullptr;
+    const Presence presence;
+    if (self() != &client || !wait_packet(ring, client, own))
+        return nullptr;
+    return take(ring, own, client, client.client_read);
+}
+
+mbus_pkg *read_up(mbus_client &client, bool nowait)
+{
+    Attachment *attachment = find_attachment(&client);
+    if (!nowait || attachment == nullptr || attachment->base == nullptr) {
+        (void)fail(client);
+        return nullptr;
+    }
+    const Ring ring = {attachment->up_ring(), client.up_write, client.up_read};
+    finish_previous(ring, *attachment);
+    return is_empty(ring) ? nullptr : take(ring, *attachment, client, client.server_read);
+}
+
+} // namespace
+} // namespace qz::mbus
+
+using namespace qz::mbus;
+
+QZ_EXPORT int qzlib_mbus_write_pkg(mbus_client *client, const mbus_pkg *pkg)
+{
+    if (client == nullptr || pkg == nullptr)
+        return -1;
+    const Outgoing packet(*pkg);
+    if (!packet.is_valid())
+        return -1;
+    return client == self() ? write_up(*client, packet) : write_down(*client, packet);
+}
+
+QZ_EXPORT int qzlib_mbus_write(mbus_client *client, int type, const char *name, const void *data, int len)
+{
+    if (client == nullptr)
+        client = self();
+    if (client == nullptr)
+        return -1;
+    mbus_pkg pkg = {};
+    pkg.type = static_cast<uint8_t>(type);
+    qz::base::fill_field(pkg.name, name != nullptr ? name : "");
+    pkg.data = const_cast<void *>(data);
+    int written = 0;
+    while (written < len) {
+        pkg.length = static_cast<uint32_t>(std::min<int>(len - written, QZLIB_MBUS_PAYLOAD_MAX));
+        if (qzlib_mbus_write_pkg(client, &pkg) != 0)
+            break;
+        written += static_cast<int>(pkg.length);
+        pkg.data = static_cast<char *>(pkg.data) + pkg.length;
+    }
+    return written;
+}
+
+QZ_EXPORT int qzlib_mbus_write_data(const void *data, int len)
+{
+    return qzlib_mbus_write(nullptr, 0, nullptr, data, len);
+}
+
+QZ_EXPORT mbus_pkg *qzlib_mbus_read_pkg(mbus_client *client, int nowait)
+{
+    mbus_client *own = self();
+    if (client == nullptr)
+        client = own;
+    if (client == nullptr)
+        return nullptr;
+    return client == own ? read_down(*client, nowait != 0) : read_up(*client, nowait != 0);
+}

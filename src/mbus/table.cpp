@@ -1,0 +1,332 @@
+#include "base/export.h"
+#include "base/text.h"
+#include "mbus/bus.h"
+
+#include <cstring>
+#include <ctime>
+#include <strings.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
+QZ_EXPORT void *mbus_share = nullptr;
+QZ_EXPORT int mbus_share_memid = -1;
+
+namespace qz::mbus
+{
+namespace
+{
+
+constexpr int SEGMENT_FLAGS = IPC_CREAT | 0666;
+constexpr size_t OUTSIDE_RECORDS = 14; // a server may keep records of its own, too
+constexpr int LEAVE_PATIENCE_MS = 2000;
+
+// Everything that the bus keeps in this process.
+struct State {
+    mbus_client *self; // published last by connect, cleared first by disconnect
+    int present;       // threads that are using the shared memory, see Presence
+    Attachment own;
+    // The server side: one for each table record, in the table's order, then any others.
+    Attachment clients[QZLIB_MBUS_CLIENTS + OUTSIDE_RECORDS];
+};
+State state = {};
+
+// A record's name, safe from a peer that changes it meanwhile.
+class Name
+{
+public:
+    explicit Name(const mbus_client &record)
+    {
+        memcpy(text_, record.name, sizeof record.name);
+        text_[sizeof record.name] = '\0';
+    }
+    [[nodiscard]] const char *text() const { return text_; }
+
+private:
+    char text_[QZLIB_MBUS_NAME_SIZE + 1];
+};
+
+// shmat() reports failure with -1, which attachments are deliberately not tested for where
+// the result is decided, but nothing is ever read there.
+bool is_usable(const void *address)
+{
+    return address != nullptr && address != reinterpret_cast<void *>(-1);
+}
+
+int key_of(const char *name)
+{
+    unsigned sum = 0;
+    for (; *name != '\0'; ++name)
+        sum += static_cast<unsigned>(static_cast<signed char>(*name));
+    return static_cast<int>(sum);
+}
+
+void remove_if_unused(int id)
+{
+    shmid_ds status;
+    if (shmctl(id, IPC_STAT, &status) == 0 && status.shm_nattch == 0)
+        (void)shmctl(id, IPC_RMID, nullptr); // the other side may have been quicker
+}
+
+size_t table_index(const mbus_client *record)
+{
+    const mbus_share_segment *segment = share();
+    if (segment == nullptr)
+        return QZLIB_MBUS_CLIENTS;
+    const auto offset = reinterpret_cast<uintptr_t>(record) - reinterpret_cast<uintptr_t>(segment->clients);
+    return offset / sizeof(mbus_client); // beyond the table for any other record
+}
+
+// The attachment to fill for a record: the one that it has, else a free one.
+Attachment *claim_attachment(mbus_client *record)
+{
+    const size_t index = table_index(record);
+    if (index < QZLIB_MBUS_CLIENTS)
+        return &state.clients[index];
+    Attachment *free_one = nullptr;
+    for (size_t i = QZLIB_MBUS_CLIENTS; i < std::size(state.clients); ++i) {
+        if (state.clients[i].record == record)
+            return &state.clients[i];
+        if (state.clients[i].record == nullptr)
+            free_one = &state.clients[i];
+    }
+    return free_one;
+}
+
+uint32_t address_word(const void *address)
+{
+    return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(address));
+}
+
+// Where addresses do not fit, a key of the attachment stands for them.
+uint32_t key_word(const Attachment &attachment)
+{
+    return &attachment == &state.own ? 1 : static_cast<uint32_t>(&attachment - state.clients) + 1;
+}
+
+mbus_seg_handle make_handle(int id, const Attachment &attachment, char *base)
+{
+    if constexpr (WIDE_ADDRESSES)
+        return {id, key_word(attachment), 0, 0};
+    return {id, address_word(base), address_word(base), address_word(base + QZLIB_MBUS_RING_SIZE)};
+}
+
+// The handle is the own one on the client side, else the one in the record.
+mbus_seg_handle &handle_of(mbus_client &record, Attachment &attachment)
+{
+    return &attachment == &state.own ? attachment.handle : record.server_handle;
+}
+
+void detach(Attachment &attachment)
+{
+    if (attachment.base != nullptr)
+        (void)shmdt(attachment.base);
+    if (attachment.handle.address != 0)
+        remove_if_unused(attachment.handle.id);
+}
+
+// Attaches unless that very segment is attached already.
+bool attach(mbus_client &record, Attachment &attachment, int id)
+{
+    char *base = attachment.base;
+    if (base == nullptr || attachment.handle.id != id) {
+        base = static_cast<char *>(shmat(id, nullptr, 0));
+        detach(attachment); // of a record that was given another name without being detached
+    }
+    attachment = {};
+    attachment.handed_out = SLOTS;
+    attachment.wait_ms = WAIT_MIN_MS;
+    attachment.record = &record;
+    attachment.handle.id = id;
+    if (base != nullptr)
+        attachment.handle = make_handle(id, attachment, base);
+    if (is_usable(base))
+        attachment.base = base;
+    handle_of(record, attachment) = attachment.handle;
+    return base != nullptr;
+}
+
+void empty_rings(mbus_client &record)
+{
+    for (uint32_t *index : {&record.up_write, &record.up_read, &record.down_write, &record.down_read})
+        __atomic_store_n(index, 0, __ATOMIC_SEQ_CST);
+}
+
+bool same_name(const mbus_client &record, const char *name)
+{
+    return strncasecmp(record.name, name, sizeof record.name) == 0 &&
+           strnlen(name, sizeof record.name + 1) <= sizeof record.name;
+}
+
+} // namespace
+
+mbus_client *self()
+{
+    return __atomic_load_n(&state.self, __ATOMIC_SEQ_CST);
+}
+
+void set_self(mbus_client *record)
+{
+    __atomic_store_n(&state.self, record, __ATOMIC_SEQ_CST);
+}
+
+Attachment &own_attachment()
+{
+    return state.own;
+}
+
+mbus_share_segment *share()
+{
+    void *address = __atomic_load_n(&mbus_share, __ATOMIC_RELAXED);
+    return is_usable(address) ? static_cast<mbus_share_segment *>(address) : nullptr;
+}
+
+// A record is normally found where it lies in the table. A copy of one is found by its
+// handle, which counts for nothing unless it is one that this process made.
+Attachment *find_attachment(const mbus_client *record)
+{
+    const size_t index = table_index(record);
+    if (index < QZLIB_MBUS_CLIENTS && state.clients[index].record == record)
+        return &state.clients[index];
+    for (Attachment &attachment : state.clients) {
+        if (attachment.record == nullptr)
+            continue;
+        if (attachment.record == record ||
+            memcmp(&attachment.handle, &record->server_handle, sizeof attachment.handle) == 0)
+            return &attachment;
+    }
+    return nullptr;
+}
+
+Presence::Presence()
+{
+    __atomic_fetch_add(&state.present, 1, __ATOMIC_SEQ_CST);
+}
+
+Presence::~Presence()
+{
+    __atomic_fetch_sub(&state.present, 1, __ATOMIC_SEQ_CST);
+}
+
+// A reader notices soon; the bound is for a caller that is itself such a thread, interrupted.
+void wait_absence()
+{
+    const timespec pause = {0, 1'000'000};
+    for (int i = 0; i < LEAVE_PATIENCE_MS && __atomic_load_n(&state.present, __ATOMIC_SEQ_CST) != 0; ++i)
+        (void)nanosleep(&pause, nullptr);
+}
+
+void uninit_client(mbus_client &record, bool own_side)
+{
+    const Name name(record);
+    MBUS_LOG(QZLIB_LOG_INFO, own_side ? "remove %s on client" : "remove %s on server", name.text());
+    Attachment *attachment = own_side ? &own_attachment() : find_attachment(&record);
+    if (attachment != nullptr) {
+        detach(*attachment);
+        *attachment = {};
+    }
+    if (!own_side)
+        record.server_handle = {};
+}
+
+} // namespace qz::mbus
+
+using namespace qz::mbus;
+
+QZ_EXPORT int qzlib_mbus_name_to_key(const char *name)
+{
+    return name == nullptr ? -1 : key_of(name);
+}
+
+QZ_EXPORT mbus_client *qzlib_find_client_by_name(const char *name)
+{
+    mbus_share_segment *segment = share();
+    if (segment == nullptr || name == nullptr)
+        return nullptr;
+    for (mbus_client &record : segment->clients)
+        if (same_name(record, name))
+            return &record;
+    return nullptr;
+}
+
+// A name whose key is IPC_PRIVATE would get a segment that the other side cannot find.
+QZ_EXPORT int qzlib_client_init(mbus_client *client)
+{
+    if (client == nullptr)
+        return -1;
+    const bool own_side = client == self();
+    const Name name(*client);
+    const int key = key_of(name.text());
+    const int id = key == IPC_PRIVATE ? -1 : shmget(key, QZLIB_MBUS_SEGMENT_SIZE, SEGMENT_FLAGS);
+    if (id < 0) {
+        MBUS_LOG(QZLIB_LOG_ERROR, "create share mem for %s fail", name.text());
+        return -1;
+    }
+    Attachment *attachment = own_side ? &own_attachment() : claim_attachment(client);
+    if (attachment == nullptr || !attach(*client, *attachment, id)) {
+        MBUS_LOG(QZLIB_LOG_ERROR, "mat share mem for %s fail", name.text());
+        return -1;
+    }
+    if (own_side) {
+        empty_rings(*client);
+        init_condition(client->down_cond);
+    }
+    // "on server" on both sides: tools that read logs know this text.
+    MBUS_LOG(QZLIB_LOG_INFO, "create %s on server, memid=%d", name.text(), id);
+    return 0;
+}
+
+QZ_EXPORT void qzlib_client_uninit(mbus_client *client)
+{
+    if (client != nullptr)
+        uninit_client(*client, client == self());
+}
+
+QZ_EXPORT int qzlib_mbus_share_init(void)
+{
+    const int id = shmget(QZLIB_MBUS_SHARE_KEY, QZLIB_MBUS_SHARE_SIZE, SEGMENT_FLAGS);
+    if (id < 0) {
+        mbus_share_memid = id;
+        return -1;
+    }
+    if (share() != nullptr && mbus_share_memid == id)
+        return 0;
+    if (share() != nullptr)
+        (void)shmdt(mbus_share); // of a bus server that is gone
+    mbus_share_memid = id;
+    __atomic_store_n(&mbus_share, shmat(id, nullptr, 0), __ATOMIC_RELAXED);
+    if (mbus_share == nullptr) {
+        MBUS_LOG(QZLIB_LOG_ERROR, "init share mem fail");
+        return -1;
+    }
+    return 0;
+}
+
+QZ_EXPORT void qzlib_mbus_share_uninit(void)
+{
+    if (mbus_share != nullptr) {
+        (void)shmdt(mbus_share);
+        __atomic_store_n(&mbus_share, nullptr, __ATOMIC_RELAXED);
+    }
+    if (mbus_share_memid >= 0) {
+        remove_if_unused(mbus_share_memid);
+        mbus_share_memid = -1;
+    }
+}
+
+QZ_EXPORT int qzlib_client_set_flag(unsigned flags)
+{
+    mbus_client *own = self();
+    if (own == nullptr)
+        return -1;
+    own->flags |= flags;
+    return 0;
+}
+
+QZ_EXPORT int qzlib_client_clear_flag(unsigned flags)
+{
+    mbus_client *own = self();
+    if (own == nullptr)
+        return -1;
+    own->flags &= ~flags;
+    return 0;
+}

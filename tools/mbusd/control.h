@@ -1,0 +1,43 @@
+// The control socket: datagrams in, each with the process that sent it.
+#pragma once
+
+#include <optional>
+#include <qzlib.h>
+#include <string>
+#include <sys/types.h>
+
+namespace mbusd
+{
+
+struct Command {
+    int32_t code;
+    std::string name; // not empty
+    pid_t sender;     // 0 when the kernel cannot tell
+};
+
+class ControlSocket
+{
+public:
+    ControlSocket() = default;
+    ~ControlSocket();
+    ControlSocket(const ControlSocket &) = delete;
+    ControlSocket &operator=(const ControlSocket &) = delete;
+
+    // Takes the place of the one bus server; false (logged) when another one runs.
+    bool claim();
+    // Binds the socket, over the file of a dead server. SIGIO comes with every datagram.
+    bool open();
+    // The next command; malformed datagrams are logged and skipped. Never waits.
+    std::optional<Command> next();
+
+private:
+    std::optional<Command> parse(const char *datagram, size_t length, pid_t sender);
+
+    int lock_ = -1;
+    int fd_ = -1;
+};
+
+// A name for a log line: what cannot be printed is shown as '?'.
+std::string printable(std::string_view name);
+
+} // namespace mbusd

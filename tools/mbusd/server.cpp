@@ -1,0 +1,397 @@
+#include "server.h"
+
+#include "log.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <strings.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
+namespace mbusd
+{
+namespace
+{
+
+constexpr uint32_t SLOTS = QZLIB_MBUS_RING_SLOTS;
+constexpr int PACKETS_A_ROUND = SLOTS;
+constexpr uint64_t ATTACH_PATIENCE_MS = 5000; // from registering to attaching
+constexpr uint64_t ROOM_PATIENCE_MS = 100;    // for a receiver whose ring is full and does not move
+
+uint32_t load(const uint32_t &index)
+{
+    return __atomic_load_n(&index, __ATOMIC_ACQUIRE) % SLOTS;
+}
+
+// For the look at a ring after the wait was announced.
+bool differ(const uint32_t &write, const uint32_t &read)
+{
+    return __atomic_load_n(&write, __ATOMIC_SEQ_CST) % SLOTS != load(read);
+}
+
+std::string_view field(const char *text, size_t width)
+{
+    return {text, strnlen(text, width)};
+}
+
+bool same_name(std::string_view a, std::string_view b)
+{
+    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+// Processes attached to a segment; 0 when it is gone.
+unsigned long attached_to(int segment)
+{
+    shmid_ds status;
+    return shmctl(segment, IPC_STAT, &status) == 0 ? status.shm_nattch : 0;
+}
+
+bool process_gone(pid_t pid)
+{
+    return pid > 0 && kill(pid, 0) != 0 && errno == ESRCH;
+}
+
+// The packet as the server passes it on. On a 32-bit build the header that a read hands out
+// lies in the sender's segment: its address of the payload is not to be believed.
+mbus_pkg safe_copy(const mbus_pkg &pkg)
+{
+    mbus_pkg copy = pkg;
+#if UINTPTR_MAX == UINT32_MAX
+    copy.data = const_cast<char *>(reinterpret_cast<const char *>(&pkg)) + QZLIB_MBUS_SLOT_PAYLOAD;
+#endif
+    return copy;
+}
+
+unsigned long long number(uint64_t value)
+{
+    return value;
+}
+
+} // namespace
+
+uint64_t now_ms()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
+}
+
+// ---- The table ------------------------------------------------------------------------
+
+void Server::forget_targets()
+{
+    end_ = 0;
+    for (size_t i = 0; i < CLIENTS; ++i) {
+        members_[i].last_valid = false;
+        if (members_[i].used())
+            end_ = i + 1;
+    }
+}
+
+size_t Server::find_name(std::string_view name) const
+{
+    size_t i = 0;
+    while (i < CLIENTS && !(members_[i].used() && same_name(members_[i].name, name)))
+        ++i;
+    return i;
+}
+
+size_t Server::find_conflict(std::string_view name, int key) const
+{
+    size_t i = find_name(name);
+    if (i < CLIENTS)
+        return i;
+    for (i = 0; i < CLIENTS && !(members_[i].used() && members_[i].key == key);)
+        ++i;
+    return i;
+}
+
+// A client lives while a process besides the server has its segment attached, or may still
+// be about to attach it.
+bool Server::is_dead(const Member &member) const
+{
+    if (attached_to(member.segment) > 1)
+        return false;
+    return member.attached || process_gone(member.pid) || now_ms() - member.since_ms > ATTACH_PATIENCE_MS;
+}
+
+void Server::enter(size_t index, const std::string &name, int key, pid_t pid)
+{
+    Member &member = members_[index];
+    member = {};
+    member.name = name;
+    member.key = key;
+    member.pid = pid;
+    member.since_ms = now_ms();
+    member.segment = record(index).server_handle.id;
+    forget_targets();
+}
+
+// What the client sent before it left is still delivered.
+void Server::remove(size_t index, const char *why)
+{
+    Member &member = members_[index];
+    for (uint32_t i = 0; i < 2 * SLOTS && route_from(index).moved; ++i) {
+    }
+    log_line(QZLIB_LOG_INFO, "%s: %s", printable(member.name).c_str(), why);
+    for (Member &other : members_)
+        other.waiting.reset(index);
+    qzlib_client_uninit(&record(index));
+    // Whether or not the client is still to detach: nothing stays behind if it is killed first.
+    (void)shmctl(member.segment, IPC_RMID, nullptr);
+    memset(&record(index), 0, sizeof(mbus_client));
+    member = {};
+    forget_targets();
+}
+
+// True when nobody alive holds the name or its key. A process that registers again has lost
+// its connection, and one whose holder's process is gone is a daemon that was restarted.
+bool Server::make_way(const Command &command, int key)
+{
+    const size_t holder = find_conflict(command.name, key);
+    if (holder == CLIENTS)
+        return true;
+    const Member &member = members_[holder];
+    const bool again = same_name(member.name, command.name) && command.sender > 0 &&
+                       member.pid == command.sender && attached_to(member.segment) <= 1;
+    if (again || is_dead(member) || process_gone(member.pid)) {
+        remove(holder, "replaced");
+        return true;
+    }
+    log_line(QZLIB_LOG_WARNING, "refused %s from process %d: %s %s", printable(command.name).c_str(),
+             command.sender,
+             same_name(member.name, command.name) ? "the name is that of" : "it has the key of",
+             printable(member.name).c_str());
+    return false;
+}
+
+void Server::add(const Command &command)
+{
+    const int key = qzlib_mbus_name_to_key(command.name.c_str());
+    if (key == IPC_PRIVATE || key == QZLIB_MBUS_SHARE_KEY) {
+        log_line(QZLIB_LOG_WARNING, "refused %s: its key is not usable", printable(command.name).c_str());
+        return;
+    }
+    if (!make_way(command, key))
+        return;
+    if (std::all_of(members_.begin(), members_.end(), [](const Member &m) { return m.used(); }))
+        reap();
+    const auto *const place =
+        std::find_if(members_.begin(), members_.end(), [](const Member &m) { return !m.used(); });
+    if (place == members_.end()) {
+        log_line(QZLIB_LOG_WARNING, "refused %s: %zu clients are connected", printable(command.name).c_str(),
+                 CLIENTS);
+        return;
+    }
+    const auto index = static_cast<size_t>(place - members_.begin());
+    memset(&record(index), 0, sizeof(mbus_client));
+    command.name.copy(record(index).name, sizeof record(index).name);
+    if (qzlib_client_init(&record(index)) != 0) {
+        memset(&record(index), 0, sizeof(mbus_client));
+        log_line(QZLIB_LOG_ERROR, "refused %s: no segment", printable(command.name).c_str());
+        return;
+    }
+    enter(index, command.name, key, command.sender);
+    log_line(QZLIB_LOG_INFO, "%s: registered by process %d", printable(command.name).c_str(), command.sender);
+}
+
+void Server::handle(const Command &command)
+{
+    if (command.code == MBUS_CTL_REGISTER) {
+        add(command);
+        return;
+    }
+    const size_t index = find_name(command.name);
+    if (index < CLIENTS)
+        remove(index, "unregistered");
+    else
+        log_line(QZLIB_LOG_WARNING, "%s is not registered", printable(command.name).c_str());
+}
+
+void Server::reap()
+{
+    for (size_t i = 0; i < CLIENTS; ++i) {
+        Member &member = members_[i];
+        if (!member.used())
+            continue;
+        if (attached_to(member.segment) > 1)
+            member.attached = true;
+        else if (is_dead(member))
+            remove(i, "its process is gone");
+    }
+}
+
+// A record that an earlier server left. Its client goes on if it lives: its segment holds
+// everything that is needed.
+void Server::adopt(size_t index)
+{
+    const std::string name(field(record(index).name, sizeof record(index).name));
+    const int key = name.empty() ? IPC_PRIVATE : qzlib_mbus_name_to_key(name.c_str());
+    const int segment = key == IPC_PRIVATE ? -1 : shmget(key, 0, 0);
+    record(index).server_handle = {};
+    const bool alive = segment >= 0 && attached_to(segment) > 0 && key != QZLIB_MBUS_SHARE_KEY &&
+                       find_conflict(name, key) == CLIENTS;
+    if (alive && qzlib_client_init(&record(index)) == 0) {
+        enter(index, name, key, 0);
+        members_[index].attached = true;
+        log_line(QZLIB_LOG_INFO, "%s: taken over", printable(name).c_str());
+        return;
+    }
+    if (segment >= 0 && key != QZLIB_MBUS_SHARE_KEY && attached_to(segment) == 0)
+        (void)shmctl(segment, IPC_RMID, nullptr);
+    memset(&record(index), 0, sizeof(mbus_client));
+}
+
+void Server::adopt()
+{
+    for (size_t i = 0; i < CLIENTS; ++i)
+        adopt(i);
+}
+
+void Server::close()
+{
+    for (size_t i = 0; i < CLIENTS; ++i)
+        if (members_[i].used())
+            remove(i, "the bus server ends");
+}
+
+// ---- Packets --------------------------------------------------------------------------
+
+bool Server::has_work() const
+{
+    for (size_t i = 0; i < end_; ++i)
+        if (members_[i].used() && differ(record(i).up_write, record(i).up_read))
+            return true;
+    return false;
+}
+
+// A packet named after a client goes to that client, the sender included; any other to all
+// but the sender.
+Server::Targets Server::targets_of(size_t sender, const mbus_pkg &pkg)
+{
+    Member &member = members_[sender];
+    if (member.last_valid && memcmp(member.last_name.data(), pkg.name, sizeof pkg.name) == 0)
+        return member.last_targets;
+    Targets targets;
+    const size_t named = find_name(field(pkg.name, sizeof pkg.name));
+    if (named < CLIENTS) {
+        targets.set(named);
+    } else {
+        for (size_t i = 0; i < CLIENTS; ++i)
+            targets.set(i, members_[i].used() && i != sender);
+    }
+    memcpy(member.last_name.data(), pkg.name, sizeof pkg.name);
+    member.last_targets = targets;
+    member.last_valid = true;
+    return targets;
+}
+
+// False when the sender has nothing more. A corrupt packet is skipped and counts as moved.
+bool Server::take(size_t sender)
+{
+    Member &member = members_[sender];
+    const mbus_pkg *pkg = qzlib_mbus_read_pkg(&record(sender), 1);
+    if (pkg == nullptr)
+        return differ(record(sender).up_write, record(sender).up_read);
+    member.outgoing = safe_copy(*pkg);
+    member.waiting = targets_of(sender, member.outgoing);
+    if (member.outgoing.name[0] == '\0')
+        member.name.copy(member.outgoing.name, sizeof member.outgoing.name);
+    member.held = pkg;
+    return true;
+}
+
+// A receiver that is merely slow holds its senders up; one that does not move at all only
+// once, and then loses packets until it does.
+bool Server::has_room(size_t receiver)
+{
+    Member &member = members_[receiver];
+    const uint32_t read = load(record(receiver).down_read);
+    if ((load(record(receiver).down_write) + 1) % SLOTS != read) {
+        member.full = member.stalled = false;
+        return true;
+    }
+    if (!member.full || member.full_at != read) {
+        member.full = true;
+        member.stalled = false;
+        member.full_at = read;
+        member.full_since_ms = now_ms();
+    } else if (!member.stalled && now_ms() - member.full_since_ms > ROOM_PATIENCE_MS) {
+        member.stalled = true;
+    }
+    return false;
+}
+
+// False when the packet has to wait for room.
+bool Server::give(const mbus_pkg &pkg, size_t receiver)
+{
+    if (!has_room(receiver) && !members_[receiver].stalled)
+        return false;
+    (void)qzlib_mbus_write_pkg(&record(receiver), &pkg); // counts what it drops
+    return true;
+}
+
+// True when everybody has the packet in hand.
+bool Server::hand_on(size_t sender)
+{
+    Member &member = members_[sender];
+    for (size_t i = 0; member.waiting.any() && i < end_; ++i)
+        if (member.waiting.test(i) && give(member.outgoing, i))
+            member.waiting.reset(i);
+    if (member.waiting.any())
+        return false;
+    member.held = nullptr;
+    return true;
+}
+
+Server::Progress Server::route_from(size_t sender)
+{
+    Member &member = members_[sender];
+    Progress progress = {false, false};
+    for (int i = 0; i < PACKETS_A_ROUND; ++i) {
+        if (member.held == nullptr && !take(sender))
+            break;
+        if (member.held != nullptr && !hand_on(sender)) {
+            progress.blocked = true;
+            break;
+        }
+        progress.moved = true;
+    }
+    return progress;
+}
+
+Server::Progress Server::route()
+{
+    Progress all = {false, false};
+    for (size_t i = 0; i < end_; ++i) {
+        if (!members_[i].used() || !differ(record(i).up_write, record(i).up_read))
+            continue;
+        const Progress one = route_from(i);
+        all.moved = all.moved || one.moved;
+        all.blocked = all.blocked || one.blocked;
+    }
+    return all;
+}
+
+void Server::print_stats() const
+{
+    (void)printf("%-32s %12s %12s %10s %5s %12s %12s %10s %5s\n", "client", "up offered", "up read",
+                 "up dropped", "wait", "down offered", "down read", "down drop", "wait");
+    for (size_t i = 0; i < CLIENTS; ++i) {
+        const mbus_client &r = record(i);
+        if (!members_[i].used())
+            continue;
+        (void)printf("%-32s %12llu %12llu %10llu %5u %12llu %12llu %10llu %5u\n",
+                     printable(members_[i].name).c_str(), number(r.client_offered), number(r.server_read),
+                     number(r.client_dropped), (load(r.up_write) + SLOTS - load(r.up_read)) % SLOTS,
+                     number(r.server_offered), number(r.client_read), number(r.server_dropped),
+                     (load(r.down_write) + SLOTS - load(r.down_read)) % SLOTS);
+    }
+    (void)fflush(stdout);
+}
+
+} // namespace mbusd
