@@ -36,7 +36,7 @@ public:
             if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
                 medians_[run.run_name.function_name +
                          (run.run_name.args.empty() ? "" : "/" + run.run_name.args)] =
-                    time_ == Time::PROCESSOR ? run.cpu_accumulated_time : run.real_accumulated_time;
+                    time_ == Time::PROCESSOR ? run.GetAdjustedCPUTime() : run.GetAdjustedRealTime();
     }
 
     // Prints the table; false when a limit was missed or a name is unknown.
