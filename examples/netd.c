@@ -42,10 +42,11 @@ static int load_and_change_parameters(const char *service)
         debug_msg(QZLIB_LOG_INFO, MODULE, __LINE__, "dropped the obsolete parameter");
 
     snprintf(path, sizeof path, "/tmp/config/%s.conf", service);
-    if (qzlib_service_saveto_file(info, path) != 0)
+    if (qzlib_service_saveto_file(info, path) == 0)
+        printf("netd: mtu changed, a DNS server added, %s saved\n", path);
+    else
         debug_msg(QZLIB_LOG_ERROR, MODULE, __LINE__, "cannot save %s", path);
     qzlib_service_info_uninit(info);
-    printf("netd: mtu changed, a DNS server added, %s saved\n", path);
     return 0;
 }
 
@@ -67,8 +68,9 @@ static void read_interface_block(void)
     memset(table, 0, sizeof table);
     for (i = 0; i < ENTRIES; i++)
         memcpy(table + i * ENTRY_SIZE, &keys[i], sizeof keys[i]);
-    /* Every call gives the block behind the one named by the first value. */
-    while (cli_config_get(table, sizeof table, 0) != -1) {
+    /* Every call gives the block behind the one named by the first value; a block without a name ends that.
+     */
+    while (cli_config_get(table, sizeof table, 0) != -1 && table[sizeof(char *)] != '\0') {
         printf("netd: CLI block:");
         for (i = 0; i < ENTRIES; i++)
             printf(" %s=\"%s\"", keys[i], table + i * ENTRY_SIZE + sizeof(char *));

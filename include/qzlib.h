@@ -10,7 +10,9 @@
  *
  * Sections, one per family:
  *   strings and addresses, message log, CLI configuration, service store, message bus,
- *   event flags, files and packages, commands and processes, sockets.
+ *   serial line and AT chat, event flags, routing, boot environment, modem status, local
+ *   messages, LEDs and GPIOs, files and packages, commands and processes, system
+ *   statistics, device information, sockets, network interfaces, probes.
  *
  * The cJSON functions come with the library: <cjson/cJSON.h> is included here, and a
  * daemon that links with -lqzlib alone may call them.
@@ -654,6 +656,168 @@ mbus_pkg *qzlib_mbus_read_pkg(mbus_client *client, int nowait);
  */
 int qzlib_mbus_down_cache_process(int max_bytes, mbus_pkg_callback callback);
 
+/* ---- Serial line and AT chat ---------------------------------------------------------
+ * Open the modem's tty and exchange AT commands with it. One device at a time and one
+ * exchange at a time: terminal settings, signal actions and the alarm are the process's.
+ *
+ * Signals. From dev_init() to dev_close() chat_signal_handler() stands on SIGHUP, SIGALRM
+ * and SIGINT, without SA_RESTART: such a signal no longer ends the process, it is logged
+ * and breaks off a blocked call. During dev_init() and dev_close() themselves it stands on
+ * SIGQUIT, SIGPIPE and SIGTERM too. alarm() is taken over by dev_init(), dev_close() and
+ * every call that sends; an alarm that the caller had set is lost.
+ *
+ * An answer is whatever arrives until the line has been quiet for timeout seconds, the
+ * buffer is full, or the expected text was seen. The timeout counts anew for every piece,
+ * so an answer that trickles in keeps a call going. OK and ERROR are not interpreted.
+ * Calls that send first discard everything pending on the line in both directions. Every
+ * call leaves the descriptor non-blocking. A signal that arrives while a call waits ends
+ * it with the result of a failed wait. Descriptors are borrowed, of any number (there is
+ * no FD_SETSIZE bound), from dev_init(): without its handler the write alarm of the
+ * sending calls would end the process.
+ *
+ * A negative descriptor, a null pointer, a command of more than 509 characters and a raw
+ * length below 0 or above 512 are refused: "argument error", result -1, nothing sent and
+ * nothing changed. All logging goes through debug_msg(), module "vq_chat": failures as
+ * errors, always; traffic ("%d <<< (%s)", "%d >>> (%s)") as debug when log is not 0. */
+
+/** A baud rate and its termios speed code. */
+typedef struct qzlib_speed {
+    uint32_t baud;
+    uint32_t code;
+} qzlib_speed;
+
+/**
+ * The rates that dev_init() can set, ended by the pair (0, 0); the first row of a rate
+ * counts. Writable. 19200 and 38400 stand twice, deliberately, and 500000 is not in it.
+ */
+extern qzlib_speed speeds_list[23];
+
+/** The signal actions that the last dev_init() or dev_close() found, and that dev_close() puts back. */
+extern struct sigaction oldhup;
+extern struct sigaction oldint;
+extern struct sigaction oldquit;
+extern struct sigaction oldpipe;
+extern struct sigaction oldalrm;
+extern struct sigaction oldterm;
+
+/**
+ * Failed writes, waits and reads of chat_send_read(), chat_send_ASCII_read() and
+ * chat_send_hex_read() since the process began. The library only counts up, without
+ * atomics; daemons read it, and may reset it, to judge the modem's health.
+ */
+extern int at_modem_error;
+
+/**
+ * Open a tty and make it a raw modem line: 8 data bits, 1 stop bit, no parity, hardware
+ * flow control, no echo; then a one-second pulse on DTR. Keeps the settings that it found
+ * for dev_close() (of the last device opened). Takes signals over as told above. A failing
+ * open is tried four times, each followed by a pause of 3 seconds; the open itself is not
+ * guarded by the alarm, so pass O_NONBLOCK for a tty that may wait for a carrier. The
+ * set-up is broken off by an alarm after 5 seconds. A tty whose settings cannot be read or
+ * set is returned all the same.
+ * @param path   device
+ * @param flags  for open(), unchanged (O_RDWR | O_NOCTTY | O_NONBLOCK); close-on-exec only
+ *               if O_CLOEXEC is among them
+ * @param baud   rate from speeds_list; another one is logged and the speed kept; 0 keeps it
+ * @return descriptor above 0, the caller's until dev_close(); 0 or below when it cannot be
+ *         opened (the last result of open(): nothing is open then, since descriptor 0
+ *         counts as a failure, deliberately); -1 when the alarm fired, all six signal
+ *         actions restored
+ */
+int dev_init(const char *path, int flags, int baud);
+
+/**
+ * Write back the terminal settings that dev_init() found, close the tty and put back the
+ * signal actions found by dev_init() (SIGHUP, SIGINT, SIGALRM) and by this call (SIGQUIT,
+ * SIGPIPE, SIGTERM). To be called after dev_init() only: before it there is nothing to put
+ * back but zeroes.
+ * @param fd  from dev_init(), closed in any case; negative: nothing is done
+ * @return 0; -1 when the alarm of 5 seconds fired while writing the settings
+ */
+int dev_close(int fd);
+
+/**
+ * The handler that dev_init() and dev_close() install: remembers the signal and logs
+ * "vq_chat receive the signal(%d)" as an error. It formats and writes a log line inside
+ * the handler, so a daemon should not expect such signals as a matter of routine.
+ */
+void chat_signal_handler(int signal);
+
+/** Look a baud rate up among 30 termios rates. @return its speed code; 0 for 0; -1 if absent (2000000 is) */
+int qzlib_uart_baud_to_flag(int baud);
+
+/** Look a termios speed code up. @return its baud rate; 0 for 0; -1 if absent (0x100b is) */
+int qzlib_uart_flag_to_baud(int code);
+
+/** Placeholder: does nothing with whatever it is given. @return 0 */
+int qzlib_set_uart_baud_rate(int fd, ...);
+
+/** Placeholder, the same function under another name. @return 0 */
+int qzlib_get_uart_baud_rate(int fd, ...);
+
+/**
+ * Send a command line. Lasts at most 10 seconds.
+ * @param command  without line end, at most 509 characters; one carriage return is added
+ * @param log      not 0: log the traffic
+ * @return bytes written, fewer than the line when the alarm broke the write off half-way;
+ *         -1 when it failed ("Cannot write( %d, %s, %d )") or for a bad argument
+ */
+int chat_send(int fd, const char *command, int log);
+
+/**
+ * Collect at most 511 bytes until a text is among them, also when it arrived in pieces.
+ * @param expected  text searched for in all that was collected
+ * @param timeout   seconds of silence
+ * @param log       not 0: log the traffic (nothing when nothing arrived)
+ * @return 1 seen; 0 for silence, end of data or 511 bytes without it; -1 when a wait or a
+ *         read failed or for a bad argument
+ */
+int chat_expect(int fd, const char *expected, int timeout, int log);
+
+/**
+ * Collect what arrives.
+ * @param buffer   receives at most size - 1 bytes and a NUL behind them; its last byte is
+ *                 set to NUL first, and when nothing arrives that is all
+ * @param size     of buffer in bytes; below 2 the result is 0 at once
+ * @param timeout  seconds of silence
+ * @param log      not 0: log the traffic (nothing when nothing arrived)
+ * @return bytes read, also when a read failed after them (unlike chat_send_read(),
+ *         deliberately); -1 when a wait failed or for a bad argument
+ */
+int chat_read(int fd, char *buffer, int size, int timeout, int log);
+
+/** chat_send() and chat_expect() in one: their arguments and results. */
+int chat_send_expect(int fd, const char *command, const char *expected, int timeout, int log);
+
+/**
+ * Send a command line, within 5 seconds, and collect the answer. An answer that contains
+ * "^SIMST:255" is logged as "..........USIM Remove........", whatever log says.
+ * @param command  as chat_send()
+ * @param buffer   receives at most size - 1 bytes and a NUL; its last byte is set to NUL
+ *                 before sending
+ * @param size     of buffer in bytes; below 2 the command is sent and the result is 0
+ * @param timeout  seconds of silence
+ * @param log      not 0: log the traffic
+ * @return bytes read; -1 when the write, a wait or a read failed, counted in
+ *         at_modem_error (what was read stays in the buffer), or for a bad argument
+ */
+int chat_send_read(int fd, const char *command, char *buffer, int size, int timeout, int log);
+
+/**
+ * Send raw bytes, within 5 seconds, and collect an answer of at most 8 bytes; when all 8
+ * are there the call waits once more, for up to timeout seconds, for a ninth that it does
+ * not read.
+ * @param data    length bytes, sent as they are
+ * @param answer  at least 9 bytes and at least length: the byte at length - 1 is set to NUL
+ *                first, the answer gets a NUL behind it
+ * @param length  0 to 512
+ * @return as chat_send_read(), "^SIMST:255" and at_modem_error included
+ */
+int chat_send_ASCII_read(int fd, const void *data, char *answer, int length, int timeout, int log);
+
+/** chat_send_ASCII_read() with an answer of at most 12 bytes; answer has at least 13. */
+int chat_send_hex_read(int fd, const void *data, char *answer, int length, int timeout, int log);
+
 /* ---- Event flags ---------------------------------------------------------------------
  * 32 flags on which the threads of one process wait. Time limits are whole seconds of the
  * monotonic clock, and a limit below 1 means no limit. Every change wakes one waiter, not
@@ -705,6 +869,354 @@ int qzlib_event_wait_noflag(qzlib_event *ev, uint32_t mask, uint32_t ignored, in
 /** Wait for one change, whatever the flags; may also wake without one. Results as qzlib_event_wait_flag(). */
 int qzlib_event_wait_event(qzlib_event *ev, int timeout);
 
+/* ---- Routing -------------------------------------------------------------------------
+ * IPv4 routes in two notations, pictures of the kernel's rules and tables, and requests to
+ * the routing daemon. Nothing here writes to the message log. The conversions are pure and
+ * callable from any thread. The snapshots run the `ip` and `route` tools, found through PATH,
+ * and read their text: tens of milliseconds, for control paths only. The tools are started
+ * without a shell, so that nothing they print is ever run. */
+
+/**
+ * Prefix length of a dotted netmask. Only the leading run of ones counts; what follows the
+ * first zero bit is deliberately not looked at (255.0.255.0 gives 8).
+ * @return 0 to 32; -1 for null or a text that is no IPv4 address
+ */
+int string2masklen(const char *mask);
+
+/**
+ * Split "a.b.c.d/n" (without "/n": a host, n is 32) into dotted texts. n is read as atoi()
+ * reads it. An address that cannot be parsed counts as 0.0.0.0 and is no failure.
+ *
+ * Deliberate: with n 32, net is 0.0.0.0 when mask is asked for too, and the address itself
+ * when it is not.
+ * @param cidr  text, not changed
+ * @param ip    16 bytes for the address, or null
+ * @param mask  16 bytes for the netmask, or null; "" when n is negative or above 32
+ * @param net   16 bytes for the network address, or null; the address unchanged when n is
+ *              negative or above 32
+ * @return 0; -1 for a null cidr
+ */
+int qz_ccid2obsolete(const char *cidr, char *ip, char *mask, char *net);
+
+/**
+ * Join an address and a dotted netmask into "a.b.c.d/n". The address is not looked at, and a
+ * mask that cannot be converted gives "/-1".
+ * @param out  strlen(ip) + 4 bytes at least; 19 for an address
+ * @return 0; -1 when an argument is null
+ */
+int qz_obsolete2ccid(char *out, const char *ip, const char *mask);
+
+/**
+ * Whether an address lies in a network.
+ * @param ip, mask  any address of the network and its dotted netmask (read as
+ *                  string2masklen() reads it)
+ * @param probe     the address asked about
+ * @return 0 inside; -1 outside, for a null argument or one that is no IPv4 address
+ */
+int srt_ipinnet_judge(const char *ip, const char *mask, const char *probe);
+
+/** One route of a table that a policy rule with a source looks up; see qz_srtinfo_stat(). */
+typedef struct srtinfo {
+    char table[8];        /**< name or number of the table, at most 7 characters */
+    int32_t prio;         /**< priority of the rule, not negative */
+    char source[32];      /**< the rule's "from": an address or prefix */
+    char dest[24];        /**< destination as the tool prints it; "0.0.0.0/0" for "default" */
+    char dest_ip[16];     /**< its address, dotted */
+    char dest_mask[16];   /**< its netmask, dotted */
+    char gateway[16];     /**< next hop; "0.0.0.0" for none */
+    char dev[32];         /**< output device */
+    struct srtinfo *next; /**< null at the end */
+} srtinfo;
+
+/**
+ * Take a picture of source routing: for every rule of `ip rule ls` with a specific source, in
+ * ascending priority, every route that `ip route ls table TABLE` prints.
+ *
+ * The lines are taken word by word, by position. Lines of other forms than "DEST [via
+ * GATEWAY] dev DEV" therefore give odd records ("blackhole" or "nexthop" as dest), and one of
+ * more than 127 characters comes in pieces. Words too long for their field are cut. Rules
+ * whose table has a name of more than 7 characters are passed over. The rules and the tables
+ * are read one after the other: routes that change meanwhile are in the picture or not.
+ *
+ * Runs one command and one more per rule. A command that cannot be started counts as empty
+ * output, and a record that there is no memory for is left out. Not to be called from two
+ * threads at once.
+ * @return the list, released with qz_srtinfo_free(); null when there is nothing to report
+ */
+srtinfo *qz_srtinfo_stat(void);
+
+/** Release a snapshot. @param list  its head, null afterwards; an empty list is left alone */
+void qz_srtinfo_free(srtinfo **list);
+
+/**
+ * Name the device of the best route of the main table for an address, from `route -n`.
+ *
+ * Deliberate order: a line replaces the best one so far when its prefix is at least as long
+ * and its metric at most as high, both; so a longer prefix with a higher metric loses, and of
+ * equals the later line wins. The first line is measured against length 0 and metric 10000.
+ * Lines without all eight columns are passed over. A rejecting route's device is "-".
+ * @param ip      dotted address
+ * @param ifname  32 bytes; untouched when no route matches
+ * @return 0; -1 when no route matches, for a null argument, or when the command cannot run
+ */
+int qzlib_get_route_interface(const char *ip, char *ifname);
+
+/**
+ * Note an address under a name, in /tmp/source_route/NAME.ip (one line, "NAME IP"); replaces
+ * an earlier note. The name becomes part of the path as it stands: do not pass names from
+ * outside the router. A path of more than 127 characters counts as one that cannot be opened;
+ * then perror("fopen failed") says so on standard error. Nothing happens when either is null.
+ */
+void srt_iip_save(const char *name, const char *ip);
+
+/**
+ * Read the address noted under a name.
+ * @param ip  16 bytes; a longer text is cut to 15 characters
+ * @return 0; -1 for a null argument, without a note, or when it holds no address
+ */
+int srt_iip_get(const char *name, char *ip);
+
+/**
+ * Ask the routing daemon (/tmp/.zserv) to add or delete an IPv4 route. One connection per
+ * call; the daemon does not answer, so that 0 means sent and not done: look at the tables to
+ * know. Callable from any thread. Blocks while the daemon has a full queue of connections.
+ *
+ * The message's numbers are those of the routing daemon's protocol and go out unchanged.
+ * Prefix bytes are deliberately not masked to the length, the daemon does that; with lengths
+ * above 32 the bytes behind the address are zero. Address 0.0.0.0 is the default route
+ * whatever its length says.
+ *
+ * Aborts the process, in every build, on a length that leaves no prefix bytes ("10.0.0.0/0")
+ * and on an empty nexthop: the default route is "0.0.0.0/0".
+ *
+ * When the write fails "write failed[REASON]" goes to standard output, and the result is 0 all
+ * the same. SIGPIPE is held back.
+ * @param command   the daemon's code, low 8 bits; 0: connect and send nothing
+ * @param type      the route's type, low 8 bits
+ * @param prefix    "a.b.c.d/n"; an address that cannot be parsed counts as 0.0.0.0 with that n
+ * @param nexthop   a text that begins with a digit is an address (0.0.0.0 when it cannot be
+ *                  parsed), any other an interface name; null: connect and send nothing
+ * @param distance  the route's distance
+ * @return 0; -1 for a prefix without '/' (nothing is opened), when the daemon is not there, or
+ *         when the message would be longer than 128 bytes (long names, absurd lengths), in
+ *         which case nothing is sent
+ */
+int qzlib_do_route(unsigned int command, unsigned int type, const char *prefix, const char *nexthop,
+                   unsigned char distance);
+
+/* ---- Boot environment ----------------------------------------------------------------
+ * The bootloader's variables: one block of 0x20000 bytes at the end of the first MTD
+ * partition whose name begins with "aboot", found through /sys/class/mtd once per process
+ * and reached through /dev/mtdblockN. Every call reads the whole block and every change
+ * writes it whole, synchronously: rare control operations. A block with a wrong checksum
+ * reads as an empty environment.
+ *
+ * The four calls share one block buffer and one descriptor without a lock: never on two
+ * threads at once. Between processes the device is locked (flock) from after the read to
+ * the end of the call; since the read comes first, a change that another process makes
+ * meanwhile is lost: see docs/bootenv.md for what to do about it. Failures are printed on
+ * standard output: "can't get boot env device and offset", "open %s fail\n",
+ * "read %s fail\n", "write %s fail\n" with the device. A device that opens as descriptor 0
+ * counts as one that cannot be opened. */
+
+/**
+ * List the environment, or look up one entry.
+ *
+ * Deliberate oddity: a listing (null name) of an empty environment leaves the device open
+ * and locked, and the next environment call of the process works on the block in memory and
+ * releases it.
+ * @param name      null for all entries in order; else the first entry of that name
+ * @param callback  takes ctx and the text "name=value", valid during the call only; null
+ *                  prints each entry as a line on standard output
+ * @return 0, also when the name is not present; -1 when the block cannot be loaded
+ */
+int qzlib_print_boot_env(const char *name, void (*callback)(void *ctx, const char *entry), void *ctx);
+
+/**
+ * Read a variable: the first entry of that name. A name that itself holds '=' matches an
+ * entry that agrees with it up to there.
+ * @param value  filled as strncpy() fills it: not terminated when the value has len
+ *               characters or more; untouched on failure
+ * @param len    size of value in bytes
+ * @return 0; -1 for a null argument, an absent name, or a block that cannot be loaded
+ */
+int qzlib_get_boot_env(const char *name, char *value, size_t len);
+
+/**
+ * Set or delete a variable. Its first entry is removed, the new one goes to the end of the
+ * list, and the block is written, even where there was nothing to delete.
+ * @param value  null deletes
+ * @return 0; -1 for a null name, a block that cannot be loaded, an entry list without end or
+ *         a lack of room (in these nothing is written), or a failed or short write
+ */
+int qzlib_set_boot_env(const char *name, const char *value);
+
+/**
+ * Empty the environment: the whole block, checksum included, becomes zero.
+ * @return 0; -1 for a block that cannot be loaded, or a failed or short write
+ */
+int qzlib_clear_boot_env(void);
+
+/**
+ * The standard CRC-32 (reflected, polynomial 0xEDB88320), of a buffer or continued over
+ * several. No state: callable from any thread. The name is libz's too, with other types: do
+ * not include both headers in one source.
+ * @param crc  0 to start, else the result so far
+ * @param buf  at any alignment; may be null when len is 0
+ * @param len  bytes
+ * @return the checksum; 0xCBF43926 over "123456789" from 0
+ */
+unsigned int crc32(unsigned int crc, const unsigned char *buf, unsigned int len);
+
+/**
+ * CRC-32 of a whole file. A read error is reported with perror() and ends the file there.
+ * Callable from any thread.
+ * @return the checksum; 0 for an empty file, and for one that cannot be opened
+ */
+unsigned int crc32file(const char *path);
+
+/* ---- Modem status --------------------------------------------------------------------
+ * What the modem daemon publishes in /tmp/modem.info, as a table in this process: lines
+ * name:value, each ended by a line feed. Which names there are is that daemon's choice.
+ * One table per process, unlocked: update and read it from one thread, or take turns.
+ * Nothing is logged. */
+
+/**
+ * Load the table anew from /tmp/modem.info. Loading stops at the first line that is not
+ * stored (no ':', or the last line without line feed) and after 64 rows. Name and value
+ * are taken as they stand, blanks included. Names count up to 63 characters and values up
+ * to 127: a longer name is cut and a longer value reads on into the next row.
+ * @return 0; -1 when not even the first line was stored, the table empty;
+ *         QZLIB_ERR_NO_FILE (-268) when the file cannot be opened, the table as it was
+ */
+int qzlib_update_modem_status_info_tab(void);
+
+/**
+ * Look a value up in the table.
+ * @param name  exact name; the empty name finds the first row without one, in most cases an
+ *              unused row with an empty value
+ * @return value inside the table, valid until the next update; null for a null name or one
+ *         that is not there
+ */
+const char *qzlib_get_modem_status_info(const char *name);
+
+/* ---- Local messages ------------------------------------------------------------------
+ * A broadcast channel between the router's daemons, over netlink user sockets (groups 1
+ * and 3): every message reaches every process that receives, the sender included, and is
+ * dropped there unless it is addressed to it. Best effort: nobody learns whether a message
+ * arrived, and a receiver that falls behind loses messages. One channel per process, without
+ * a lock: qzlib_msg_init(), qzlib_msg_send() and qzlib_msg_exit() must not run on two
+ * threads at once. Nothing is logged. Receiving needs CAP_NET_ADMIN. */
+
+/** Largest data of a message, in bytes. */
+#define QZLIB_MSG_MAX_DATA 3936
+
+/** A message. Names are fixed fields of 64 bytes, not terminated when they fill them. */
+typedef struct local_msg {
+    uint32_t magic;    /**< set by qzlib_msg_send(): 0x515A4D53 */
+    int32_t dst_pid;   /**< receiving process; 0 or below: any */
+    char dst_name[64]; /**< name of the receiving process; empty: any */
+    int32_t src_pid;   /**< set by qzlib_msg_send() */
+    char src_name[64]; /**< set by qzlib_msg_send(): the process name */
+    uint32_t type;     /**< the application's */
+    int32_t data_len;  /**< bytes of data, 0 to QZLIB_MSG_MAX_DATA */
+    void *data;        /**< the data, or null; only read by qzlib_msg_send() */
+} local_msg;
+
+/**
+ * Open the channel, and with a callback start the thread that receives. A second call
+ * without qzlib_msg_exit() replaces the channel; when it fails the old one stays.
+ *
+ * The callback runs on the receiver thread, one message at a time; the message and its data
+ * are valid only until it returns. Of a message with more than 3776 bytes of data the rest
+ * is not received: data_len is the sent length, and the bytes past 3776 are without meaning.
+ * A read error in the thread hands over the message before once more, deliberately.
+ * @param callback  null: the channel only sends
+ * @param ctx       handed to the callback
+ * @return 0, also when the thread could not be started; -1 when a socket call failed or the
+ *         own name could not be read from /proc; QZLIB_ERR_NO_MEMORY
+ */
+int qzlib_msg_init(void (*callback)(local_msg *msg, void *ctx), void *ctx);
+
+/**
+ * Send a message, to all receivers that its dst_pid and dst_name let through. Without data,
+ * or with a data_len below 1, nothing but the record is sent.
+ * @param msg  magic, src_pid and src_name are filled in; stays the caller's
+ * @return 0, also when the write failed; QZLIB_ERR_ARGUMENT for null or data of more than
+ *         QZLIB_MSG_MAX_DATA bytes; QZLIB_ERR_FAILED when the channel is not open
+ */
+int qzlib_msg_send(local_msg *msg);
+
+/**
+ * Close the channel; harmless when it is not open, and allowed in the callback. The receiver
+ * thread is cancelled, not joined: no callback begins for a message that arrives afterwards,
+ * but one that is under way is ended only at its next cancellation point, and may still use
+ * its message and ctx until then.
+ */
+void qzlib_msg_exit(void);
+
+/* ---- LEDs and GPIOs ------------------------------------------------------------------
+ * The front panel through the files of /sys/class/leds/NAME (trigger, brightness, delay_on,
+ * delay_off, shot, invert) and /sys/class/gpio/NAME/value. Paths are cut to 62 characters.
+ * Each step opens, writes or reads, and closes one file; files are never created. No state,
+ * no logging: callable from any thread, but two callers on one LED mix their steps. */
+
+/** Display modes of an LED. */
+enum {
+    QZLIB_LED_OFF = 0,
+    QZLIB_LED_ON = 1,
+    QZLIB_LED_FAST_BLINK = 2, /**< 100 ms on, 100 ms off */
+    QZLIB_LED_SLOW_BLINK = 3, /**< 500 ms on, 500 ms off */
+    QZLIB_LED_ONE_SHOT = 4    /**< dark until fired */
+};
+
+/** Actions on an LED in one-shot or blink mode. */
+enum {
+    QZLIB_LED_SHOT_FIRE = 0,   /**< one blink */
+    QZLIB_LED_SHOT_INVERT = 1, /**< lit between blinks */
+    QZLIB_LED_SHOT_50_MS = 2,  /**< 50 ms on, 50 ms off */
+    QZLIB_LED_SHOT_100_MS = 3  /**< 100 ms on, 100 ms off */
+};
+
+/**
+ * Put an LED into a mode: its trigger is written first, then what the mode needs. Files that
+ * cannot be opened are skipped.
+ * @param name  LED; null does nothing
+ * @param mode  QZLIB_LED_OFF to QZLIB_LED_ONE_SHOT; others do nothing
+ * @return 0 always: not a status
+ */
+int qzlib_led_name_set(const char *name, unsigned int mode);
+
+/**
+ * An LED's mode as the kernel reports it, not as it was set.
+ * @return QZLIB_LED_OFF to QZLIB_LED_ONE_SHOT; -1 for null, an unreadable file, another
+ *         trigger, or a blink whose delay_on is neither 100 nor 500
+ */
+int qzlib_led_name_get(const char *name);
+
+/**
+ * Act on an LED. The trigger is not looked at: the files are there only in a fitting mode.
+ * @param action  QZLIB_LED_SHOT_FIRE to QZLIB_LED_SHOT_100_MS; others do nothing
+ * @return 0; -1 for null or a file that cannot be opened (of two, the first may be written)
+ */
+int qzlib_led_name_shot(const char *name, unsigned int action);
+
+/**
+ * qzlib_led_name_set() by index: 0 "power", 1 "data", 2 "net", 3 to 6 "rssi0" to "rssi3".
+ * @param index  not negative; 7 or more does nothing
+ * @return 0 always
+ */
+int qzlib_led_set(int index, unsigned int mode);
+
+/** qzlib_led_name_shot() by index, as above; 0 for an index of 7 or more. */
+int qzlib_led_shot(int index, unsigned int action);
+
+/** Set a GPIO to 1 for a nonzero value, else 0; null or a missing GPIO does nothing. */
+void qzlib_gpio_name_set(const char *name, int value);
+
+/** Read a GPIO. @return the number in its value file; -1 for null or an unreadable file */
+int qzlib_gpio_name_get(const char *name);
+
 /* ---- Files and packages --------------------------------------------------------------
  * Reads and writes with a time limit, facts about files and file systems, and the version
  * stamp of the router's own programs. Descriptors are borrowed, never closed here, of any
@@ -749,7 +1261,7 @@ int qzlib_fd_write(int fd, const void *buf, unsigned len, int timeout_ms);
  */
 int qzlib_fd_read_package(int fd, void *buf, int size, int gap_ms);
 
-/** @return a file's size in bytes (low 32 bits); 0 when it cannot be opened for reading; -1 for null */
+/** @return a file's size in bytes (low 32 bits); 0 without one (/proc) or when not opened; -1 for null */
 int qzlib_get_file_size(const char *path);
 
 /**
@@ -906,6 +1418,149 @@ int qzlib_process_is_unique(void);
  */
 int qzlib_process_unique(void);
 
+/* ---- System statistics ---------------------------------------------------------------
+ * Figures of the whole system from the kernel's files. A file that cannot be opened is logged
+ * at level 2 (module "system_api"), but for the uptime. No state: callable from any thread. */
+
+/** Whole seconds since boot, from /proc/uptime. @return seconds; 0 when it cannot be read */
+unsigned int qzlib_get_system_uptime(void);
+
+/**
+ * Time since boot on a scale of its own: seconds times 1000 plus the hundredths as they stand,
+ * so that 12.34 s gives 12034. Within a second it grows by 1 per 10 ms, and at the next second
+ * it jumps. Deliberate: callers compare with this scale. Does not use the heap.
+ * @return the figure; 0 when /proc/uptime cannot be read
+ */
+unsigned long long qzlib_get_system_uptime_ms(void);
+
+/** Memory of the system. @return kB, "MemTotal:" of /proc/meminfo; 0 without it; -1 without the file */
+int qzlib_get_total_mem_size(void);
+
+/** Memory to be had. @return kB, "MemAvailable:" of /proc/meminfo; 0 without it; -1 without the file */
+int qzlib_get_free_mem_size(void);
+
+/**
+ * Share of memory that is AVAILABLE, deliberately, in spite of the name. 32-bit arithmetic:
+ * right up to 40 GiB available.
+ * @return 0 to 100; -1 when /proc/meminfo lacks either figure or cannot be opened
+ */
+int qzlib_get_mem_use_percent(void);
+
+/**
+ * Share of the processors' time that was not idle, over one second in which the caller waits
+ * (less when a signal interrupts it). Waiting for devices counts as busy. From /proc/stat.
+ * @return percent; 0 when no tick went by; -1 when the file cannot be opened
+ */
+int qzlib_get_cpu_use_percent(void);
+
+/* ---- Device information --------------------------------------------------------------
+ * Who the device is, from /tmp/device.info, the kernel and the settings, and the hardware
+ * watchdog. Nothing is logged. The readers keep no state: callable from any thread. An
+ * output is written on success only and always terminated, save where said. */
+
+/**
+ * A value of /tmp/device.info, from the first line that holds the key anywhere: what stands
+ * between its first and its second ':', trimmed. A last line without line feed is ignored,
+ * and lines are taken in pieces of 255 characters.
+ * @param value_out  256 bytes; the copy is not bounded further
+ * @return 0; -1 for null, a missing file, no such line, or one without ':'
+ */
+int qzlib_get_device_system_info(const char *key, char *value_out);
+
+/** Hardware version: qzlib_get_device_system_info("HW_Version", value_out). */
+int qzlib_get_device_hwversion(char *value_out);
+
+/** Device id: qzlib_get_device_system_info("devid", value_out). */
+int qzlib_get_device_sn(char *value_out);
+
+/** Device model: qzlib_get_device_system_info("devmodel", value_out). */
+int qzlib_get_device_model(char *value_out);
+
+/**
+ * Bootloader version: the text behind "boot_version=" up to the next whitespace, in the first
+ * 256 bytes of /proc/cmdline.
+ * @param out  256 bytes
+ * @return 0; -1 for null, an unreadable file or no such text
+ */
+int qzlib_get_device_bootversion(char *out);
+
+/** Kernel version: as above, "kernel_version=" up to the line end, in /proc/version. */
+int qzlib_get_device_kernelversion(char *out);
+
+/**
+ * Version of the web pages: the first 64 bytes of /data/www/version, trimmed.
+ * @param out  65 bytes
+ * @return 0; -1 for null or a missing file
+ */
+int qzlib_get_device_webversion(char *out);
+
+/** Firmware version, "V3.2.0_1904151627". @param out 18 bytes @return 0; -1 for null */
+int qzlib_get_device_softversion(char *out);
+
+/** The very same text, deliberately: its tail is the build stamp. @param out 18 bytes @return 0; -1 for null
+ */
+int qzlib_get_device_build_time(char *out);
+
+/** The hexadecimal number behind "androidboot.serialno=" in the first 512 bytes of /proc/cmdline. @return it;
+ * 0 without */
+unsigned int qzlib_get_cpuid(void);
+
+/**
+ * Processor temperature (the name is spelt so), as it stands in
+ * /sys/devices/virtual/thermal/thermal_zone0/temp and in that file's unit.
+ * @return the number; -1 when the file cannot be read
+ */
+int qzlib_get_cputempture(void);
+
+/**
+ * Modem module (the name is spelt so), from the first 128 bytes of /proc/device-tree/model.
+ * @return 1 "EC20", 2 "SLM750", 3 "SIM7600CE", the first one found; 0 for none
+ */
+int qzlib_get_moduel_type(void);
+
+/** Board, from the same file. @return 1 "K31", 2 "K52R", 3 "K52T", the first one found; 0 for none */
+int qzlib_get_board_type(void);
+
+/** @return "Qualcomm" (the name is spelt so) */
+const char *qzlib_get_cpu_vender(void);
+
+/** @return "MDM9607" */
+const char *qzlib_get_cpu_model(void);
+
+/** @return "1GHz" */
+const char *qzlib_get_cpu_freq(void);
+
+/**
+ * Serial number from the settings: the first line of "nvram show" that holds "hd_number",
+ * between its first and its second '=', trimmed; a last line without line feed is ignored.
+ * Deliberate oddity: the command's process is not waited for where closing a stream does not
+ * do that by itself (glibc's does), so that it is the caller's to reap.
+ * @param out   filled as strncpy() fills it: not terminated when the text has size
+ *              characters or more
+ * @param size  of out in bytes
+ * @return 0; -1 when there is no such line; QZLIB_ERR_ARGUMENT for null or a size below 1
+ */
+int qzlib_get_dev_sn(char *out, int size);
+
+/** Does nothing; for callers that expect it. */
+void qzlib_watchdog_enable(void);
+
+/** Does nothing; for callers that expect it. See qzlib_watchdog_stop(). */
+void qzlib_watchdog_disable(void);
+
+/**
+ * Feed the hardware watchdog: writes one byte to /dev/mdm9x07_watchdog. The device is opened
+ * by the first call of this or of qzlib_watchdog_stop() and stays open; once fed, the
+ * hardware resets the board unless it is fed again in time or stopped. Callable from any
+ * thread; two first calls at once may open the device twice.
+ * @return result of the write: 1, or -1 with errno
+ */
+int qzlib_watchdog_feed(void);
+
+/** Stop the hardware watchdog (WDIOC_SETOPTIONS, WDIOS_DISABLECARD). @return result of the request; -1 with
+ * errno */
+int qzlib_watchdog_stop(void);
+
 /* ---- Sockets -------------------------------------------------------------------------
  * Ready-made sockets. The caller owns every descriptor that is returned and closes it; all
  * are close-on-exec. Connects have no time limit. Local paths are cut to 107 bytes. No
@@ -979,6 +1634,106 @@ int qzlib_create_listen_tcp(const char *ip, unsigned port);
  * @return descriptor; QZLIB_ERR_ARGUMENT (-257) for text that is no address; QZLIB_ERR_FAILED (-264)
  */
 int qzlib_create_listen_udp(const char *ip, unsigned port);
+
+/* ---- Network interfaces --------------------------------------------------------------
+ * Addresses, counters and flags of one interface. Names longer than 15 characters are cut to
+ * that by the kernel. Failures are logged at level 3 (module "net_api") where it says so. No
+ * state: callable from any thread.
+ *
+ * Text outputs come with their size in bytes, whose last byte is always set to NUL. A dotted
+ * address must fit with its terminator into size - 1 bytes, so that any address needs 17; when
+ * it does not fit the buffer keeps what it held but for its last byte. A hardware address needs
+ * 18 and is cut to size - 2 characters in less. A size of 0 stands for no bound at all. */
+
+/**
+ * Read address, netmask and hardware address ("00:1A:..", upper case). One that cannot be read
+ * leaves its buffer untouched and does not stop the others. Logs only when no socket can be had.
+ * @param ifname         interface
+ * @param ip, mask, mac  outputs, each may be null
+ * @return 0 when all that was asked for was read; QZLIB_ERR_FAILED (-264);
+ *         QZLIB_ERR_ARGUMENT (-257) for a null ifname
+ */
+int qzlib_get_interface_info(const char *ifname, char *ip, unsigned ip_size, char *mask, unsigned mask_size,
+                             char *mac, unsigned mac_size);
+
+/**
+ * Kept for old daemons and NOT the address: the first four characters of its dotted text as a
+ * big-endian number ("192.168.1.1" gives 0x3139322E); 0 when it cannot be read.
+ * @return as qzlib_get_interface_info(); QZLIB_ERR_ARGUMENT (-257) for a null out, too
+ */
+int qzlib_get_ip_by_name(const char *ifname, uint32_t *out);
+
+/**
+ * As qzlib_get_interface_info(), with the address of the other end of a point-to-point link
+ * (on other links it is the interface's own). Logs every failure.
+ * @param ifname               interface; null fails like a name that does not exist
+ * @param ip, peer, mask, mac  outputs, each may be null
+ * @return 0; QZLIB_ERR_FAILED (-264)
+ */
+int qzlib_get_pppinterface_info(const char *ifname, char *ip, unsigned ip_size, char *peer,
+                                unsigned peer_size, char *mask, unsigned mask_size, char *mac,
+                                unsigned mac_size);
+
+/**
+ * Read the traffic counters of /proc/net/dev. The first line that has the name anywhere in it
+ * is taken: "eth0" finds veth0 too when that comes first. Outputs, each may be null, are
+ * untouched on failure.
+ * @return 0; QZLIB_ERR_NOT_FOUND (-272) without such a line; QZLIB_ERR_FAILED (-264), logged,
+ *         when the file cannot be opened
+ */
+int qzlib_get_interface_status(const char *ifname, long long *rx_bytes, long long *rx_packets,
+                               long long *rx_errors, long long *rx_dropped, long long *tx_bytes,
+                               long long *tx_packets, long long *tx_errors, long long *tx_dropped);
+
+/**
+ * Test interface flags (IFF_UP, IFF_RUNNING, ... of <net/if.h>). A mask with bit 15 or a higher
+ * bit is deliberately never found set.
+ * @return 0 all set; -1 not all; QZLIB_ERR_FAILED (-264), logged only without a socket;
+ *         QZLIB_ERR_ARGUMENT (-257) for a null ifname
+ */
+int qzlib_get_interface_flag(const char *ifname, int mask);
+
+/**
+ * Set interface flags; needs CAP_NET_ADMIN. Logs failures.
+ * @return 0; QZLIB_ERR_NOT_FOUND (-272) when all are set already, nothing is written then;
+ *         QZLIB_ERR_FAILED (-264); QZLIB_ERR_ARGUMENT (-257) for a null ifname
+ */
+int qzlib_set_interface_flag(const char *ifname, unsigned mask);
+
+/**
+ * Clear interface flags; needs CAP_NET_ADMIN. Logs failures, in other words than setting does.
+ * @return 0; QZLIB_ERR_NOT_FOUND (-272) when none is set, nothing is written then;
+ *         QZLIB_ERR_FAILED (-264); QZLIB_ERR_ARGUMENT (-257) for a null ifname
+ */
+int qzlib_clear_interface_flag(const char *ifname, unsigned mask);
+
+/* ---- Probes --------------------------------------------------------------------------
+ * Is a host there, and does a name resolve. Neither logs. No state: callable from any thread. */
+
+/**
+ * Time until a host takes a TCP connection. A child process resolves and connects, one address
+ * after the other; failed attempts count into the time and the lookup does not. At the limit
+ * the child is ended. It is gone when the call returns, and it ends through exit(), so that
+ * output which the caller has not flushed comes out twice: flush before.
+ * @param host        name or address
+ * @param port        number as text
+ * @param timeout_ms  milliseconds for all of it; 0: no limit
+ * @return the time on the scale of qzlib_get_system_uptime_ms(): 1 per 10 ms and a jump at
+ *         every second of uptime; -1 when nobody took the connection, at the limit, or when
+ *         no pipe or child can be had; QZLIB_ERR_FAILED (-264) when the name or port is not
+ *         resolved; QZLIB_ERR_ARGUMENT (-257) for null or a negative limit
+ */
+int qzlib_get_tcp_latency(const char *host, const char *port, int timeout_ms);
+
+/**
+ * Resolve a name to one dotted IPv4 address. Blocks as long as the resolver does. A name that
+ * qzlib_ip_is_valid() accepts is copied unchanged (-1 when it has more than 15 characters). The
+ * resolver's first entry counts; an IPv6 entry deliberately gives "0.0.0.0" (its flow
+ * information).
+ * @param ip_out  16 bytes; untouched on failure
+ * @return 0; -1 when the name does not resolve; QZLIB_ERR_ARGUMENT (-257) for null
+ */
+int qzlib_get_domain_ip(const char *name, char *ip_out);
 
 #ifdef __cplusplus
 }

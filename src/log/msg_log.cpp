@@ -219,10 +219,13 @@ QZ_EXPORT void debug_msg(int level, const char *module, int line, const char *fo
 
 QZ_EXPORT char *str_timestamp(time_t t, char *buf, int size)
 {
+    if (size < 1)
+        return buf;
     if (t == 0)
         t = time(nullptr);
     struct tm local {
     };
+    tzset();                 // localtime_r() alone may keep the zone that the process started with
     localtime_r(&t, &local); // not localtime(): any thread may log
     std::array<char, 64> text;
     const size_t length = strftime(text.data(), text.size(), "%Y-%m-%d %X", &local);

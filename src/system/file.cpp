@@ -25,7 +25,8 @@ QZ_EXPORT int qzlib_get_file_size(const char *path)
     const UniqueFd file = open_to_read(path);
     if (!file)
         return 0;
-    return static_cast<int>(lseek(file.get(), 0, SEEK_END));
+    (void)lseek(file.get(), 0, SEEK_END); // the files of /proc have no end to go to: 0 then
+    return static_cast<int>(lseek(file.get(), 0, SEEK_CUR));
 }
 
 QZ_EXPORT int qzlib_file_is_elf(const char *path)

@@ -242,9 +242,10 @@ TEST(SyslogMode, full_ident_and_quiet_stdio)
 
 TEST(Timestamp, is_local_time_cut_to_the_buffer)
 {
-    setenv("TZ", "XYZ-3", 1);
-    tzset();
     char buffer[32];
+    setenv("TZ", "UTC0", 1);
+    EXPECT_STREQ(str_timestamp(86400, buffer, sizeof buffer), "1970-01-02 00:00:00");
+    setenv("TZ", "XYZ-3", 1); // a change of the zone is followed
     memset(buffer, '#', sizeof buffer);
     EXPECT_EQ(str_timestamp(86400, buffer, sizeof buffer), buffer);
     EXPECT_STREQ(buffer, "1970-01-02 03:00:00");

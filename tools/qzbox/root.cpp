@@ -4,6 +4,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 
 #include <algorithm>
 #include <climits>
@@ -102,6 +103,15 @@ void show_loop_devices(const std::string &root)
     }
 }
 
+// Machines that never loaded the module may lack the node, whose number is fixed. Root makes it
+// in the box's own /dev, and opening it loads the module.
+void make_missing_fuse(const std::string &dev)
+{
+    constexpr unsigned MISC_MAJOR = 10;
+    constexpr unsigned FUSE_MINOR = 229;
+    (void)mknod((dev + "/fuse").c_str(), S_IFCHR | 0600, makedev(MISC_MAJOR, FUSE_MINOR));
+}
+
 void link_device(const char *text, const std::string &path)
 {
     if (symlink(text, path.c_str()) != 0)
@@ -122,6 +132,7 @@ void make_dev(const std::string &root)
     const std::string dev = root + "/dev";
     for (const char *name : {"null", "zero", "full", "random", "urandom", "tty", "net/tun", "fuse"})
         show_device(name, root);
+    make_missing_fuse(dev);
     show_loop_devices(root);
     show_console(root);
     link_device("/proc/self/fd", dev + "/fd");

@@ -1,0 +1,83 @@
+/*
+ * statusd: a daemon that wants to know how the modem is. Reads the table that modemd keeps in
+ * /tmp/modem.info whenever it has been replaced, and hears of changes at once on the message
+ * bus when a bus server runs. Prints both. Ends on SIGTERM or SIGINT.
+ *
+ * Usage: statusd [NAME]...     (values to watch; default: rssi sim)
+ */
+#include <qzlib.h>
+
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#define STATUS_FILE "/tmp/modem.info"
+
+enum { MAX_WATCHED = 16, VALUE_SIZE = 128, LOOK_EVERY_MS = 200 };
+
+struct watched {
+    const char *name;
+    char value[VALUE_SIZE];
+};
+
+static struct watched watched[MAX_WATCHED] = {{"rssi", ""}, {"sim", ""}};
+static int watched_count = 2;
+
+/* The writer renames a new file over the old one. An inode number alone may come again. */
+static int file_is_new(void)
+{
+    static struct stat seen;
+    struct stat now;
+    if (stat(STATUS_FILE, &now) != 0)
+        return 0;
+    if (now.st_ino == seen.st_ino && now.st_mtim.tv_sec == seen.st_mtim.tv_sec &&
+        now.st_mtim.tv_nsec == seen.st_mtim.tv_nsec)
+        return 0;
+    seen = now;
+    return 1;
+}
+
+static void show_changes(void)
+{
+    int i;
+    for (i = 0; i < watched_count; i++) {
+        const char *value = qzlib_get_modem_status_info(watched[i].name);
+        if (value == NULL || strncmp(value, watched[i].value, VALUE_SIZE - 1) == 0)
+            continue;
+        snprintf(watched[i].value, VALUE_SIZE, "%s", value);
+        printf("statusd: table: %s is %s\n", watched[i].name, watched[i].value);
+    }
+}
+
+/* Hears of changes from now on, when a bus server runs. */
+static void listen_on_bus(void) {}
+
+int main(int argc, char **argv)
+{
+    const struct timespec pause = {0, LOOK_EVERY_MS * 1000000L};
+    sigset_t ends;
+    int i;
+
+    setvbuf(stdout, NULL, _IOLBF, 0);
+    openmsg_com("/tmp/statusd.log", 0, "statusd", 0);
+    for (i = 1; i < argc && i <= MAX_WATCHED; i++) {
+        watched[i - 1].name = argv[i];
+        watched_count = i;
+    }
+    /* Before the bus starts its threads, so that they inherit the mask. */
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGTERM);
+    sigaddset(&ends, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &ends, NULL);
+
+    listen_on_bus();
+    printf("statusd: running\n");
+    do {
+        if (file_is_new() && qzlib_update_modem_status_info_tab() == 0)
+            show_changes();
+    } while (sigtimedwait(&ends, NULL, &pause) < 0);
+    printf("statusd: ended\n");
+    closemsg();
+    return 0;
+}

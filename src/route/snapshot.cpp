@@ -1,0 +1,196 @@
+#include "base/export.h"
+#include "base/text.h"
+#include "route/command.h"
+#include "route/words.h"
+
+#include <charconv>
+#include <cstdlib>
+#include <qzlib.h>
+
+namespace
+{
+
+using qz::base::copy_text;
+using qz::route::CommandOutput;
+using qz::route::split_words;
+
+constexpr size_t LINE_SIZE = 128; // longer lines come in pieces
+constexpr size_t ROUTE_TABLE_LINE_SIZE = 512;
+constexpr size_t INTERFACE_NAME_SIZE = 32;
+
+#if UINTPTR_MAX > UINT32_MAX
+static_assert(sizeof(srtinfo) == 160 && offsetof(srtinfo, next) == 152);
+#else
+static_assert(sizeof(srtinfo) == 152 && offsetof(srtinfo, next) == 148);
+#endif
+static_assert(offsetof(srtinfo, prio) == 8 && offsetof(srtinfo, source) == 12 &&
+              offsetof(srtinfo, dest) == 44 && offsetof(srtinfo, dest_ip) == 68 &&
+              offsetof(srtinfo, dest_mask) == 84 && offsetof(srtinfo, gateway) == 100 &&
+              offsetof(srtinfo, dev) == 116);
+
+struct srt_rule {
+    char table[sizeof srtinfo::table];
+    int32_t prio;
+    char source[sizeof srtinfo::source];
+};
+
+struct srt_route {
+    char dest[sizeof srtinfo::dest];
+    char gateway[sizeof srtinfo::gateway];
+    char dev[sizeof srtinfo::dev];
+};
+
+// "PRIO: from SOURCE lookup TABLE". False for a rule that is not reported: one for every
+// source, and one whose table name does not fit (cut, it would name another table).
+bool parse_rule(const char *line, srt_rule &rule)
+{
+    const auto [priority, from, source, lookup, table] = split_words<5>(line);
+    rule.prio = atoi(priority.data()); // NOLINT(cert-err34-c): "32765:" gives 32765
+    if (source == "all" || rule.prio < 0 || table.size() >= sizeof rule.table)
+        return false;
+    copy_text(rule.table, table);
+    copy_text(rule.source, source);
+    return true;
+}
+
+// "DEST via GATEWAY dev DEV ..." or "DEST dev DEV ...". Lines of other forms (blackhole, nexthop)
+// are taken word by word all the same.
+srt_route parse_route(const char *line)
+{
+    const bool has_gateway = strstr(line, "via") != nullptr;
+    const auto words = split_words<5>(line);
+    srt_route route;
+    copy_text(route.dest, words[0] == "default" ? "0.0.0.0/0" : words[0]);
+    copy_text(route.gateway, has_gateway ? words[2] : "0.0.0.0");
+    copy_text(route.dev, has_gateway ? words[4] : words[2]);
+    return route;
+}
+
+// A list that is built at its end and handed to the caller.
+class SnapshotList
+{
+public:
+    // Drops the record when there is no memory for it.
+    void srt_route_append(const srt_rule &rule, const srt_route &route)
+    {
+        auto *record = static_cast<srtinfo *>(calloc(1, sizeof(srtinfo)));
+        if (record == nullptr)
+            return;
+        memcpy(record->table, rule.table, sizeof record->table);
+        record->prio = rule.prio;
+        memcpy(record->source, rule.source, sizeof record->source);
+        memcpy(record->dest, route.dest, sizeof record->dest);
+        (void)qz_ccid2obsolete(record->dest, record->dest_ip, record->dest_mask, nullptr);
+        memcpy(record->gateway, route.gateway, sizeof record->gateway);
+        memcpy(record->dev, route.dev, sizeof record->dev);
+        *end_ = record;
+        end_ = &record->next;
+    }
+    [[nodiscard]] srtinfo *head() const { return head_; }
+
+private:
+    srtinfo *head_ = nullptr;
+    srtinfo **end_ = &head_;
+};
+
+void append_routes(SnapshotList &list, const srt_rule &rule)
+{
+    const char *table =
+        rule.table[0] != '\0' ? rule.table : nullptr; // a rule without one: "ip route ls table"
+    const char *words[] = {"ip", "route", "ls", "table", table, nullptr};
+    CommandOutput routes(words);
+    std::array<char, LINE_SIZE> line;
+    while (routes.read_line(line))
+        list.srt_route_append(rule, parse_route(line.data()));
+}
+
+// One line of "route -n".
+struct TableLine {
+    std::string_view destination;
+    std::string_view mask;
+    std::string_view interface;
+    int metric;
+};
+
+// False for a line that does not have all eight columns.
+bool parse_table_line(char *line, TableLine &out)
+{
+    const auto [destination, gateway, mask, flags, metric, ref, use, interface] = split_words<8>(line);
+    if (interface.empty() ||
+        std::from_chars(metric.data(), metric.data() + metric.size(), out.metric).ec != std::errc())
+        return false;
+    out.destination = destination;
+    out.mask = mask;
+    out.interface = interface;
+    // The words become texts of their own; each is followed by white space.
+    line[destination.data() + destination.size() - line] = '\0';
+    line[mask.data() + mask.size() - line] = '\0';
+    return true;
+}
+
+// What was best so far. A longer prefix with a higher metric does not replace it and of equals
+// the later line does: deliberate, daemons know this order.
+class BestRoute
+{
+public:
+    bool replace(const TableLine &line)
+    {
+        const int length = string2masklen(line.mask.data());
+        if (length < length_ || line.metric > metric_)
+            return false;
+        length_ = length;
+        metric_ = line.metric;
+        return true;
+    }
+
+private:
+    int length_ = 0;
+    int metric_ = 10000;
+};
+
+} // namespace
+
+QZ_EXPORT srtinfo *qz_srtinfo_stat(void)
+{
+    const char *words[] = {"ip", "rule", "ls", nullptr};
+    CommandOutput rules(words);
+    SnapshotList list;
+    std::array<char, LINE_SIZE> line;
+    srt_rule rule;
+    while (rules.read_line(line)) {
+        if (parse_rule(line.data(), rule))
+            append_routes(list, rule);
+    }
+    return list.head();
+}
+
+QZ_EXPORT void qz_srtinfo_free(srtinfo **list)
+{
+    while (list != nullptr && *list != nullptr) {
+        srtinfo *record = *list;
+        *list = record->next;
+        free(record);
+    }
+}
+
+QZ_EXPORT int qzlib_get_route_interface(const char *ip, char *ifname)
+{
+    if (ip == nullptr || ifname == nullptr)
+        return -1;
+    const char *words[] = {"route", "-n", nullptr};
+    CommandOutput table(words);
+    std::array<char, ROUTE_TABLE_LINE_SIZE> line;
+    if (!table.read_line(line) || !table.read_line(line)) // the two heading lines
+        return -1;
+    BestRoute best;
+    int result = -1;
+    TableLine route;
+    while (table.read_line(line)) {
+        if (!parse_table_line(line.data(), route) ||
+            srt_ipinnet_judge(route.destination.data(), route.mask.data(), ip) != 0 || !best.replace(route))
+            continue;
+        copy_text({ifname, INTERFACE_NAME_SIZE}, route.interface);
+        result = 0;
+    }
+    return result;
+}

@@ -1,0 +1,194 @@
+#include "base/export.h"
+#include "base/owners.h"
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <qzlib.h>
+#include <span>
+#include <string_view>
+
+namespace
+{
+
+using qz::base::UniqueFd;
+using qz::base::UniqueStream;
+
+constexpr const char *MODULE = "system_api";
+constexpr size_t UPTIME_TEXT_SIZE = 64;
+constexpr size_t LINE_SIZE = 128;
+
+constexpr std::string_view TOTAL_KEY = "MemTotal:";
+constexpr std::string_view AVAILABLE_KEY = "MemAvailable:";
+
+// The number at the front of a text, which moves behind it. 0 without a digit.
+uint64_t take_digits(const char *&text)
+{
+    uint64_t number = 0;
+    for (; *text >= '0' && *text <= '9'; ++text)
+        number = number * 10 + static_cast<uint64_t>(*text - '0');
+    return number;
+}
+
+struct Uptime {
+    uint64_t seconds = 0;
+    uint64_t fraction = 0; // the digits behind the point as a number: hundredths of a second
+};
+
+// By plain reads: the latency probe takes its times in a child of a threaded process, where the
+// heap is better left alone.
+Uptime read_uptime()
+{
+    std::array<char, UPTIME_TEXT_SIZE> text{};
+    const UniqueFd file(open("/proc/uptime", O_RDONLY | O_CLOEXEC));
+    if (!file || read(file.get(), text.data(), text.size() - 1) <= 0)
+        return {};
+    Uptime uptime;
+    const char *at = text.data();
+    uptime.seconds = take_digits(at);
+    if (*at++ == '.')
+        uptime.fraction = take_digits(at);
+    return uptime;
+}
+
+// Lines of kernel files, longer ones in pieces.
+bool read_line(const UniqueStream &stream, std::span<char> line)
+{
+    return fgets(line.data(), static_cast<int>(line.size()), stream.get()) != nullptr;
+}
+
+UniqueStream open_meminfo()
+{
+    UniqueStream stream = qz::base::open_for_reading("/proc/meminfo");
+    if (!stream)
+        debug_msg(QZLIB_LOG_WARNING, MODULE, __LINE__, "can't open /proc/meminfo");
+    return stream;
+}
+
+// The number behind a key that may stand anywhere in the line. False without the key.
+bool find_value(const char *line, std::string_view key, uint32_t &value)
+{
+    const char *at = strstr(line, key.data());
+    if (at == nullptr)
+        return false;
+    value = static_cast<uint32_t>(strtoul(at + key.size(), nullptr, 10));
+    return true;
+}
+
+// kB of the first line with the key, 0 without one, -1 without the file.
+int read_mem_size(std::string_view key)
+{
+    const UniqueStream stream = open_meminfo();
+    if (!stream)
+        return -1;
+    std::array<char, LINE_SIZE> line{};
+    uint32_t size_kb = 0;
+    while (read_line(stream, line)) {
+        if (find_value(line.data(), key, size_kb))
+            break;
+    }
+    return static_cast<int>(size_kb);
+}
+
+// Sums of clock ticks since boot, modulo 2^32.
+struct CpuTicks {
+    uint32_t total = 0;
+    uint32_t idle = 0;
+};
+
+// "cpu user nice system idle iowait irq softirq ..."; what is missing counts as 0.
+CpuTicks parse_cpu_line(const char *line)
+{
+    constexpr int COLUMNS = 7;
+    constexpr int IDLE_COLUMN = 3;
+    const char *at = line + strspn(line, " \t");
+    at += strcspn(at, " \t"); // the label
+    CpuTicks ticks;
+    for (int column = 0; column < COLUMNS; ++column) {
+        char *end = nullptr;
+        const auto value = static_cast<uint32_t>(strtoll(at, &end, 10));
+        if (end == at)
+            break;
+        at = end;
+        ticks.total += value;
+        if (column == IDLE_COLUMN)
+            ticks.idle = value;
+    }
+    return ticks;
+}
+
+// Reads the file's first line afresh. Not through a stream: rewinding one may leave its buffer
+// as it was, and the second sample would be the first again.
+CpuTicks read_cpu_ticks(const UniqueFd &file)
+{
+    std::array<char, LINE_SIZE> line{};
+    if (pread(file.get(), line.data(), line.size() - 1, 0) < 0)
+        return {};
+    *strchrnul(line.data(), '\n') = '\0';
+    return parse_cpu_line(line.data());
+}
+
+// 32-bit signed arithmetic that wraps: the counters do too.
+int cpu_percent(const CpuTicks &before, const CpuTicks &after)
+{
+    const uint32_t total = after.total - before.total;
+    const uint32_t idle = after.idle - before.idle;
+    if (total == 0)
+        return 0;
+    const auto busy_hundredfold = static_cast<int32_t>((total - idle) * 100);
+    return static_cast<int>(int64_t{busy_hundredfold} / static_cast<int32_t>(total));
+}
+
+} // namespace
+
+QZ_EXPORT unsigned int qzlib_get_system_uptime(void)
+{
+    return static_cast<unsigned>(read_uptime().seconds);
+}
+
+// The hundredths are added as they stand, not scaled: callers rely on exactly this scale.
+QZ_EXPORT unsigned long long qzlib_get_system_uptime_ms(void)
+{
+    const Uptime uptime = read_uptime();
+    return uptime.seconds * 1000 + uptime.fraction;
+}
+
+QZ_EXPORT int qzlib_get_total_mem_size(void)
+{
+    return read_mem_size(TOTAL_KEY);
+}
+
+QZ_EXPORT int qzlib_get_free_mem_size(void)
+{
+    return read_mem_size(AVAILABLE_KEY);
+}
+
+// The share that is available, in spite of the name: callers display it as it is.
+QZ_EXPORT int qzlib_get_mem_use_percent(void)
+{
+    const UniqueStream stream = open_meminfo();
+    if (!stream)
+        return -1;
+    std::array<char, LINE_SIZE> line{};
+    uint32_t total = 0;
+    uint32_t available = 0;
+    while ((total == 0 || available == 0) && read_line(stream, line)) {
+        (void)find_value(line.data(), TOTAL_KEY, total);
+        (void)find_value(line.data(), AVAILABLE_KEY, available);
+    }
+    if (total == 0 || available == 0)
+        return -1;
+    return static_cast<int>(available * 100 / total);
+}
+
+QZ_EXPORT int qzlib_get_cpu_use_percent(void)
+{
+    const UniqueFd file(open("/proc/stat", O_RDONLY | O_CLOEXEC));
+    if (!file) {
+        debug_msg(QZLIB_LOG_WARNING, MODULE, __LINE__, "fopen /proc/stat fail\n");
+        return -1;
+    }
+    const CpuTicks before = read_cpu_ticks(file);
+    sleep(1);
+    return cpu_percent(before, read_cpu_ticks(file));
+}

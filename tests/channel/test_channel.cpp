@@ -1,0 +1,514 @@
+#include "support/box.h"
+#include "support/files.h"
+
+#include <gtest/gtest.h>
+#include <linux/netlink.h>
+#include <qzlib.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <fcntl.h>
+#include <malloc.h>
+#include <mutex>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+constexpr int MAX_DATA = 3936;
+
+struct Message {
+    std::string dst_name, src_name, data;
+    int dst_pid, src_pid, data_len;
+    uint32_t magic, type;
+};
+
+// What the channel's callback was given, for other threads to wait for.
+class Inbox
+{
+public:
+    static void put(local_msg *msg, void *ctx)
+    {
+        auto &inbox = *static_cast<Inbox *>(ctx);
+        const std::string data(static_cast<char *>(msg->data),
+                               msg->data != nullptr ? static_cast<size_t>(msg->data_len) : 0);
+        const std::lock_guard lock(inbox.mutex_);
+        inbox.messages_.push_back({std::string(msg->dst_name, strnlen(msg->dst_name, 64)),
+                                   std::string(msg->src_name, strnlen(msg->src_name, 64)), data, msg->dst_pid,
+                                   msg->src_pid, msg->data_len, msg->magic, msg->type});
+        inbox.arrival_.notify_all();
+    }
+
+    // The next message; one of type 0 when none comes.
+    Message next(std::chrono::milliseconds limit = 10s)
+    {
+        std::unique_lock lock(mutex_);
+        if (!arrival_.wait_for(lock, limit, [&] { return taken_ < messages_.size(); }))
+            return {};
+        return messages_[taken_++];
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable arrival_;
+    std::vector<Message> messages_;
+    size_t taken_ = 0;
+};
+
+// A peer that knows nothing of the library: a netlink socket and its bytes.
+class Peer
+{
+public:
+    Peer()
+    {
+        sockaddr_nl address{};
+        address.nl_family = AF_NETLINK;
+        address.nl_groups = 5;
+        const int large = 1 << 20;
+        setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &large, sizeof large);
+        if (bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
+            ADD_FAILURE() << "netlink multicast: " << strerror(errno);
+    }
+    ~Peer() { close(fd_); }
+    Peer(const Peer &) = delete;
+    Peer &operator=(const Peer &) = delete;
+
+    void send(const std::string &datagram) const
+    {
+        sockaddr_nl address{};
+        address.nl_family = AF_NETLINK;
+        address.nl_groups = 5;
+        (void)sendto(fd_, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr *>(&address),
+                     sizeof address);
+    }
+
+    // The next datagram of somebody else; empty when there is none.
+    std::string receive() const
+    {
+        char buffer[8192];
+        const ssize_t size = recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT);
+        return size > 0 ? std::string(buffer, static_cast<size_t>(size)) : "";
+    }
+
+private:
+    int fd_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_USERSOCK);
+};
+
+std::string word(uint32_t value)
+{
+    return {static_cast<char>(value), static_cast<char>(value >> 8), static_cast<char>(value >> 16),
+            static_cast<char>(value >> 24)};
+}
+
+std::string field(std::string text)
+{
+    text.resize(64, '\0');
+    return text;
+}
+
+// A message byte by byte, as the format has it.
+std::string wire(uint32_t length, uint32_t type, int dst_pid, const std::string &dst_name, int src_pid,
+                 const std::string &src_name, const std::string &data)
+{
+    return word(length) + word((type + 16) & 0xFFFF) + word(0) + word(0) + "SMZQ" +
+           word(static_cast<uint32_t>(dst_pid)) + field(dst_name) + word(static_cast<uint32_t>(src_pid)) +
+           field(src_name) + word(type) + data;
+}
+
+std::string from_peer(uint32_t type, const std::string &data = "", int dst_pid = 0,
+                      const std::string &dst_name = "")
+{
+    return wire(160 + static_cast<uint32_t>(data.size()), type, dst_pid, dst_name, 4711, "peer", data);
+}
+
+int send_message(uint32_t type, const std::string &data = "", int dst_pid = 0,
+                 const std::string &dst_name = "")
+{
+    local_msg msg{};
+    msg.type = type;
+    msg.dst_pid = dst_pid;
+    memcpy(msg.dst_name, dst_name.data(), dst_name.size());
+    msg.data_len = static_cast<int>(data.size());
+    msg.data = data.empty() ? nullptr : const_cast<char *>(data.data());
+    return qzlib_msg_send(&msg);
+}
+
+size_t threads()
+{
+    size_t count = 0;
+    for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator("/proc/self/task"))
+        ++count;
+    return count;
+}
+
+// Waits until the process has so many threads: a cancelled one takes its time to go.
+bool threads_become(size_t count)
+{
+    for (int i = 0; i < 2000 && threads() != count; ++i)
+        usleep(5000);
+    return threads() == count;
+}
+
+size_t threads_after_the_first()
+{
+    std::thread([] {}).join();
+    return threads();
+}
+
+struct Channel : testing::Test {
+    Channel() { prctl(PR_SET_NAME, "self"); }
+    size_t descriptors = support::open_descriptors();
+    size_t threads_before = threads_after_the_first(); // sanitizers start one of their own then
+    ~Channel() override
+    {
+        qzlib_msg_exit();
+        EXPECT_EQ(support::open_descriptors(), descriptors);
+        EXPECT_TRUE(threads_become(threads_before));
+    }
+    Inbox inbox; // outlives the threads
+};
+
+TEST_F(Channel, sent_bytes_are_the_format)
+{
+    {
+        const Peer peer;
+        EXPECT_EQ(send_message(1), -264) << "not open";
+        EXPECT_EQ(qzlib_msg_send(nullptr), -257);
+        ASSERT_EQ(qzlib_msg_init(nullptr, nullptr), 0);
+        EXPECT_EQ(threads(), threads_before) << "a channel for sending only";
+        EXPECT_EQ(qzlib_msg_send(nullptr), -257);
+
+        const std::string five = "12345", most(MAX_DATA, 'm');
+        EXPECT_EQ(send_message(7), 0);
+        EXPECT_EQ(peer.receive(), wire(160, 7, 0, "", getpid(), "self", ""));
+        EXPECT_EQ(send_message(0xFFFFFFFF, five, 99, "other"), 0);
+        const std::string padded = peer.receive();
+        EXPECT_EQ(padded.size(), 168U);
+        EXPECT_EQ(padded.substr(0, 165), wire(165, 0xFFFFFFFF, 99, "other", getpid(), "self", five));
+        EXPECT_EQ(send_message(8, most), 0);
+        EXPECT_EQ(peer.receive(), wire(4096, 8, 0, "", getpid(), "self", most));
+        EXPECT_EQ(send_message(8, most + "m"), -257);
+        EXPECT_EQ(send_message(9, "", -1, std::string(64, 'n')), 0); // a name that fills its field
+        EXPECT_EQ(peer.receive(), wire(160, 9, -1, std::string(64, 'n'), getpid(), "self", ""));
+        EXPECT_EQ(peer.receive(), "");
+
+        local_msg msg{};
+        msg.data_len = 100; // without data
+        EXPECT_EQ(qzlib_msg_send(&msg), 0);
+        EXPECT_EQ(peer.receive().size(), 160U);
+        EXPECT_EQ(msg.magic, 0x515A4D53U);
+        EXPECT_EQ(msg.src_pid, getpid());
+        EXPECT_STREQ(msg.src_name, "self");
+        msg.data = &msg;
+        msg.data_len = -5;
+        EXPECT_EQ(qzlib_msg_send(&msg), 0);
+        EXPECT_EQ(peer.receive().size(), 160U);
+    }
+    qzlib_msg_exit();
+    EXPECT_EQ(send_message(1), -264);
+}
+
+TEST_F(Channel, received_is_what_is_addressed_here)
+{
+    const Peer peer;
+    ASSERT_EQ(qzlib_msg_init(Inbox::put, &inbox), 0);
+    const struct {
+        int dst_pid;
+        std::string dst_name;
+        bool delivered;
+    } cases[] = {
+        {0, "", true},
+        {-3, "", true},
+        {getpid(), "", true},
+        {getpid() + 1, "", false},
+        {0, "self", true},
+        {getpid(), "self", true},
+        {getpid() + 1, "self", false},
+        {getpid(), "other", false},
+        {0, "other", false},
+        {0, "sel", false},
+        {0, "self2", false},
+        {0, std::string("\0\0\0\0other", 9), true}, // four zeros: no name
+        {0, std::string("\0elf", 4), false},
+        {0, std::string(64, 's'), false},
+    };
+    uint32_t type = 100;
+    for (const auto &c : cases) {
+        ++type;
+        peer.send(from_peer(type, "data", c.dst_pid, c.dst_name));
+        peer.send(from_peer(1)); // ends the wait for what is not delivered
+        const Message first = inbox.next();
+        EXPECT_EQ(first.type == type, c.delivered) << c.dst_pid << " " << c.dst_name;
+        if (c.delivered) {
+            EXPECT_EQ(inbox.next().type, 1U);
+        }
+    }
+
+    peer.send(from_peer(0x12345678, "12345", getpid(), "self"));
+    const Message message = inbox.next();
+    EXPECT_EQ(message.magic, 0x515A4D53U);
+    EXPECT_EQ(message.dst_pid, getpid());
+    EXPECT_EQ(message.dst_name, "self");
+    EXPECT_EQ(message.src_pid, 4711);
+    EXPECT_EQ(message.src_name, "peer");
+    EXPECT_EQ(message.type, 0x12345678U);
+    EXPECT_EQ(message.data_len, 5);
+    EXPECT_EQ(message.data, "12345");
+}
+
+TEST_F(Channel, crooked_datagrams_are_dropped_or_bounded)
+{
+    const Peer peer;
+    ASSERT_EQ(qzlib_msg_init(Inbox::put, &inbox), 0);
+    std::string wrong_magic = from_peer(2);
+    wrong_magic[16] = 'X';
+    peer.send(wrong_magic);
+    peer.send(from_peer(3).substr(0, 159)); // one byte short
+    peer.send("x");
+    const uint32_t lengths[] = {160, 0, 159, 161, 4096, 4097, 0x80000000, 100};
+    const int expected[] = {0, 0, 0, 1, MAX_DATA, MAX_DATA, MAX_DATA, 0};
+    for (size_t i = 0; i < std::size(lengths); ++i) {
+        peer.send(wire(lengths[i], 10 + static_cast<uint32_t>(i), 0, "", 1, "", "d"));
+        const Message message = inbox.next();
+        EXPECT_EQ(message.type, 10 + i);
+        EXPECT_EQ(message.data_len, expected[i]) << lengths[i];
+    }
+    std::string most(MAX_DATA, '\0');
+    for (size_t i = 0; i < most.size(); ++i)
+        most[i] = static_cast<char>(i / 7);
+    peer.send(from_peer(5, most));
+    const Message cut = inbox.next();
+    EXPECT_EQ(cut.data_len, MAX_DATA);
+    EXPECT_EQ(cut.data.substr(0, 3776), most.substr(0, 3776)) << "the read takes 3936 bytes of the datagram";
+}
+
+TEST_F(Channel, processes_reach_each_other_by_pid_by_name_and_all)
+{
+    // Each child tells the types that reach it until type 9, as bits of its exit status.
+    const auto listen = [](const char *name, int ready) {
+        prctl(PR_SET_NAME, name);
+        Inbox own;
+        if (qzlib_msg_init(Inbox::put, &own) != 0)
+            return 255;
+        eventfd_write(ready, 1);
+        int seen = 0;
+        for (Message message = own.next(); message.type != 9 && message.type != 0; message = own.next())
+            seen |= 1 << message.type;
+        qzlib_msg_exit();
+        return seen;
+    };
+    const int ready = eventfd(0, EFD_SEMAPHORE);
+    const pid_t one = support::start_child([&] { return listen("one", ready); });
+    const pid_t two = support::start_child([&] { return listen("two", ready); });
+    eventfd_t count;
+    eventfd_read(ready, &count);
+    eventfd_read(ready, &count);
+    close(ready);
+    ASSERT_EQ(qzlib_msg_init(Inbox::put, &inbox), 0);
+    send_message(1);
+    send_message(2, "x", one);
+    send_message(3, "x", 0, "two");
+    send_message(4, "x", one, "two");
+    send_message(5, "x", getpid());
+    send_message(9);
+    EXPECT_EQ(support::wait_child(one), 1 << 1 | 1 << 2);
+    EXPECT_EQ(support::wait_child(two), 1 << 1 | 1 << 3);
+    for (const uint32_t type : {1U, 5U, 9U})
+        EXPECT_EQ(inbox.next().type, type) << "the sender receives, too";
+}
+
+// Holds up the callback at messages of type 1 until it is let go.
+struct Gate {
+    Inbox inbox;
+    int entered = eventfd(0, EFD_CLOEXEC | EFD_SEMAPHORE);
+    int opened = eventfd(0, EFD_CLOEXEC | EFD_SEMAPHORE);
+    ~Gate()
+    {
+        close(entered);
+        close(opened);
+    }
+    static void pass(local_msg *msg, void *ctx)
+    {
+        auto &gate = *static_cast<Gate *>(ctx);
+        eventfd_t count;
+        if (msg->type == 1) {
+            eventfd_write(gate.entered, 1);
+            eventfd_read(gate.opened, &count);
+        }
+        Inbox::put(msg, &gate.inbox);
+    }
+    void wait_entered() const
+    {
+        eventfd_t count;
+        eventfd_read(entered, &count);
+    }
+    void open() const { eventfd_write(opened, 1); }
+};
+
+TEST_F(Channel, read_error_delivers_the_message_before_once_more)
+{
+    Gate gate;
+    const Peer peer;
+    ASSERT_EQ(qzlib_msg_init(Gate::pass, &gate), 0);
+    peer.send(from_peer(1, "first"));
+    gate.wait_entered();
+    for (int i = 0; i < 2000; ++i) // more than the socket holds: its next read fails
+        peer.send(from_peer(2, std::string(2000, 'x')));
+    gate.open();
+    gate.open();
+    for (int i = 0; i < 2; ++i) {
+        const Message message = gate.inbox.next();
+        EXPECT_EQ(message.type, 1U);
+        EXPECT_EQ(message.data, "first");
+    }
+    EXPECT_EQ(gate.inbox.next().type, 2U);
+    qzlib_msg_exit();
+    ASSERT_TRUE(threads_become(threads_before)) << "the gate is still in use";
+}
+
+TEST_F(Channel, exit_while_receiving_leaves_nothing_behind_a_thousand_times)
+{
+    const auto round = [&] {
+        ASSERT_EQ(qzlib_msg_init(Inbox::put, &inbox), 0);
+        qzlib_msg_exit();
+        ASSERT_EQ(support::open_descriptors(), descriptors);
+    };
+    for (int i = 0; i < 20; ++i)
+        round();
+    ASSERT_TRUE(threads_become(threads_before));
+    const auto before = mallinfo2();
+    for (int i = 0; i < 1000; ++i)
+        round();
+    EXPECT_TRUE(threads_become(threads_before));
+    const auto after = mallinfo2();
+    EXPECT_LT(after.uordblks + after.hblkhd, before.uordblks + before.hblkhd + 64 * 1024)
+        << "a thousand buffers are 4 MiB";
+    qzlib_msg_exit(); // nothing open
+}
+
+TEST_F(Channel, exit_in_a_storm_of_messages_ends_the_deliveries)
+{
+    const Peer peer;
+    std::atomic<bool> stop = false;
+    std::thread storm([&] {
+        while (!stop)
+            peer.send(from_peer(3, std::string(500, 's')));
+    });
+    std::atomic<long> calls = 0;
+    const auto count = [](local_msg *msg, void *ctx) {
+        EXPECT_EQ(static_cast<char *>(msg->data)[msg->data_len - 1], 's');
+        ++*static_cast<std::atomic<long> *>(ctx);
+    };
+    for (int i = 0; i < 200; ++i) {
+        const long before = calls;
+        ASSERT_EQ(qzlib_msg_init(count, &calls), 0);
+        while (calls == before)
+            std::this_thread::yield();
+        qzlib_msg_exit();
+    }
+    EXPECT_TRUE(threads_become(threads_before + 1)); // the storm's
+    const long at_exit = calls;
+    usleep(20'000);
+    EXPECT_EQ(calls, at_exit);
+    stop = true;
+    storm.join();
+}
+
+TEST_F(Channel, exit_during_a_callback_neither_waits_nor_takes_its_message)
+{
+    struct Context {
+        std::atomic<bool> entered = false, closed = false;
+        std::atomic<int> intact = -1;
+    } context;
+    const auto busy = [](local_msg *msg, void *ctx) {
+        auto &c = *static_cast<Context *>(ctx);
+        c.entered = true;
+        while (!c.closed) { // no cancellation point
+        }
+        c.intact =
+            std::string(static_cast<char *>(msg->data), static_cast<size_t>(msg->data_len)) == "message";
+    };
+    const Peer peer;
+    ASSERT_EQ(qzlib_msg_init(busy, &context), 0);
+    peer.send(from_peer(1, "message"));
+    while (!context.entered)
+        std::this_thread::yield();
+    qzlib_msg_exit();
+    EXPECT_EQ(support::open_descriptors(), descriptors + 1) << "the peer's only";
+    context.closed = true;
+    ASSERT_TRUE(threads_become(threads_before));
+    EXPECT_EQ(context.intact, 1);
+}
+
+TEST_F(Channel, callback_may_close_its_own_channel)
+{
+    const auto close_it = [](local_msg *msg, void *ctx) {
+        qzlib_msg_exit();
+        Inbox::put(msg, ctx);
+    };
+    const Peer peer;
+    for (int i = 0; i < 20; ++i) {
+        ASSERT_EQ(qzlib_msg_init(close_it, &inbox), 0);
+        peer.send(from_peer(1));
+        EXPECT_EQ(inbox.next().type, 1U);
+        ASSERT_TRUE(threads_become(threads_before));
+    }
+}
+
+TEST_F(Channel, second_init_replaces_the_channel)
+{
+    const Peer peer;
+    Inbox second;
+    ASSERT_EQ(qzlib_msg_init(Inbox::put, &inbox), 0);
+    ASSERT_EQ(qzlib_msg_init(Inbox::put, &second), 0);
+    peer.send(from_peer(1));
+    EXPECT_EQ(second.next().type, 1U);
+    EXPECT_EQ(inbox.next(50ms).type, 0U);
+    qzlib_msg_exit();
+    ASSERT_TRUE(threads_become(threads_before));
+}
+
+TEST_F(Channel, forked_child_can_exit_without_the_thread_it_did_not_get)
+{
+    ASSERT_EQ(qzlib_msg_init(Inbox::put, &inbox), 0);
+    EXPECT_EQ(support::run_child([] {
+                  alarm(20);
+                  qzlib_msg_exit();
+                  return qzlib_msg_init(nullptr, nullptr);
+              }),
+              0);
+    send_message(4);
+    EXPECT_EQ(inbox.next().type, 4U) << "the parent's channel lives on";
+}
+
+TEST_F(Channel, failed_init_leaves_nothing)
+{
+    EXPECT_EQ(support::run_child([] {
+                  rlimit limit{};
+                  getrlimit(RLIMIT_NOFILE, &limit);
+                  int failures = 0;
+                  const int next = dup(0);
+                  close(next);
+                  for (unsigned room = 0; room < 2; ++room) {
+                      limit.rlim_cur = static_cast<rlim_t>(next) + room;
+                      setrlimit(RLIMIT_NOFILE, &limit);
+                      failures += qzlib_msg_init(Inbox::put, nullptr) < 0;
+                      failures += send_message(1) == -264;
+                      const int again = dup(0);
+                      failures += room == 0 ? again < 0 : again == next;
+                      close(again);
+                  }
+                  return failures;
+              }),
+              6);
+}
+
+} // namespace

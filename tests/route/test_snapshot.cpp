@@ -1,0 +1,363 @@
+#include "support/network.h"
+
+#include <gtest/gtest.h>
+#include <qzlib.h>
+
+#include <atomic>
+#include <csignal>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+using support::fake_command;
+using support::has_no_child;
+using support::open_descriptors;
+using support::sh;
+
+// The records of a snapshot as text, one line each. Every field must end inside its width.
+std::vector<std::string> snapshot()
+{
+    const auto text = [](const char *field, size_t size) {
+        EXPECT_LT(strnlen(field, size), size);
+        return std::string(field, strnlen(field, size));
+    };
+    std::vector<std::string> lines;
+    srtinfo *list = qz_srtinfo_stat();
+    for (const srtinfo *at = list; at != nullptr; at = at->next)
+        lines.push_back(text(at->table, 8) + "|" + std::to_string(at->prio) + "|" + text(at->source, 32) +
+                        "|" + text(at->dest, 24) + "|" + text(at->dest_ip, 16) + "|" +
+                        text(at->dest_mask, 16) + "|" + text(at->gateway, 16) + "|" + text(at->dev, 32));
+    qz_srtinfo_free(&list);
+    EXPECT_EQ(list, nullptr);
+    return lines;
+}
+
+using Lines = std::vector<std::string>;
+
+// An `ip` that prints files; every call is noted.
+void fake_ip(const std::string &rules, const std::string &routes)
+{
+    support::write_file("/tmp/rules", rules);
+    support::write_file("/tmp/routes", routes);
+    fake_command("ip", "#!/bin/sh\n"
+                       "printf '%s\\n' \"$#:$*\" >>/tmp/calls\n"
+                       "case $1 in rule) cat /tmp/rules;; *) cat /tmp/routes;; esac\n");
+}
+
+struct Snapshot : testing::Test {
+    ~Snapshot() override
+    {
+        EXPECT_EQ(open_descriptors(), descriptors_);
+        EXPECT_TRUE(has_no_child());
+    }
+    size_t descriptors_ = open_descriptors();
+};
+
+TEST_F(Snapshot, without_rules_for_a_source_is_null)
+{
+    EXPECT_EQ(sh("ip rule | wc -l"), "3\n");
+    srtinfo *list = qz_srtinfo_stat();
+    EXPECT_EQ(list, nullptr);
+    qz_srtinfo_free(&list);
+}
+
+TEST_F(Snapshot, of_real_rules_and_tables)
+{
+    sh("ip link add wan0 type veth peer name far0; ip link set wan0 up; ip addr add 10.64.0.2/30 dev wan0\n"
+       "ip route add 10.64.0.0/30 dev wan0 proto kernel scope link src 10.64.0.2 table 100\n"
+       "ip route add default via 10.64.0.1 dev wan0 table 100\n"
+       "ip route add 8.8.8.8 via 10.64.0.1 dev wan0 metric 7 table 100\n"
+       "ip route add blackhole 10.9.0.0/16 table 102\n"
+       "ip route add unreachable default table 102\n"
+       "ip route add 172.16.0.0/12 table 102 nexthop via 10.64.0.1 dev wan0 nexthop dev wan0 weight 2\n"
+       "ip rule add from 192.168.10.0/24 lookup 100 prio 32000\n"
+       "ip rule add from 192.168.11.5 lookup 101 prio 31000\n" // an empty table
+       "ip rule add from 192.168.12.0/24 lookup 102 prio 30000\n"
+       "ip rule add from 192.168.13.0/24 blackhole prio 29000\n"
+       "ip rule add not from 192.168.14.0/24 fwmark 1 lookup 100 prio 28000\n"
+       "ip rule add from 192.168.15.0/24 iif lo lookup 100 prio 27000\n"
+       "ip rule add to 192.168.16.0/24 lookup 100 prio 26000\n");
+    EXPECT_EQ(snapshot(), (Lines{
+                              "102|30000|192.168.12.0/24|unreachable|0.0.0.0|255.255.255.255|0.0.0.0|",
+                              "102|30000|192.168.12.0/24|blackhole|0.0.0.0|255.255.255.255|0.0.0.0|",
+                              "102|30000|192.168.12.0/24|172.16.0.0/12|172.16.0.0|255.240.0.0|0.0.0.0|",
+                              "102|30000|192.168.12.0/24|nexthop|0.0.0.0|255.255.255.255|10.64.0.1|wan0",
+                              "102|30000|192.168.12.0/24|nexthop|0.0.0.0|255.255.255.255|0.0.0.0|wan0",
+                              "100|32000|192.168.10.0/24|0.0.0.0/0|0.0.0.0|0.0.0.0|10.64.0.1|wan0",
+                              "100|32000|192.168.10.0/24|8.8.8.8|8.8.8.8|255.255.255.255|10.64.0.1|wan0",
+                              "100|32000|192.168.10.0/24|10.64.0.0/30|10.64.0.0|255.255.255.252|0.0.0.0|wan0",
+                          }));
+}
+
+TEST_F(Snapshot, of_scripted_lines_splits_them_by_position)
+{
+    const std::string long_route = "10.7.0.0/16 dev eth7 " + std::string(106, 'a') + " tail1 tail2 tail3\n";
+    fake_ip("0:\tfrom all lookup local\n"
+            "32765: from 192.168.10.0/24 lookup 100\n"
+            "-5: from 10.0.0.1 lookup 100\n"      // a negative priority
+            "7: from 10.0.0.2 lookup abcdefgh\n"  // a table name of 8 characters
+            "x: from 10.0.0.3 lookup abcdefg \n", // no number: 0
+            "default via 10.64.0.1 dev rmnet0 \n"
+            "10.64.0.0/30 dev rmnet0 proto kernel scope link src 10.64.0.2\n"
+            "10.1.0.0/16 dev via0 proto kernel\n" // a device that is named so
+            "10.2.0.0/16 via inet6 fe80::1 dev eth0\n" +
+                long_route + // read in pieces of 127 characters
+                "123456789012345678901234567890 via 1234567890123456789 dev "
+                "123456789012345678901234567890123456789\n"
+                "10.3.0.0/16 dev eth3"); // no line feed
+    Lines expected;
+    for (const std::string rule : {"100|32765|192.168.10.0/24|", "abcdefg|0|10.0.0.3|"}) {
+        for (const std::string route : {
+                 "0.0.0.0/0|0.0.0.0|0.0.0.0|10.64.0.1|rmnet0",
+                 "10.64.0.0/30|10.64.0.0|255.255.255.252|0.0.0.0|rmnet0",
+                 "10.1.0.0/16|10.1.0.0|255.255.0.0|via0|kernel",
+                 "10.2.0.0/16|10.2.0.0|255.255.0.0|inet6|dev",
+                 "10.7.0.0/16|10.7.0.0|255.255.0.0|0.0.0.0|eth7",
+                 "tail1|0.0.0.0|255.255.255.255|0.0.0.0|tail3",
+                 "12345678901234567890123|0.0.0.0|255.255.255.255|123456789012345|"
+                 "1234567890123456789012345678901",
+                 "10.3.0.0/16|10.3.0.0|255.255.0.0|0.0.0.0|eth3",
+             })
+            expected.push_back(rule + route);
+    }
+    ASSERT_EQ(long_route.find("tail1"), 128U) << "the second piece begins at character 127";
+    EXPECT_EQ(snapshot(), expected);
+    EXPECT_EQ(support::read_file("/tmp/calls"),
+              "2:rule ls\n4:route ls table 100\n4:route ls table abcdefg\n");
+}
+
+TEST_F(Snapshot, never_runs_what_is_in_the_text)
+{
+    fake_ip("1: from 10.0.0.1 lookup ;id>/x\n2: from 10.0.0.2 lookup `>/x`\n3: from 10.0.0.3 lookup $(>/x)\n"
+            "4: from 10.0.0.4 lookup |>/x\n5: from 10.0.0.5 blackhole\n6: from 10.0.0.6 lookup *\n"
+            "7: from 10.0.0.7 lookup \xff\xfe\n\n",
+            "");
+    EXPECT_EQ(qz_srtinfo_stat(), nullptr);
+    EXPECT_NE(access("/x", F_OK), 0);
+    EXPECT_EQ(support::read_file("/tmp/calls"),
+              "2:rule ls\n4:route ls table ;id>/x\n4:route ls table `>/x`\n4:route ls table $(>/x)\n"
+              "4:route ls table |>/x\n3:route ls table\n4:route ls table *\n4:route ls table \xff\xfe\n"
+              "3:route ls table\n");
+}
+
+TEST_F(Snapshot, survives_any_bytes)
+{
+    constexpr char ALPHABET[] = "1: from a \n\tvia dev\xff\0/.9";
+    unsigned seed = 1;
+    for (int round = 0; round < 5; ++round) {
+        std::string text[2];
+        for (std::string &bytes : text)
+            for (int i = 0; i < 1024; ++i) {
+                seed = seed * 1103515245 + 12345;
+                bytes += ALPHABET[(seed >> 16) % (sizeof ALPHABET - 1)];
+            }
+        fake_ip("1: from x lookup 1\n" + text[0], text[1]);
+        snapshot();
+    }
+    fake_ip(std::string(4096, 'a') + "\n", "");
+    EXPECT_EQ(snapshot(), Lines{});
+}
+
+TEST_F(Snapshot, without_commands_is_empty)
+{
+    fake_command("ip", "");
+    setenv("PATH", "/nowhere", 1);
+    char ifname[32] = "kept";
+    EXPECT_EQ(qz_srtinfo_stat(), nullptr);
+    EXPECT_EQ(qzlib_get_route_interface("10.0.0.1", ifname), -1);
+    EXPECT_STREQ(ifname, "kept");
+}
+
+TEST_F(Snapshot, finds_commands_as_a_shell_does)
+{
+    fake_command("ip",
+                 "test $1 = rule && echo 1: from 10.0.0.1 lookup 5 || echo default dev script\n"); // no "#!"
+    EXPECT_EQ(snapshot(), Lines{"5|1|10.0.0.1|0.0.0.0/0|0.0.0.0|0.0.0.0|0.0.0.0|script"});
+    sh("ip() { /sbin/ip \"$@\"; }; ip rule add from 10.0.0.1 lookup 6; ip link set lo up\n"
+       "ip route add 10.1.0.0/16 dev lo table 6");
+    unsetenv("PATH"); // a daemon that init started
+    EXPECT_EQ(snapshot(), Lines{"6|32765|10.0.0.1|10.1.0.0/16|10.1.0.0|255.255.0.0|0.0.0.0|lo"});
+}
+
+TEST_F(Snapshot, of_a_hundred_rules_while_routes_change)
+{
+    std::string batch;
+    for (int rule = 1; rule <= 100; ++rule) {
+        batch += "rule add from 10.0.0." + std::to_string(rule) + " lookup " + std::to_string(1000 + rule) +
+                 " prio " + std::to_string(rule) + "\n";
+        for (int route = 0; route < 10; ++route)
+            batch += "route add 172.16." + std::to_string(route) + ".0/24 dev lo table " +
+                     std::to_string(1000 + rule) + "\n";
+    }
+    support::write_file("/tmp/batch", batch);
+    sh("ip -batch /tmp/batch");
+    ASSERT_EQ(snapshot().size(), 1000U);
+
+    std::atomic<bool> stop = false;
+    std::atomic<int> changes = 0;
+    signal(SIGALRM, [](int) {});
+    std::thread changer([&] { // replaces a route of every table and adds and deletes another
+        FILE *ip = popen("ip -force -batch - 2>/dev/null", "we");
+        for (int i = 0; !stop; ++i) {
+            const int table = 1001 + i % 100;
+            fprintf(ip,
+                    "route replace 172.16.3.0/24 dev lo metric 0 src 127.0.0.1 table %d\n"
+                    "route add 172.16.99.0/24 dev lo table %d\nroute del 172.16.99.0/24 dev lo table %d\n",
+                    table, table, table);
+            changes += 3;
+            usleep(2000);
+        }
+        pclose(ip);
+    });
+    const int before = changes;
+    const time_t start = time(nullptr);
+    for (int round = 0; round < 5; ++round) {
+        const Lines lines = snapshot();
+        EXPECT_GE(lines.size(), 1000U);
+        for (const std::string &line : lines) {
+            const std::string dest = line.substr(line.find("172.16."),
+                                                 line.find('/', line.find("172.16.")) - line.find("172.16."));
+            const size_t prio = line.find('|') + 1;
+            const std::string rule = line.substr(prio, line.find('|', prio) - prio);
+            EXPECT_EQ(line, std::to_string(1000 + std::stoi(rule)) + "|" + rule + "|10.0.0." + rule + "|" +
+                                dest + "/24|" + dest + "|255.255.255.0|0.0.0.0|lo");
+        }
+    }
+    EXPECT_GT(changes - before, 300 * static_cast<int>(time(nullptr) - start))
+        << "routes really changed meanwhile";
+    stop = true;
+    changer.join();
+}
+
+TEST_F(Snapshot, signals_do_not_cut_it_short)
+{
+    fake_ip("1: from 10.0.0.1 lookup 5\n", "");
+    fake_command("ip", "#!/bin/sh\nsleep 0.2; case $1 in rule) echo 1: from 10.0.0.1 lookup 5;; *) echo "
+                       "default dev x; esac\n");
+    struct sigaction interrupt {
+    };
+    interrupt.sa_handler = [](int) {}; // without SA_RESTART
+    sigaction(SIGALRM, &interrupt, nullptr);
+    const itimerval every_10_ms = {{0, 10000}, {0, 10000}};
+    setitimer(ITIMER_REAL, &every_10_ms, nullptr);
+    const size_t records = snapshot().size();
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &never, nullptr);
+    EXPECT_EQ(records, 1U);
+}
+
+// What `route -n` prints, and the device chosen for 10.1.1.1.
+std::string chosen_by(const std::string &lines)
+{
+    support::write_file("/tmp/route-n", "Kernel IP routing table\nDestination Gateway Genmask ...\n" + lines);
+    fake_command("route", "#!/bin/sh\ntest \"$*\" = -n && cat /tmp/route-n\n");
+    char ifname[32] = "untouched";
+    const int result = qzlib_get_route_interface("10.1.1.1", ifname);
+    EXPECT_EQ(result, ifname == std::string("untouched") ? -1 : 0);
+    return ifname;
+}
+
+TEST_F(Snapshot, route_interface_needs_length_and_metric_together)
+{
+    const std::string any = "0.0.0.0 10.9.9.9 0.0.0.0 UG 0 0 0 eth1\n";
+    const std::string eight = "10.0.0.0 0.0.0.0 255.0.0.0 U 5 0 0 eth2\n";
+    const std::string names = std::string(31, 'n') + std::string(400, 'm');
+    const struct {
+        std::string lines, device;
+    } cases[] = {
+        {any + eight, "eth1"}, // the longer prefix loses on its metric
+        {eight + any, "eth2"},
+        {any + "10.0.0.0 0.0.0.0 255.0.0.0 U 0 0 0 eth3\n", "eth3"},
+        {any + "0.0.0.0 10.9.9.8 0.0.0.0 UG 0 0 0 eth4\n", "eth4"}, // of equals the later
+        {"10.1.1.1 - 255.255.255.255 !H 0 - 0 -\n", "-"},
+        {"0.0.0.0 10.9.9.9 0.0.0.0 UG 10000 0 0 eth5", "eth5"}, // no line feed
+        {"0.0.0.0 10.9.9.9 0.0.0.0 UG 10001 0 0 eth5\n", "untouched"},
+        {"10.2.0.0 0.0.0.0 255.255.0.0 U 0 0 0 eth6\n", "untouched"},
+        {"10.0.0.0 0.0.0.0 255.0.0.0 U - 0 0 eth7\n" + any, "eth1"},
+        {"10.0.0.0 0.0.0.0 255.0.0.0 U 0 0\n\n" + std::string(4096, 'x') + "\n" + any, "eth1"},
+        {"10.0.0.0 0.0.0.0 255.0.0.0 U 0 0 0 " + names + "\n", names.substr(0, 31)},
+        {"", "untouched"},
+    };
+    for (const auto &c : cases)
+        EXPECT_EQ(chosen_by(c.lines), c.device) << c.lines;
+    char ifname[32];
+    EXPECT_EQ(qzlib_get_route_interface(nullptr, ifname), -1);
+    EXPECT_EQ(qzlib_get_route_interface("10.1.1.1", nullptr), -1);
+}
+
+TEST_F(Snapshot, route_interface_of_the_real_table)
+{
+    sh("ip link add wan0 type veth peer name wan1; ip link set wan0 up; ip link set wan1 up\n"
+       "ip addr add 10.64.0.2/30 dev wan0; ip addr add 10.65.0.2/30 dev wan1\n"
+       "ip route add default via 10.64.0.1; ip route add 172.16.0.0/12 via 10.65.0.1\n"
+       "ip route add unreachable 172.17.0.0/16; for i in `seq 200`; do ip route add 11.0.$i.0/24 dev wan1; "
+       "done");
+    const struct {
+        const char *ip, *device;
+    } cases[] = {{"8.8.8.8", "wan0"},    {"10.65.0.9", "wan0"}, {"10.65.0.1", "wan1"},
+                 {"172.31.0.1", "wan1"}, {"172.17.3.4", "-"},   {"11.0.200.9", "wan1"}};
+    for (const auto &c : cases) {
+        char ifname[32] = "";
+        EXPECT_EQ(qzlib_get_route_interface(c.ip, ifname), 0) << c.ip;
+        EXPECT_STREQ(ifname, c.device) << c.ip;
+    }
+    char ifname[32] = "kept";
+    for (const std::string bad : {"a;reboot", "$(>/x)", "10.1.1", "", "\xff"})
+        EXPECT_EQ(qzlib_get_route_interface(bad.c_str(), ifname), -1);
+    EXPECT_EQ(qzlib_get_route_interface(std::string(4096, '1').c_str(), ifname), -1);
+    EXPECT_STREQ(ifname, "kept");
+}
+
+TEST(Note, is_kept_under_its_name)
+{
+    char ip[17] = "kept";
+    EXPECT_EQ(srt_iip_get("wan1", ip), -1);
+    srt_iip_save("wan1", "10.0.0.2");
+    EXPECT_EQ(support::read_file("/tmp/source_route/wan1.ip"), "wan1 10.0.0.2\n");
+    EXPECT_EQ(srt_iip_get("wan1", ip), 0);
+    EXPECT_STREQ(ip, "10.0.0.2");
+    srt_iip_save("wan1", "10.3");
+    EXPECT_EQ(srt_iip_get("wan1", ip), 0);
+    EXPECT_STREQ(ip, "10.3") << "an earlier note is replaced whole";
+    EXPECT_EQ(srt_iip_get("wan2", ip), -1);
+    srt_iip_save("empty", "");
+    EXPECT_EQ(srt_iip_get("empty", ip), -1);
+    srt_iip_save(nullptr, "1");
+    srt_iip_save("none", nullptr);
+    EXPECT_NE(access("/tmp/source_route/none.ip", F_OK), 0);
+    EXPECT_EQ(srt_iip_get(nullptr, ip), -1);
+    EXPECT_EQ(srt_iip_get("wan1", nullptr), -1);
+}
+
+TEST(Note, with_an_odd_name_or_text_stays_in_bounds)
+{
+    const std::string longest(127 - strlen("/tmp/source_route/.ip"), 'n');
+    const struct {
+        std::string name, ip, read;
+    } cases[] = {
+        {longest, "10.0.0.1", "10.0.0.1"},
+        {"a;reboot", "1", "1"},
+        {"$(reboot)", "1", "1"},
+        {"\xff\xfe", "1", "1"},
+        {"long", std::string(4096, '9'), std::string(15, '9')},
+        {"two words", "1.1.1.1", "words"}, // the text is read by position
+    };
+    for (const auto &c : cases) {
+        char ip[16] = "";
+        srt_iip_save(c.name.c_str(), c.ip.c_str());
+        EXPECT_EQ(srt_iip_get(c.name.c_str(), ip), 0) << c.name;
+        EXPECT_EQ(ip, c.read) << c.name;
+    }
+    for (const std::string &name :
+         {longest + "n", std::string(4096, 'n'), std::string("no/such/directory")}) {
+        char ip[16];
+        testing::internal::CaptureStderr();
+        srt_iip_save(name.c_str(), "1");
+        EXPECT_EQ(testing::internal::GetCapturedStderr().find("fopen failed: "), 0U);
+        EXPECT_EQ(srt_iip_get(name.c_str(), ip), -1);
+    }
+}
+
+} // namespace
