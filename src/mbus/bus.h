@@ -77,7 +77,7 @@ struct Attachment {
     mbus_client *record;    // whom it belongs to
     char *base;             // null: not attached
     mbus_seg_handle handle; // what stands for it in the record, or in the own handle
-    uint32_t handed_out;    // slot that the last read handed out; SLOTS for none
+    uint32_t handed_out;    // slot that was handed out last; SLOTS for none
     unsigned direct_sleeps; // waits that are not to give the processor away first
     unsigned wait_ms;       // bound of the next wait, own attachment only
     SignalMemory signals;   // of the condition that this side signals
@@ -87,17 +87,51 @@ struct Attachment {
     [[nodiscard]] Slot *down_ring() const { return reinterpret_cast<Slot *>(base + QZLIB_MBUS_RING_SIZE); }
 };
 
-// The client side of this process. Changed by connect and disconnect only; the record is
-// null when not connected.
-mbus_client *self();
-void set_self(mbus_client *record);
-Attachment &own_attachment();
+constexpr size_t OUTSIDE_RECORDS = 14; // a server may keep records of its own, too
+
+// Everything that the bus keeps in this process, but for the down cache.
+struct State {
+    // The own record; null when not connected. Changed by connect and disconnect only.
+    mbus_client *self;
+    int present; // threads that are using the shared memory, see Presence
+    Attachment own;
+    Attachment *recent; // of the clients, the one used last
+    // The server side: one for each table record, in the table's order, then any others.
+    Attachment clients[QZLIB_MBUS_CLIENTS + OUTSIDE_RECORDS];
+};
+extern State state;
+
+inline mbus_client *self()
+{
+    return __atomic_load_n(&state.self, __ATOMIC_SEQ_CST);
+}
+
+inline void set_self(mbus_client *record)
+{
+    __atomic_store_n(&state.self, record, __ATOMIC_SEQ_CST);
+}
+
+// shmat() reports failure with -1, which attachments are deliberately not tested for where
+// the result is decided, but nothing is ever read there.
+inline bool is_usable(const void *address)
+{
+    return reinterpret_cast<uintptr_t>(address) + 1 > 1;
+}
 
 // The attached share segment, or null.
-mbus_share_segment *share();
+inline mbus_share_segment *share()
+{
+    void *address = __atomic_load_n(&mbus_share, __ATOMIC_RELAXED);
+    return is_usable(address) ? static_cast<mbus_share_segment *>(address) : nullptr;
+}
 
 // The server side's attachment for a record, or null.
-Attachment *find_attachment(const mbus_client *record);
+Attachment *search_attachment(const mbus_client *record);
+inline Attachment *find_attachment(const mbus_client *record)
+{
+    Attachment *recent = state.recent;
+    return recent->record == record ? recent : search_attachment(record);
+}
 
 // qzlib_client_uninit() with the side already decided.
 void uninit_client(mbus_client &record, bool own_side);

@@ -128,6 +128,8 @@ void init_condition(pthread_cond_t &condition)
 void signal_condition(pthread_cond_t &condition, SignalMemory &memory)
 {
     Word *field = words(condition);
+    if (load(field[WAITERS]) < WAITER && load(field[SIGNALS + (memory.epoch & 1)]) != 0)
+        return;
     const uint32_t sequence = load(field[SEQUENCE]);
     Word &signals = field[SIGNALS + (sequence & 1)];
     if (sequence == memory.epoch && load(signals) != 0)

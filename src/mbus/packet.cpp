@@ -16,6 +16,10 @@ constexpr uint8_t TYPES = 4;
 constexpr uint32_t YIELD_PATIENCE_US = 1000;
 constexpr unsigned DIRECT_SLEEPS = 500;
 
+// What every packet goes through is kept in one piece, and what few go through out of it.
+#define PACKET_PATH [[gnu::always_inline]] inline
+#define ASIDE [[gnu::noinline]]
+
 // The end of a ring that this process works on. The indices lie in shared memory; one of
 // them is moved by this process alone, both may hold anything.
 struct Ring {
@@ -28,6 +32,12 @@ struct Ring {
 uint32_t load_index(const uint32_t &index)
 {
     return __atomic_load_n(&index, __ATOMIC_ACQUIRE) % SLOTS;
+}
+
+template <typename Integer>
+Integer load_relaxed(const Integer &field)
+{
+    return __atomic_load_n(&field, __ATOMIC_RELAXED);
 }
 
 uint32_t following(uint32_t slot)
@@ -57,19 +67,18 @@ uint32_t mark_of(const Slot &slot)
 void copy_name(char (&to)[QZLIB_MBUS_PKG_NAME_SIZE], const char (&from)[QZLIB_MBUS_PKG_NAME_SIZE])
 {
     constexpr size_t ONES = ~size_t{0} / 0xff;
-    size_t at = 0;
-    for (; at < sizeof to; at += sizeof(size_t)) {
+    memset(to, 0, sizeof to);
+    for (size_t at = 0; at < sizeof to; at += sizeof(size_t)) {
         size_t chunk;
         memcpy(&chunk, from + at, sizeof chunk);
         const size_t zeros = (chunk - ONES) & ~chunk & (ONES << 7);
-        if (zeros != 0)
+        if (zeros != 0) {
             chunk &= ((zeros & (~zeros + 1)) >> 7) - 1;
+            memcpy(to + at, &chunk, sizeof chunk);
+            return;
+        }
         memcpy(to + at, &chunk, sizeof chunk);
-        if (zeros != 0)
-            break;
     }
-    for (at += sizeof(size_t); at < sizeof to; at += sizeof(size_t))
-        memset(to + at, 0, sizeof(size_t));
 }
 
 // A packet as it was when it was checked: as bus server of 32 bits a caller may pass on a
@@ -81,9 +90,8 @@ struct Outgoing {
     const void *data;
 
     explicit Outgoing(const mbus_pkg &pkg)
-        : header(pkg), type(__atomic_load_n(&pkg.type, __ATOMIC_RELAXED)),
-          length(__atomic_load_n(&pkg.length, __ATOMIC_RELAXED)),
-          data(__atomic_load_n(&pkg.data, __ATOMIC_RELAXED))
+        : header(pkg), type(load_relaxed(pkg.type)), length(load_relaxed(pkg.length)),
+          data(load_relaxed(pkg.data))
     {
     }
     [[nodiscard]] bool is_valid() const
@@ -93,7 +101,7 @@ struct Outgoing {
 };
 
 // False when the ring is full.
-bool put(const Ring &ring, const Outgoing &packet)
+PACKET_PATH bool put(const Ring &ring, const Outgoing &packet)
 {
     const uint32_t at = load_index(ring.write);
     const uint32_t next = following(at);
@@ -109,7 +117,7 @@ bool put(const Ring &ring, const Outgoing &packet)
     return true;
 }
 
-int drop(const mbus_client &client, pthread_cond_t &condition, uint64_t &dropped, uint32_t length)
+ASIDE int drop(const mbus_client &client, pthread_cond_t &condition, uint64_t &dropped, uint32_t length)
 {
     force_condition(condition);
     dropped += length;
@@ -117,7 +125,7 @@ int drop(const mbus_client &client, pthread_cond_t &condition, uint64_t &dropped
     return -1;
 }
 
-int fail(const mbus_client &client)
+ASIDE int fail(const mbus_client &client)
 {
     // The read text on writing, too, deliberately.
     MBUS_LOG(QZLIB_LOG_WARNING, "mbus read fail, name:%.32s", client.name);
@@ -127,7 +135,7 @@ int fail(const mbus_client &client)
 int write_up(mbus_client &client, const Outgoing &packet)
 {
     mbus_share_segment *segment = share();
-    Attachment &own = own_attachment();
+    Attachment &own = state.own;
     if (segment == nullptr || own.base == nullptr)
         return fail(client);
     client.client_offered += packet.length;
@@ -149,20 +157,22 @@ int write_down(mbus_client &client, const Outgoing &packet)
     return 0;
 }
 
-// Gives back the slot that the previous read handed out. The mark alone would not do: a
-// writer on older rules that has the segment at the reader's address leaves the same one.
-void finish_previous(const Ring &ring, Attachment &attachment)
+// Gives back the slot that the previous read handed out, and finds the next; SLOTS when the
+// ring is empty. The mark alone would not do: a writer on older rules that has the segment at
+// the reader's address leaves the same one.
+PACKET_PATH uint32_t next_slot(const Ring &ring, Attachment &attachment)
 {
-    const uint32_t at = load_index(ring.read);
-    const bool handed_out =
-        attachment.handed_out == at && !is_empty(ring) &&
-        __atomic_load_n(&ring.slots[at].data_address, __ATOMIC_RELAXED) == mark_of(ring.slots[at]);
-    attachment.handed_out = SLOTS;
-    if (handed_out)
-        __atomic_store_n(&ring.read, following(at), __ATOMIC_RELEASE);
+    uint32_t at = load_index(ring.read);
+    const uint32_t end = load_index(ring.write);
+    if (at != end && at == attachment.handed_out &&
+        load_relaxed(ring.slots[at].data_address) == mark_of(ring.slots[at])) {
+        at = following(at);
+        __atomic_store_n(&ring.read, at, __ATOMIC_RELEASE);
+    }
+    return at == end ? SLOTS : at;
 }
 
-mbus_pkg *hand_out(Slot &slot, Attachment &attachment, uint8_t type, uint32_t length)
+PACKET_PATH mbus_pkg *hand_out(Slot &slot, Attachment &attachment, uint8_t type, uint32_t length)
 {
     if constexpr (!WIDE_ADDRESSES)
         return reinterpret_cast<mbus_pkg *>(&slot);
@@ -173,24 +183,31 @@ mbus_pkg *hand_out(Slot &slot, Attachment &attachment, uint8_t type, uint32_t le
     return &attachment.header;
 }
 
-// The ring is not empty. Type and length are looked at once: what was checked is what counts.
-mbus_pkg *take(const Ring &ring, Attachment &attachment, const mbus_client &client, uint64_t &bytes_read)
+ASIDE mbus_pkg *skip(Slot &slot, uint32_t &read, uint32_t at, const mbus_client &client)
 {
-    const uint32_t at = load_index(ring.read);
-    Slot &slot = ring.slots[at];
-    const uint8_t type = __atomic_load_n(&slot.type, __ATOMIC_RELAXED);
-    const uint32_t length = __atomic_load_n(&slot.length, __ATOMIC_RELAXED);
-    if (type < TYPES && length >= 1 && length <= READ_LENGTH_MAX) {
-        __atomic_store_n(&slot.data_address, mark_of(slot), __ATOMIC_RELAXED);
-        attachment.handed_out = at;
-        bytes_read += length;
-        return hand_out(slot, attachment, type, length);
-    }
-    MBUS_LOG(QZLIB_LOG_WARNING, "mbus read fail, name:%.32s, type:%d, len:%d", client.name, type,
-             static_cast<int>(length));
+    MBUS_LOG(QZLIB_LOG_WARNING, "mbus read fail, name:%.32s, type:%d, len:%d", client.name,
+             load_relaxed(slot.type), static_cast<int>(load_relaxed(slot.length)));
     __atomic_store_n(&slot.data_address, 0, __ATOMIC_RELAXED);
-    __atomic_store_n(&ring.read, following(at), __ATOMIC_RELEASE);
+    __atomic_store_n(&read, following(at), __ATOMIC_RELEASE);
     return nullptr;
+}
+
+// Type and length are looked at once: what was checked is what counts. The slot behind is
+// fetched meanwhile, to be read and to be marked.
+PACKET_PATH mbus_pkg *take(const Ring &ring, uint32_t at, Attachment &attachment, const mbus_client &client,
+                           uint64_t &bytes_read)
+{
+    Slot &slot = ring.slots[at];
+    __builtin_prefetch(&slot + 1);
+    __builtin_prefetch(&(&slot + 1)->length, 1);
+    const uint8_t type = load_relaxed(slot.type);
+    const uint32_t length = load_relaxed(slot.length);
+    if (type >= TYPES || length < 1 || length > READ_LENGTH_MAX)
+        return skip(slot, ring.read, at, client);
+    __atomic_store_n(&slot.data_address, mark_of(slot), __ATOMIC_RELAXED);
+    attachment.handed_out = at;
+    bytes_read += length;
+    return hand_out(slot, attachment, type, length);
 }
 
 uint32_t monotonic_us()
@@ -234,35 +251,41 @@ bool wait_packet(const Ring &ring, mbus_client &client, Attachment &own)
     return true;
 }
 
-mbus_pkg *read_down(mbus_client &client, bool nowait)
+ASIDE mbus_pkg *wait_and_take(mbus_client &client, Attachment &own)
 {
-    Attachment &own = own_attachment();
-    if (own.base == nullptr) {
-        (void)fail(client);
-        return nullptr;
-    }
     const Ring ring = {own.down_ring(), client.down_write, client.down_read};
-    finish_previous(ring, own);
-    if (!is_empty(ring))
-        return take(ring, own, client, client.client_read);
-    if (nowait)
-        return nullptr;
     const Presence presence;
     if (self() != &client || !wait_packet(ring, client, own))
         return nullptr;
-    return take(ring, own, client, client.client_read);
+    return take(ring, load_index(ring.read), own, client, client.client_read);
+}
+
+ASIDE mbus_pkg *refuse_read(const mbus_client &client)
+{
+    (void)fail(client);
+    return nullptr;
+}
+
+mbus_pkg *read_down(mbus_client &client, bool nowait)
+{
+    Attachment &own = state.own;
+    if (own.base == nullptr)
+        return refuse_read(client);
+    const Ring ring = {own.down_ring(), client.down_write, client.down_read};
+    const uint32_t at = next_slot(ring, own);
+    if (at != SLOTS)
+        return take(ring, at, own, client, client.client_read);
+    return nowait ? nullptr : wait_and_take(client, own);
 }
 
 mbus_pkg *read_up(mbus_client &client, bool nowait)
 {
     Attachment *attachment = find_attachment(&client);
-    if (!nowait || attachment == nullptr || attachment->base == nullptr) {
-        (void)fail(client);
-        return nullptr;
-    }
+    if (!nowait || attachment == nullptr || attachment->base == nullptr)
+        return refuse_read(client);
     const Ring ring = {attachment->up_ring(), client.up_write, client.up_read};
-    finish_previous(ring, *attachment);
-    return is_empty(ring) ? nullptr : take(ring, *attachment, client, client.server_read);
+    const uint32_t at = next_slot(ring, *attachment);
+    return at == SLOTS ? nullptr : take(ring, at, *attachment, client, client.server_read);
 }
 
 } // namespace
@@ -287,7 +310,7 @@ QZ_EXPORT int qzlib_mbus_write(mbus_client *client, int type, const char *name, 
     if (client == nullptr)
         return -1;
     mbus_pkg pkg = {};
-    pkg.type = static_cast<uint8_t>(type);
+    pkg.type = type >= 0 && type < TYPES ? static_cast<uint8_t>(type) : TYPES; // which is refused below
     qz::base::fill_field(pkg.name, name != nullptr ? name : "");
     pkg.data = const_cast<void *>(data);
     int written = 0;

@@ -13,22 +13,14 @@ QZ_EXPORT int mbus_share_memid = -1;
 
 namespace qz::mbus
 {
+
+State state = {nullptr, 0, {}, &state.clients[0], {}};
+
 namespace
 {
 
 constexpr int SEGMENT_FLAGS = IPC_CREAT | 0666;
-constexpr size_t OUTSIDE_RECORDS = 14; // a server may keep records of its own, too
 constexpr int LEAVE_PATIENCE_MS = 2000;
-
-// Everything that the bus keeps in this process.
-struct State {
-    mbus_client *self; // published last by connect, cleared first by disconnect
-    int present;       // threads that are using the shared memory, see Presence
-    Attachment own;
-    // The server side: one for each table record, in the table's order, then any others.
-    Attachment clients[QZLIB_MBUS_CLIENTS + OUTSIDE_RECORDS];
-};
-State state = {};
 
 // A record's name, safe from a peer that changes it meanwhile.
 class Name
@@ -45,13 +37,6 @@ private:
     char text_[QZLIB_MBUS_NAME_SIZE + 1];
 };
 
-// shmat() reports failure with -1, which attachments are deliberately not tested for where
-// the result is decided, but nothing is ever read there.
-bool is_usable(const void *address)
-{
-    return address != nullptr && address != reinterpret_cast<void *>(-1);
-}
-
 int key_of(const char *name)
 {
     unsigned sum = 0;
@@ -67,13 +52,14 @@ void remove_if_unused(int id)
         (void)shmctl(id, IPC_RMID, nullptr); // the other side may have been quicker
 }
 
+// Place of a record in the table; beyond the table for any other.
 size_t table_index(const mbus_client *record)
 {
     const mbus_share_segment *segment = share();
     if (segment == nullptr)
         return QZLIB_MBUS_CLIENTS;
     const auto offset = reinterpret_cast<uintptr_t>(record) - reinterpret_cast<uintptr_t>(segment->clients);
-    return offset / sizeof(mbus_client); // beyond the table for any other record
+    return offset / sizeof(mbus_client);
 }
 
 // The attachment to fill for a record: the one that it has, else a free one.
@@ -159,40 +145,19 @@ bool same_name(const mbus_client &record, const char *name)
 
 } // namespace
 
-mbus_client *self()
-{
-    return __atomic_load_n(&state.self, __ATOMIC_SEQ_CST);
-}
-
-void set_self(mbus_client *record)
-{
-    __atomic_store_n(&state.self, record, __ATOMIC_SEQ_CST);
-}
-
-Attachment &own_attachment()
-{
-    return state.own;
-}
-
-mbus_share_segment *share()
-{
-    void *address = __atomic_load_n(&mbus_share, __ATOMIC_RELAXED);
-    return is_usable(address) ? static_cast<mbus_share_segment *>(address) : nullptr;
-}
-
 // A record is normally found where it lies in the table. A copy of one is found by its
 // handle, which counts for nothing unless it is one that this process made.
-Attachment *find_attachment(const mbus_client *record)
+Attachment *search_attachment(const mbus_client *record)
 {
     const size_t index = table_index(record);
     if (index < QZLIB_MBUS_CLIENTS && state.clients[index].record == record)
-        return &state.clients[index];
+        return state.recent = &state.clients[index];
     for (Attachment &attachment : state.clients) {
         if (attachment.record == nullptr)
             continue;
         if (attachment.record == record ||
             memcmp(&attachment.handle, &record->server_handle, sizeof attachment.handle) == 0)
-            return &attachment;
+            return state.recent = &attachment;
     }
     return nullptr;
 }
@@ -219,7 +184,7 @@ void uninit_client(mbus_client &record, bool own_side)
 {
     const Name name(record);
     MBUS_LOG(QZLIB_LOG_INFO, own_side ? "remove %s on client" : "remove %s on server", name.text());
-    Attachment *attachment = own_side ? &own_attachment() : find_attachment(&record);
+    Attachment *attachment = own_side ? &state.own : find_attachment(&record);
     if (attachment != nullptr) {
         detach(*attachment);
         *attachment = {};
@@ -261,7 +226,7 @@ QZ_EXPORT int qzlib_client_init(mbus_client *client)
         MBUS_LOG(QZLIB_LOG_ERROR, "create share mem for %s fail", name.text());
         return -1;
     }
-    Attachment *attachment = own_side ? &own_attachment() : claim_attachment(client);
+    Attachment *attachment = own_side ? &state.own : claim_attachment(client);
     if (attachment == nullptr || !attach(*client, *attachment, id)) {
         MBUS_LOG(QZLIB_LOG_ERROR, "mat share mem for %s fail", name.text());
         return -1;
