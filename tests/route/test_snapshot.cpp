@@ -279,7 +279,8 @@ TEST_F(Snapshot, route_interface_of_the_real_table)
         EXPECT_STREQ(ifname, c.device) << c.ip;
     }
     char ifname[32] = "kept";
-    for (const std::string bad : {"a;reboot", "$(>/x)", "10.1.1", "", "\xff", std::string(4096, '1').c_str()})
+    for (const std::string &bad : std::initializer_list<std::string>{"a;reboot", "$(>/x)", "10.1.1", "",
+                                                                     "\xff", std::string(4096, '1')})
         EXPECT_EQ(qzlib_get_route_interface(bad.c_str(), ifname), -1);
     EXPECT_STREQ(ifname, "kept");
 }
