@@ -315,6 +315,10 @@ TEST(Bus, wakes_a_plain_client_every_time)
     ServerEnd server;
     mbus_client *record = server.add("demo");
     const RawSegment share(SHARE_KEY);
+    pthread_condattr_t shared;
+    pthread_condattr_init(&shared);
+    pthread_condattr_setpshared(&shared, PTHREAD_PROCESS_SHARED);
+    pthread_cond_init(&record->down_cond, &shared);
     const Child client([&] {
         for (int i = 0; i < ROUNDS; ++i) {
             plain_wait(share.condition(record_at(0) + DOWN_CONDITION), share.word(record_at(0) + DOWN_WRITE),
@@ -322,10 +326,6 @@ TEST(Bus, wakes_a_plain_client_every_time)
             share.word(record_at(0) + DOWN_READ) = (share.word(record_at(0) + DOWN_READ) + 1) % 64;
         }
     });
-    pthread_condattr_t shared;
-    pthread_condattr_init(&shared);
-    pthread_condattr_setpshared(&shared, PTHREAD_PROCESS_SHARED);
-    pthread_cond_init(&record->down_cond, &shared);
     for (int i = 0; i < ROUNDS; ++i) {
         ASSERT_EQ(qzlib_mbus_write(record, 0, nullptr, "x", 1), 1);
         await([&] { return __atomic_load_n(&record->down_read, __ATOMIC_ACQUIRE) == record->down_write; });
