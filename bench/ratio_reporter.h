@@ -19,10 +19,16 @@ struct Comparison {
     double limit; // the ratio of medians must not be above it; 0: for information
 };
 
+// What is compared. PROCESSOR leaves out other work on the machine, and also the work and the
+// time of commands that a benchmark starts: those need ELAPSED.
+enum class Time { PROCESSOR, ELAPSED };
+
 // Collects the medians of a run's repetitions; everything else stays quiet.
 class MedianReporter : public benchmark::BenchmarkReporter
 {
 public:
+    explicit MedianReporter(Time time) : time_(time) {}
+
     bool ReportContext(const Context & /*context*/) override { return true; }
     void ReportRuns(const std::vector<Run> &runs) override
     {
@@ -30,7 +36,7 @@ public:
             if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
                 medians_[run.run_name.function_name +
                          (run.run_name.args.empty() ? "" : "/" + run.run_name.args)] =
-                    run.cpu_accumulated_time; // other work on the machine does not count
+                    time_ == Time::PROCESSOR ? run.GetAdjustedCPUTime() : run.GetAdjustedRealTime();
     }
 
     // Prints the table; false when a limit was missed or a name is unknown.
@@ -52,13 +58,14 @@ public:
     }
 
 private:
+    Time time_;
     std::map<std::string, double> medians_;
 };
 
 // The main() of a benchmark program: runs all benchmarks interleaved, prints the comparisons
 // as a Markdown table, and ends with 0 only when all limits held.
 inline int run_comparisons(const std::vector<Comparison> &comparisons, int repetitions = 15,
-                           double seconds = 0.1)
+                           double seconds = 0.1, Time compared = Time::PROCESSOR)
 {
     std::string repeat = "--benchmark_repetitions=" + std::to_string(repetitions);
     std::string time = "--benchmark_min_time=" + std::to_string(seconds);
@@ -67,7 +74,7 @@ inline int run_comparisons(const std::vector<Comparison> &comparisons, int repet
     char *arguments[] = {name, repeat.data(), time.data(), interleave, nullptr};
     int count = 4;
     benchmark::Initialize(&count, arguments);
-    MedianReporter reporter;
+    MedianReporter reporter(compared);
     benchmark::RunSpecifiedBenchmarks(&reporter);
     return reporter.compare(comparisons) ? 0 : 1;
 }

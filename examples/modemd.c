@@ -12,6 +12,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #define MODULE "modemd"
@@ -20,12 +21,14 @@
 #define LOCK_FILE "/tmp/modem.lock"
 #define STATUS_FILE "/tmp/modem.info"
 #define STATUS_FILE_NEW "/tmp/modem.info.new"
+#define BUS_SOCKET "/tmp/mbus.sock"
 
 enum {
     BAUD = 115200,
     ANSWER_TIMEOUT_S = 1, /* of silence; every exchange takes at least that long */
     SILENCES_ALLOWED = 3, /* then the line is opened anew */
-    VALUE_SIZE = 64
+    VALUE_SIZE = 64,
+    BUS_RETRY_S = 30
 };
 
 struct item {
@@ -73,10 +76,36 @@ static void write_status(void)
         debug_msg(QZLIB_LOG_ERROR, MODULE, __LINE__, "cannot write %s", STATUS_FILE);
 }
 
-/* Tells the other daemons of a change, when a bus server runs. */
+/*
+ * Whether this process is on the bus; joins it when a server runs. A server that was started
+ * anew has another socket. A socket without a server costs the connect's six seconds, hence
+ * not at every change.
+ */
+static int on_bus(void)
+{
+    static ino_t joined;
+    static time_t tried;
+    struct stat server;
+    const time_t now = time(NULL);
+
+    if (stat(BUS_SOCKET, &server) != 0)
+        return 0;
+    if (server.st_ino == joined)
+        return 1;
+    if (tried != 0 && now >= tried && now - tried < BUS_RETRY_S)
+        return 0;
+    tried = now;
+    qzlib_disconnect_mbus_server(); /* from the server that is gone; nothing if there was none */
+    joined = qzlib_connect_mbus_server(MODULE) == 0 ? server.st_ino : 0;
+    return joined != 0;
+}
+
+/* Tells the other daemons of a change, when a bus server runs. The topic is the value's name. */
 static void publish(const struct item *item)
 {
-    (void)item;
+    const int length = (int)strlen(item->value);
+    if (on_bus() && qzlib_mbus_write(NULL, 0, item->name, item->value, length) != length)
+        debug_msg(QZLIB_LOG_WARNING, MODULE, __LINE__, "%s was lost on the bus", item->name);
 }
 
 static void set_value(struct item *item, const char *value)
@@ -212,6 +241,7 @@ int main(int argc, char **argv)
         poll_modem(round++);
     }
     dev_close(line);
+    qzlib_disconnect_mbus_server();
     printf("modemd: ended\n");
     closemsg();
     return 0;

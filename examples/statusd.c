@@ -11,8 +11,10 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #define STATUS_FILE "/tmp/modem.info"
+#define BUS_SOCKET "/tmp/mbus.sock"
 
 enum { MAX_WATCHED = 16, VALUE_SIZE = 128, LOOK_EVERY_MS = 200 };
 
@@ -50,8 +52,20 @@ static void show_changes(void)
     }
 }
 
+/* Runs on the thread that delivers the bus's packets. Neither text is terminated when full. */
+static int show_packet(unsigned int type, const char *name, const void *data, unsigned int length)
+{
+    (void)type;
+    printf("statusd: bus: %.64s is %.*s\n", name, (int)length, (const char *)data);
+    return 0;
+}
+
 /* Hears of changes from now on, when a bus server runs. */
-static void listen_on_bus(void) {}
+static void listen_on_bus(void)
+{
+    if (access(BUS_SOCKET, F_OK) == 0 && qzlib_connect_mbus_server("statusd") == 0)
+        qzlib_mbus_down_cache_process(0, show_packet);
+}
 
 int main(int argc, char **argv)
 {

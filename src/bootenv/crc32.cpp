@@ -169,8 +169,11 @@ QZ_EXPORT unsigned int crc32file(const char *path)
         return 0;
     uint32_t reg = REGISTER_START;
     std::array<unsigned char, 4096> piece;
-    while (const size_t size = fread(piece.data(), 1, piece.size(), stream.get()))
+    size_t size;
+    do { // a short piece is the last: reading does not go on behind an error that passes
+        size = fread(piece.data(), 1, piece.size(), stream.get());
         reg = feed(reg, piece.data(), size);
+    } while (size == piece.size());
     if (ferror(stream.get()) != 0)
         perror(path); // what was read before the error still counts
     return ~reg;

@@ -61,7 +61,7 @@ srt_route parse_route(const char *line)
     const auto words = split_words<5>(line);
     srt_route route;
     copy_text(route.dest, words[0] == "default" ? "0.0.0.0/0" : words[0]);
-    copy_text(route.gateway, has_gateway ? words[2] : "0.0.0.0");
+    copy_text(route.gateway, has_gateway && !words[2].empty() ? words[2] : "0.0.0.0");
     copy_text(route.dev, has_gateway ? words[4] : words[2]);
     return route;
 }

@@ -11,7 +11,8 @@
 namespace
 {
 
-// 0.2 s on a quiet machine; the rest is for one that runs six tests at once.
+// Some milliseconds on a quiet machine; the rest is for one that runs six tests at once. A pass
+// too many waits a second at least and does not hide in it.
 constexpr double GRACE_S = 1.0;
 
 using support::Stopwatch;
@@ -196,7 +197,7 @@ TEST_F(Line, expecting_ends_at_silence_and_at_511_bytes)
     const Stopwatch watch;
     EXPECT_EQ(chat_send_expect(fd, "AT", "OK", 1, 1), 0);
     EXPECT_GE(watch.seconds(), 1.0);
-    EXPECT_LT(watch.seconds(), 1.2);
+    EXPECT_LT(watch.seconds(), 1 + GRACE_S);
     EXPECT_EQ(take_log(), traffic("<<< (AT\r)"));
     leave("ERROR");
     EXPECT_EQ(chat_expect(fd, "OK", 0, 1), 0);
@@ -241,11 +242,11 @@ TEST_F(Line, answer_ends_after_a_whole_timeout_of_silence)
 {
     char b[512];
     leave("RING stale");
-    answer({"\r\n", "OK", "\r\n"}, 700); // longer than the timeout in all, but not in one piece
+    answer({"\r\n", "OK", "\r\n"}, 1000); // as long as the timeout in all, but not in one piece
     const Stopwatch watch;
-    EXPECT_EQ(chat_send_read(fd, "AT", b, sizeof b, 1, 1), 6);
-    EXPECT_GE(watch.seconds(), 2.4);
-    EXPECT_LT(watch.seconds(), 2.8);
+    EXPECT_EQ(chat_send_read(fd, "AT", b, sizeof b, 2, 1), 6);
+    EXPECT_GE(watch.seconds(), 4.0);
+    EXPECT_LT(watch.seconds(), 4 + GRACE_S);
     EXPECT_STREQ(b, "\r\nOK\r\n") << "what was pending before is gone";
     EXPECT_EQ(take_log(), traffic("<<< (AT\r)") + traffic(">>> (\r\nOK\r\n)"));
 
@@ -302,7 +303,7 @@ TEST_F(Line, raw_answers_are_eight_and_twelve_bytes)
         const Stopwatch exact;
         EXPECT_EQ(call(fd, frame.data(), b, 3, 1, 0), most);
         EXPECT_GE(exact.seconds(), 1.0) << "nothing more is there: the last pass waits";
-        EXPECT_LT(exact.seconds(), 1.2);
+        EXPECT_LT(exact.seconds(), 1 + GRACE_S);
 
         answer({"12345"});
         EXPECT_EQ(call(fd, frame.data(), b, 3, 1, 0), 5);
@@ -422,13 +423,6 @@ class BadModem : public testing::TestWithParam<Profile>
 {
 };
 
-// The documented time of a call, and the time that this profile's answer takes.
-void expect_in_time(const Stopwatch &watch, double documented_s, double usual_s)
-{
-    EXPECT_LT(watch.seconds(), documented_s + GRACE_S);
-    EXPECT_LT(watch.seconds(), usual_s + 1.0) << "generous: this is no real-time machine";
-}
-
 TEST_P(BadModem, every_call_ends_in_time_with_what_arrived)
 {
     const Profile &profile = GetParam();
@@ -441,28 +435,31 @@ TEST_P(BadModem, every_call_ends_in_time_with_what_arrived)
     char b[512];
     const Stopwatch send_read;
     const int length = chat_send_read(fd, "AT+CREG?", b, sizeof b, 1, 1);
-    expect_in_time(send_read, 5 + 511 * 1, profile.arrives_s + 1);
+    EXPECT_LT(send_read.seconds(), profile.arrives_s + 1 + GRACE_S);
     const std::string text(b, static_cast<size_t>(std::max(length, 0)));
-    if (strcmp(profile.name, "garbage") == 0)
+    const bool hung_up_first = profile.errors > 0 && length < 0; // the kernel drops what is unread then
+    if (strcmp(profile.name, "garbage") == 0) {
         EXPECT_EQ(text.size(), 300U); // whatever they are
-    else
+    } else if (!hung_up_first) {
         EXPECT_EQ(text, profile.answer);
+    }
 
     const Stopwatch send_expect;
     EXPECT_GE(chat_send_expect(fd, "AT+CREG?", "OK", 1, 0), -1);
-    expect_in_time(send_expect, 10 + 511 * 1, profile.arrives_s + 1);
+    EXPECT_LT(send_expect.seconds(), profile.arrives_s + 1 + GRACE_S);
     const Stopwatch send;
     EXPECT_GE(chat_send(fd, "AT+CREG?", 0), -1);
-    expect_in_time(send, 10, 0);
+    EXPECT_LT(send.seconds(), GRACE_S);
     const Stopwatch read;
     EXPECT_GE(chat_read(fd, b, sizeof b, 1, 0), 0);
-    expect_in_time(read, 511 * 1, profile.arrives_s + 1);
+    EXPECT_LT(read.seconds(), profile.arrives_s + 1 + GRACE_S);
     for (auto *raw : {chat_send_ASCII_read, chat_send_hex_read}) {
         const Stopwatch frame;
         EXPECT_GE(raw(fd, "\xa5\x02", b, 3, 1, 0), -1);
-        expect_in_time(frame, 5 + 13 * 1, profile.arrives_s + 1);
+        EXPECT_LT(frame.seconds(), profile.arrives_s + 1 + GRACE_S);
     }
-    EXPECT_EQ(at_modem_error, profile.errors);
+    EXPECT_GE(at_modem_error, profile.errors);
+    EXPECT_LE(at_modem_error, profile.errors + (hung_up_first ? 1 : 0));
     EXPECT_TRUE(profile.errors > 0 || is_nonblocking(fd));
     EXPECT_EQ(dev_close(fd), 0);
     EXPECT_EQ(support::open_descriptors(), descriptors);
@@ -470,7 +467,7 @@ TEST_P(BadModem, every_call_ends_in_time_with_what_arrived)
 
 const Profile PROFILES[] = {
     {"no_fault", "late=0", ANSWER, 0, 0},
-    {"late", "late=700", ANSWER, 0.7, 0},
+    {"late", "late=300", ANSWER, 0.3, 0},
     {"too_late", "late=1500", "", 0, 0},
     {"in_pieces", "pieces=5,300", ANSWER, 1.2, 0},
     {"byte_by_byte", "bytes=3", ANSWER, 0.2, 0},
@@ -518,7 +515,7 @@ void expect_write_broken_off(double limit_s, const std::string &message, const s
     const Stopwatch watch;
     EXPECT_EQ(call(fd), -1);
     EXPECT_EQ(errno, EINTR);
-    EXPECT_GE(watch.seconds(), limit_s - 0.05);
+    EXPECT_GE(watch.seconds(), limit_s);
     EXPECT_LT(watch.seconds(), limit_s + GRACE_S);
     EXPECT_EQ(take_log(), "<ERROR>vq_chat receive the signal(14)\n<ERROR>" + message + "( " +
                               std::to_string(fd) + ", AT\r, 3 )\n");

@@ -104,6 +104,10 @@ TEST_F(Serial, opening_makes_the_line_raw_and_closing_puts_everything_back)
     EXPECT_EQ(take_log(), "<ERROR>vq_chat receive the signal(1)\n<ERROR>vq_chat receive the signal(2)\n"
                           "<ERROR>vq_chat receive the signal(14)\n");
 
+    EXPECT_EQ(dev_close(-1), 0);
+    EXPECT_EQ(take_log(), "");
+    EXPECT_EQ(handlers(), "cccooo") << "closing nothing touches nothing";
+
     EXPECT_EQ(dev_close(fd), 0);
     EXPECT_EQ(take_log(), "<INFO>close the device(" + std::to_string(fd) + ") succeed\n");
     EXPECT_EQ(handlers(), "oooooo");
@@ -147,7 +151,7 @@ TEST_F(Serial, device_that_cannot_be_opened_is_tried_four_times)
     EXPECT_EQ(dev_init("/dev/ttyNone", FLAGS, 115200), -1);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_GE(watch.seconds(), 12.0);
-    EXPECT_LT(watch.seconds(), 12.2);
+    EXPECT_LT(watch.seconds(), 14.0); // a fifth attempt or pause would take 15 s
     std::string expected;
     for (const char *count : {"0", "1", "2", "3"})
         expected +=
@@ -203,13 +207,6 @@ TEST_F(Serial, signals_during_the_set_up_are_logged_and_survived)
     EXPECT_EQ(dev_close(fd), 0);
 }
 
-TEST_F(Serial, closing_nothing_touches_nothing)
-{
-    EXPECT_EQ(dev_close(-1), 0);
-    EXPECT_EQ(take_log(), "");
-    EXPECT_EQ(handlers(), "oooooo");
-}
-
 // ---- A device that hangs --------------------------------------------------------------
 
 // From now on, for the rest of this process, setting a terminal's attributes blocks until a
@@ -235,8 +232,8 @@ TEST_F(Serial, device_that_hangs_while_it_is_set_up_is_given_up_after_five_secon
     const size_t descriptors = support::open_descriptors();
     const Stopwatch watch;
     EXPECT_EQ(dev_init(path.c_str(), FLAGS, 115200), -1);
-    EXPECT_GE(watch.seconds(), 5.9); // the alarm, and the pulse on DTR
-    EXPECT_LT(watch.seconds(), 6.2);
+    EXPECT_GE(watch.seconds(), 6.0); // the alarm, and the pulse on DTR
+    EXPECT_LT(watch.seconds(), 8.0);
     EXPECT_EQ(take_log(), "<ERROR>vq_chat receive the signal(14)\n<ERROR>device(" + path + ") maybe die\n");
     EXPECT_EQ(handlers(), "oooooo");
     EXPECT_EQ(support::open_descriptors(), descriptors);
@@ -250,8 +247,8 @@ TEST_F(Serial, device_that_hangs_while_it_is_closed_is_given_up_after_five_secon
     const size_t descriptors = support::open_descriptors();
     const Stopwatch watch;
     EXPECT_EQ(dev_close(fd), -1);
-    EXPECT_GE(watch.seconds(), 4.9);
-    EXPECT_LT(watch.seconds(), 5.2);
+    EXPECT_GE(watch.seconds(), 5.0);
+    EXPECT_LT(watch.seconds(), 7.0);
     EXPECT_EQ(take_log(), "<ERROR>vq_chat receive the signal(14)\n"
                           "<ERROR>receive the alarm signal, device maybe die\n");
     EXPECT_EQ(handlers(), "oooooo");

@@ -4,15 +4,17 @@
 #include <ctime>
 #include <vector>
 
+#include "support/scale.h"
+
 namespace
 {
 
 using namespace support;
 
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr uint32_t ROUNDS = 5000;
+const uint32_t ROUNDS = support::scaled(5000U);
 #else
-constexpr uint32_t ROUNDS = 100'000;
+const uint32_t ROUNDS = support::scaled(100'000U);
 #endif
 
 // What the callback of a client saw; it may be held up.

@@ -4,6 +4,8 @@
 #include <sched.h>
 #include <thread>
 
+#include "support/scale.h"
+
 namespace
 {
 
@@ -12,9 +14,9 @@ using Clock = std::chrono::steady_clock;
 
 // Sanitizers and loaded machines: what is counted, not what is timed, shrinks with them.
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-constexpr int ROUNDS = 2000;
+const int ROUNDS = support::scaled(2000);
 #else
-constexpr int ROUNDS = 20000;
+const int ROUNDS = support::scaled(20000);
 #endif
 
 // Looks hard for a moment, to meet the races, and then leaves the processor to others.
@@ -347,7 +349,7 @@ TEST(Bus, is_woken_by_a_plain_server)
     });
     await_connected(record);
     const auto start = Clock::now();
-    for (uint32_t i = 0; i < ROUNDS; ++i) {
+    for (uint32_t i = 0; i < static_cast<uint32_t>(ROUNDS); ++i) {
         const uint32_t slot = i % 64;
         *segment.at(DOWN_RING + slot * SLOT) = 0;
         segment.word(DOWN_RING + slot * SLOT + 68) = 1;
@@ -356,7 +358,8 @@ TEST(Bus, is_woken_by_a_plain_server)
         pthread_cond_signal(share.condition(record_at(0) + DOWN_CONDITION));
         await([&] { return share.word(record_at(0) + DOWN_READ) == (slot + 1) % 64; });
     }
-    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(ROUNDS)) << "woken, not found by a timeout";
+    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(ROUNDS) * support::slowness())
+        << "woken, not found by a timeout";
 }
 
 TEST(Bus, packet_without_any_signal_is_late_by_no_more_than_the_ring_was_idle)

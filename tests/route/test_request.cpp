@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
+#include <thread>
 
 namespace
 {
@@ -52,9 +53,6 @@ public:
         close(fd);
         return bytes;
     }
-    [[nodiscard]] int fd() const { return fd_; }
-
-private:
     int fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 };
 
@@ -71,7 +69,6 @@ TEST(Request, is_sent_byte_for_byte)
     const Daemon daemon;
     const size_t descriptors = support::open_descriptors();
     const std::string tail_2 = bytes({2, 0, 0, 0, 0});
-    const std::string name_99(99, 'n');
     const struct {
         unsigned command, type;
         const char *prefix;
@@ -83,8 +80,6 @@ TEST(Request, is_sent_byte_for_byte)
          bytes({0, 0x12, 7, 4, 0, 0x0D, 0, 1, 3, 0x0A, 0x40, 0, 1, 1, 0, 0, 0, 0})},
         {8, 4, "192.168.10.0/24", "rmnet0", 2,
          bytes({0, 0x18, 8, 4, 0, 0x0D, 0x18, 0xC0, 0xA8, 0x0A, 1, 2, 6}) + "rmnet0" + tail_2},
-        {7, 4, "10.1.1.1/32", "10.0.0.9", 255,
-         bytes({0, 22, 7, 4, 0, 0x0D, 32, 10, 1, 1, 1, 1, 3, 10, 0, 0, 9, 255, 0, 0, 0, 0})},
         {7, 4, "10.0.0.0/9", "p", 2, bytes({0, 18, 7, 4, 0, 0x0D, 9, 10, 0, 1, 2, 1}) + "p" + tail_2},
         {7, 4, "10.1.2.3/20", "p", 2, bytes({0, 19, 7, 4, 0, 0x0D, 20, 10, 1, 2, 1, 2, 1}) + "p" + tail_2},
         {0x1FF, 0x102, "0.0.0.0/8", "p", 2, bytes({0, 16, 255, 2, 0, 0x0D, 0, 1, 2, 1}) + "p" + tail_2},
@@ -92,8 +87,6 @@ TEST(Request, is_sent_byte_for_byte)
          bytes({0, 19, 7, 4, 0, 0x0D, 8, 10, 1, 3, 0, 0, 0, 0}) + tail_2},
         {7, 4, "a;reboot/8", "$(x)\xff", 2,
          bytes({0, 21, 7, 4, 0, 0x0D, 8, 0, 1, 2, 5}) + "$(x)\xff" + tail_2},
-        {7, 4, "10.1.2.3.4.5.6.7.8.9/8", "p", 2, bytes({0, 17, 7, 4, 0, 0x0D, 8, 0, 1, 2, 1}) + "p" + tail_2},
-        {7, 4, "10.0.0.0/8", name_99, 2, bytes({0, 115, 7, 4, 0, 0x0D, 8, 10, 1, 2, 99}) + name_99 + tail_2},
         {0, 4, "10.0.0.0/8", "p", 2, ""},
     };
     for (const auto &c : cases) {
@@ -108,23 +101,21 @@ TEST(Request, is_sent_byte_for_byte)
 TEST(Request, that_cannot_be_made_is_refused)
 {
     EXPECT_EQ(qzlib_do_route(7, 4, "10.0.0.0/8", "p", 1), -1) << "no daemon";
-    EXPECT_EQ(qzlib_do_route(7, 4, "10.0.0.0/0", "p", 1), -1) << "no daemon: the length is not looked at";
     const size_t descriptors = support::open_descriptors() + 1;
     const Daemon daemon;
-    for (const char *prefix : {static_cast<const char *>(nullptr), "", "192.168.1.0", "a;reboot"}) {
+    const std::string far_slash = std::string(4096, '1') + "/8"; // behind what is looked at
+    for (const char *prefix :
+         {static_cast<const char *>(nullptr), "", "192.168.1.0", "a;reboot", far_slash.c_str()}) {
         EXPECT_EQ(qzlib_do_route(7, 4, prefix, "p", 1), -1);
         EXPECT_EQ(daemon.next(), "none");
     }
-    EXPECT_EQ(qzlib_do_route(7, 4, std::string(4096, '1').append("/8").c_str(), "p", 1), -1)
-        << "the slash lies behind what is looked at";
-    EXPECT_EQ(daemon.next(), "none");
     for (const size_t length : {128U - 16 + 1, 300U, 4096U}) { // a message of 129 bytes and more
         EXPECT_EQ(qzlib_do_route(7, 4, "10.0.0.0/8", std::string(length, 'n').c_str(), 1), -1);
         EXPECT_EQ(daemon.next(), "");
     }
     EXPECT_EQ(qzlib_do_route(7, 4, "10.0.0.0/8", std::string(128 - 16, 'n').c_str(), 1), 0);
     EXPECT_EQ(daemon.next().size(), 128U);
-    close(daemon.fd());
+    close(daemon.fd_);
     EXPECT_EQ(qzlib_do_route(7, 4, "10.0.0.0/8", "p", 1), -1) << "refused";
     EXPECT_EQ(support::open_descriptors(), descriptors - 1);
 }
@@ -134,20 +125,17 @@ TEST(Request, of_any_prefix_length_stays_inside_its_message)
     const Daemon daemon;
     for (int length = -99; length <= 999; ++length) {
         const int count = (length + 7) / 8; // of prefix bytes; none ends the process, see below
+        const bool fits = count > 0 && 18 + count <= 128;
         if (count == 0)
             continue;
         const std::string prefix = "170.187.204.221/" + std::to_string(length);
-        const int result = qzlib_do_route(ADD, STATIC, prefix.c_str(), "10.0.0.1", 1);
+        EXPECT_EQ(qzlib_do_route(ADD, STATIC, prefix.c_str(), "10.0.0.1", 1), fits ? 0 : -1) << prefix;
         const std::string message = daemon.next();
-        const bool fits = count > 0 && 18 + count <= 128;
-        EXPECT_EQ(result, fits ? 0 : -1) << prefix;
         ASSERT_EQ(message.size(), fits ? 18U + static_cast<size_t>(count) : 0U) << prefix;
-        if (!fits)
-            continue;
-        std::string expected = "\xAA\xBB\xCC\xDD" + std::string(128, '\0'); // nothing of the process's memory
-        EXPECT_EQ(message.substr(7, static_cast<size_t>(count)),
-                  expected.substr(0, static_cast<size_t>(count)));
-        EXPECT_EQ(message[6], static_cast<char>(length));
+        const std::string bytes = "\xAA\xBB\xCC\xDD" + std::string(128, '\0'); // none of the process's memory
+        EXPECT_TRUE(!fits || message.substr(6, static_cast<size_t>(count) + 1) ==
+                                 static_cast<char>(length) + bytes.substr(0, static_cast<size_t>(count)))
+            << prefix;
     }
 }
 
@@ -166,19 +154,15 @@ TEST(RequestDeathTest, without_bytes_to_copy_aborts_in_every_build)
 TEST(Request, survives_a_daemon_that_closes)
 {
     const Daemon daemon;
-    fcntl(daemon.fd(), F_SETFL, 0); // accept() waits
-    const pid_t pid = fork();
-    if (pid == 0) {
+    fcntl(daemon.fd_, F_SETFL, 0); // accept() waits
+    std::thread closer([&] {
+        char buffer[128];
         for (int i = 0; i < 300; ++i) {
-            const int fd = accept(daemon.fd(), nullptr, nullptr);
-            char buffer[128];
-            if (i % 3 == 1)
-                (void)!read(fd, buffer, sizeof buffer);
+            const int fd = accept(daemon.fd_, nullptr, nullptr);
+            (void)!read(fd, buffer, i % 3 == 1 ? sizeof buffer : 0);
             close(fd);
         }
-        _exit(0);
-    }
-    signal(SIGPIPE, SIG_DFL);
+    });
     testing::internal::CaptureStdout();
     for (int i = 0; i < 300; ++i)
         EXPECT_EQ(qzlib_do_route(ADD, STATIC, "10.0.0.0/8", "10.0.0.1", 1), 0);
@@ -188,7 +172,7 @@ TEST(Request, survives_a_daemon_that_closes)
     sigset_t pending;
     sigpending(&pending);
     EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
-    waitpid(pid, nullptr, 0);
+    closer.join();
 }
 
 TEST(Request, failing_write_is_printed_and_the_result_is_0)
@@ -237,11 +221,8 @@ public:
     // Waits until it has printed so many lines besides the first.
     static void wait_for_lines(int count)
     {
-        std::string text;
-        do {
+        for (std::string text; std::count(text.begin(), text.end(), '\n') <= count; text = output())
             usleep(1000);
-            text = output();
-        } while (std::count(text.begin(), text.end(), '\n') <= count);
     }
 
 private:
@@ -288,22 +269,17 @@ TEST(Simulator, takes_no_byte_that_the_format_does_not_allow)
         Simulator::wait_for_lines(++expected);
     };
     send(exact);
-    EXPECT_NE(Simulator::output().find("\nadd 10.0.0.0/8 dev eth distance 2 type 4\n"), std::string::npos);
-    send(surplus);                              // a byte too many
-    for (size_t i = 0; i < exact.size(); ++i) { // cut at every byte
-        if (i > 0)
-            send(exact.substr(0, i));
-    }
+    send(surplus);                            // a byte too many
+    for (size_t i = 1; i < exact.size(); ++i) // cut at every byte
+        send(exact.substr(0, i));
     for (const size_t fixed : {0, 1, 4, 5, 6, 8, 9, 10, 15, 18}) {
         std::string spoilt = exact;
         spoilt[fixed] = static_cast<char>(spoilt[fixed] + 64);
         send(spoilt);
     }
     const std::string output = Simulator::output();
-    size_t malformed = 0;
-    for (size_t at = 0; (at = output.find("\nmalformed: ", at)) != std::string::npos; ++at)
-        ++malformed;
-    EXPECT_EQ(malformed, static_cast<size_t>(expected) - 1) << output;
+    EXPECT_NE(output.find("\nadd 10.0.0.0/8 dev eth distance 2 type 4\n"), std::string::npos);
+    EXPECT_EQ(sh("grep -c '^malformed: ' /tmp/sim"), std::to_string(expected - 1) + "\n") << output;
     EXPECT_EQ(simulator.end(), 1);
 }
 

@@ -1,4 +1,5 @@
 #include "support/files.h"
+#include "support/scale.h"
 
 #include <gtest/gtest.h>
 #include <qzlib.h>
@@ -17,15 +18,9 @@ using support::write_file;
 using namespace std::string_literals;
 using Text = std::optional<std::string>;
 
-const char *c_str(const Text &text)
-{
-    return text ? text->c_str() : nullptr;
-}
-
 // A loaded store. Listings are shown one entry a line, "TYPE name=value" or "TYPE name".
 struct Store {
     explicit Store(service_info *loaded) : info(loaded) {}
-    explicit Store(const char *content) : Store(std::string(content)) {}
     explicit Store(const std::string &content)
     {
         write_file("/tmp/config/s.conf", content);
@@ -42,8 +37,8 @@ struct Store {
         EXPECT_EQ(out.count, static_cast<unsigned>(count));
         std::string text;
         for (unsigned i = 0; i < out.count; ++i)
-            text += std::to_string(out.type[i]) + " " + out.name[i] + (out.value[i] ? "=" : "") +
-                    (out.value[i] ? out.value[i] : "") + "\n";
+            text += std::to_string(out.type[i]) + " " + out.name[i] +
+                    (out.value[i] ? std::string("=") + out.value[i] : "") + "\n";
         return text;
     }
     std::string all() { return show(qzlib_service_get_all_param(info, &out)); }
@@ -58,40 +53,42 @@ struct Store {
     static inline service_param_list out;
 };
 
-// What the store has to do, on a plain vector.
+// What the store has to do, on a plain vector. No group: the ungrouped entries.
 struct Model {
+    using Indexes = std::vector<size_t>;
     static constexpr size_t NONE = SIZE_MAX;
     struct Entry {
-        int type;
+        int type; // -1: deleted
         Text name, value;
     };
     std::vector<Entry> list;
 
-    static bool outside(const Text &group) { return !group || group->empty(); }
     static Text cut(const Text &text) { return text ? Text(text->substr(0, 256)) : text; }
-    std::string show(const std::vector<size_t> &indexes, int types) const
+    static std::string line(const Entry &e) { return *e.name + (e.value ? "=" + *e.value : "") + "\n"; }
+    std::string show(int types, const Indexes &indexes) const
     {
         std::string text;
-        for (const size_t i : indexes) {
-            const Entry &e = list[i];
-            if ((types >> e.type & 1) != 0)
-                text += std::to_string(e.type) + " " + *e.name + (e.value ? "=" + *e.value : "") + "\n";
-        }
+        for (const size_t i : indexes)
+            text +=
+                (types >> list[i].type & 1) != 0 ? std::to_string(list[i].type) + " " + line(list[i]) : "";
         return text;
     }
-    std::string show(int types = 7) const
+    std::string show(int types = 7) const { return show(types, scope({}, false)); }
+    std::string file() const
     {
-        std::vector<size_t> indexes(list.size());
-        std::generate(indexes.begin(), indexes.end(), [i = 0U]() mutable { return i++; });
-        return show(indexes, types);
+        std::string text;
+        for (size_t i = 0; i < list.size(); ++i)
+            if (list[i].type != 2 || (i + 1 < list.size() && list[i + 1].type == 1)) // no empty group
+                text += (list[i].type == 1 ? " " : "") + line(list[i]);
+        return text;
     }
-    // Indexes of a group's headers and members.
-    std::vector<size_t> range(const Text &group, bool top_ends) const
+    // Indexes of a group's headers and members; without a group, of everything.
+    Indexes scope(const Text &group, bool top_ends) const
     {
-        std::vector<size_t> found;
+        Indexes found;
         for (size_t i = 0; i < list.size(); ++i) {
             const bool ours = list[i].type == 2 && list[i].name == group;
-            if (ours || (!found.empty() && list[i].type == 1))
+            if (!group || ours || (!found.empty() && list[i].type == 1))
                 found.push_back(i);
             else if (!found.empty() && (list[i].type == 2 || top_ends))
                 break;
@@ -100,38 +97,27 @@ struct Model {
     }
     size_t find(const Text &group, const Text &name, bool top_ends) const
     {
-        for (size_t i = 0; i < list.size() && outside(group); ++i)
-            if (list[i].type == 0 && list[i].name == name)
+        for (const size_t i : scope(group, top_ends))
+            if (list[i].type == group.has_value() && list[i].name == name)
                 return i;
-        if (!outside(group))
-            for (const size_t i : range(group, top_ends))
-                if (list[i].type == 1 && list[i].name == name)
-                    return i;
         return NONE;
     }
     size_t ungrouped_place(const Text &name) const
     {
-        size_t front = 0;
-        if (name == "shutdown")
-            return front;
-        for (size_t i = 0; i < list.size(); ++i)
-            if (list[i].type == 2)
-                return i;
-        while (front < list.size() && list[front].name == "shutdown")
-            ++front;
-        return front;
+        const auto header = std::ranges::find(list, 2, &Entry::type);
+        const auto other = [](const Entry &e) { return e.name != "shutdown"; };
+        const auto place = header != list.end() ? header : std::ranges::find_if(list, other);
+        return name == "shutdown" ? 0 : static_cast<size_t>(place - list.begin());
     }
     size_t grouped_place(const Text &group, const Text &name, size_t match)
     {
-        const auto whole = range(group, false);
-        if (whole.empty()) {
+        const Indexes whole = scope(group, false);
+        if (whole.empty())
             list.push_back({2, cut(group), {}});
-            return list.size();
-        }
-        size_t place = whole.front();
+        size_t place = whole.empty() ? list.size() - 1 : whole.front();
         for (const size_t i : whole)
             if (list[i].type == 1 && name != "shutdown")
-                place = match != NONE ? match : i;
+                place = std::min(i, match);
         return place + 1;
     }
     int set(const Text &group, const Text &name, const Text &value, bool repeat)
@@ -143,157 +129,117 @@ struct Model {
             list[match].value = cut(value);
             return 0;
         }
-        const size_t at = outside(group) ? ungrouped_place(name) : grouped_place(group, name, match);
-        const int type = !outside(group) ? 1 : value || name == "shutdown" ? 0 : 2;
+        const size_t at = group ? grouped_place(group, name, match) : ungrouped_place(name);
+        const int type = group ? 1 : value || name == "shutdown" ? 0 : 2;
         list.insert(list.begin() + static_cast<long>(at), {type, cut(name), cut(value)});
         return 0;
     }
     int del(const Text &group, const Text &name, const Text &value)
     {
-        if (!name && (outside(group) || value))
+        if (!name && (!group || value))
             return -1;
-        std::vector<size_t> doomed;
-        const auto fits = [&](const Entry &e, int type) {
-            return e.type == type && (!name || e.name == name) && (!value || e.value == value);
-        };
-        if (!outside(group)) {
-            for (const size_t i : range(group, false))
-                if (fits(list[i], 1) || (!name && list[i].type == 2))
-                    doomed.push_back(i);
-        }
-        for (size_t i = 0; i < list.size() && outside(group); ++i) {
-            if (list[i].type == 2 && list[i].name == name && !value) {
-                std::ranges::copy(range(name, false), std::back_inserter(doomed));
+        for (const size_t i : scope(group, false)) {
+            const Entry e = list[i];
+            if (!group && e.type == 2 && e.name == name && !value) {
+                for (const size_t member : scope(name, false))
+                    list[member].type = -1;
                 break;
             }
-            if (fits(list[i], 0))
-                doomed.push_back(i);
+            if (!name || (e.type == group.has_value() && e.name == name && (!value || e.value == value)))
+                list[i].type = -1;
         }
-        for (size_t i = doomed.size(); i-- > 0;)
-            list.erase(list.begin() + static_cast<long>(doomed[i]));
-        return doomed.empty() ? -1 : 0;
+        return std::erase_if(list, [](const Entry &e) { return e.type < 0; }) == 0 ? -1 : 0;
     }
 };
 
-std::string trimmed(const std::string &text)
-{
-    const size_t start = text.find_first_not_of(" \t\r\n");
-    return start == std::string::npos ? "" : text.substr(start, text.find_last_not_of(" \t\r\n") - start + 1);
-}
-
-// What a file of short lines holds.
-Model parsed(const std::string &content)
-{
-    Model model;
-    size_t start = 0;
-    for (size_t end; (end = content.find('\n', start)) != std::string::npos; start = end + 1) {
-        const bool indented = content[start] == ' ' || content[start] == '\t';
-        const std::string line = trimmed(content.substr(start, end - start));
-        const size_t equals = line.find('=');
-        const std::string name = trimmed(line.substr(0, equals));
-        if (line.empty() || line[0] == '#' ||
-            (indented && (model.list.empty() || model.list.back().type == 0)))
-            continue;
-        if (equals != std::string::npos)
-            model.list.push_back({indented, name, trimmed(line.substr(equals + 1))});
-        else
-            model.list.push_back({indented ? 1 : name == "shutdown" ? 0 : 2, name, {}});
-    }
-    return model;
-}
-
-size_t below(size_t limit)
+template <typename Item, size_t COUNT>
+const Item &pick(const Item (&items)[COUNT])
 {
     static std::mt19937 generator{20240229};
-    return generator() % limit;
+    return items[generator() % COUNT];
 }
 
-std::string random_file()
+const Text NAMES[] = {
+    {}, "g", "h", "shutdown", "Shutdown", "b c", std::string(256, 'n'), std::string(257, 'n')};
+const Text VALUES[] = {{}, {}, {}, "", "1", "2", "a = b", std::string(256, 'v'), std::string(300, 'w')};
+constexpr const char *PADDING[] = {"", " ", "\t \t"};
+constexpr const char *LINE_ENDS[] = {"\n", "\n", " \t\r\n", "\n\n", "\n# no\n", "\n\t #\r\n"};
+
+// A file of random lines; the model is what it holds.
+std::string random_file(Model &model, int lines)
 {
-    constexpr const char *TOKENS[] = {"\n",    "\n",       "\n ", "\n\t", "\n", "g",  "h\n a=", "g\n b",
-                                      "a=1\n", "shutdown", "=",   " ",    "#",  "\r", "x y"};
     std::string text;
-    for (size_t tokens = below(120); tokens > 0; --tokens)
-        text += TOKENS[below(std::size(TOKENS))];
+    for (model.list.clear(); lines > 0; --lines) {
+        const std::string indent = pick(PADDING), name = pick(NAMES).value_or("a");
+        const Text value = pick(VALUES);
+        text += indent + name + pick(PADDING);
+        text += (value ? "=" + (pick(PADDING) + *value) : "") + pick(LINE_ENDS);
+        const int type = !indent.empty() ? 1 : value || name == "shutdown" ? 0 : 2;
+        if (type != 1 || (!model.list.empty() && model.list.back().type != 0))
+            model.list.push_back({type, Model::cut(name), Model::cut(value)});
+    }
     return text;
+}
+
+// The store's own text where it has that one: callers pass what a listing returned.
+const char *own(const Text &text, const char *without = nullptr)
+{
+    for (unsigned i = 0; text && i < Store::out.count; ++i)
+        for (const char *const listed : {Store::out.name[i], Store::out.value[i]})
+            if (listed != nullptr && *text == listed)
+                return listed;
+    return text ? text->c_str() : without;
 }
 
 TEST(Service, random_operations_equal_the_model)
 {
-    const Text names[] = {
-        {}, "", "g", "h", "shutdown", "a", "b", "A", std::string(256, 'n'), std::string(257, 'n')};
-    const Text values[] = {{}, "", "1", "2", std::string(256, 'v'), std::string(300, 'w')};
     std::optional<Store> store;
     Model model;
-    for (int step = 0; step < 15'000; ++step) {
-        if (step % 100 == 0) {
-            const std::string file = random_file();
-            store.emplace(file);
-            model = parsed(file);
-            ASSERT_EQ(store->all(), model.show()) << file;
+    for (int step = 0; step < support::scaled(15'000); ++step) {
+        if (step % 50 == 0) {
+            store.emplace(random_file(model, step / 50 % 30));
+            ASSERT_EQ(store->saved("/tmp/config/again.conf"), model.file());
+            ASSERT_EQ(Store(qzlib_service_info_init("again")).saved(), model.file());
         }
-        const Text group = names[below(10)], name = names[below(10)], value = values[below(6)];
-        const char *arguments[] = {c_str(group), c_str(name), c_str(value)};
-        const auto [g, n, v] = arguments;
-        const size_t operation = below(10);
-        const std::string before = model.show();
-        if (operation < 4)
-            ASSERT_EQ(qzlib_service_set_param(store->info, g, n, v), model.set(group, name, value, false));
-        else if (operation < 7)
-            ASSERT_EQ(qzlib_service_set_param_repeat(store->info, g, n, v),
-                      model.set(group, name, value, true));
+        ASSERT_EQ(store->all(), model.show()) << step;
+        const Text group = pick(NAMES), name = pick(NAMES), value = pick(VALUES);
+        const char *no_group = pick({static_cast<const char *>(nullptr), ""});
+        const char *const g = own(group, no_group), *const n = own(name), *const v = own(value);
+        const int operation = pick({0, 1, 2});
+        const auto set = operation == 0 ? qzlib_service_set_param : qzlib_service_set_param_repeat;
+        if (operation < 2)
+            ASSERT_EQ(set(store->info, g, n, v), model.set(group, name, value, operation == 1));
         else
             ASSERT_EQ(qzlib_service_del_param(store->info, g, n, v), model.del(group, name, value));
-        ASSERT_EQ(store->all(), model.show()) << operation << " " << g << " " << n << " on\n" << before;
         ASSERT_EQ(qzlib_service_get_param_num(store->info), static_cast<int>(model.list.size()));
         ASSERT_EQ(store->groups(), model.show(4));
-        ASSERT_EQ(store->members(g),
-                  Model::outside(group) ? "refused" : model.show(model.range(group, true), 2));
+        ASSERT_EQ(store->members(own(group, no_group)),
+                  group ? model.show(2, model.scope(group, true)) : "refused");
 
         const size_t found = name ? model.find(group, name, true) : Model::NONE;
-        std::string buffer(260, '#'), expected = buffer;
-        if (found != Model::NONE && model.list[found].value) {
-            expected.replace(0, 256, 256, '\0');
-            expected.replace(0, model.list[found].value->size(), *model.list[found].value);
-        }
-        ASSERT_EQ(qzlib_service_get_param(store->info, g, n, buffer.data()), found != Model::NONE ? 0 : -1);
+        std::string buffer(260, '#');
+        std::string expected = found != Model::NONE ? model.list[found].value.value_or(buffer) : buffer;
+        expected.resize(256);
+        expected.append(4, '#');
+        const int result =
+            qzlib_service_get_param(store->info, own(group, no_group), own(name), buffer.data());
+        ASSERT_EQ(result, found != Model::NONE ? 0 : -1);
         ASSERT_EQ(buffer, expected);
-    }
-}
-
-TEST(Service, a_file_written_and_read_and_written_again_is_identical)
-{
-    for (int round = 0; round < 500; ++round) {
-        const std::string file = random_file();
-        Model kept = parsed(file);
-        for (size_t i = kept.list.size(); i-- > 0;) // empty groups are lost
-            if (kept.list[i].type == 2 && (i + 1 == kept.list.size() || kept.list[i + 1].type != 1))
-                kept.list.erase(kept.list.begin() + static_cast<long>(i));
-        const std::string saved = Store(file).saved("/tmp/config/again.conf");
-        Store again(qzlib_service_info_init("again"));
-        ASSERT_EQ(again.all(), kept.show()) << file;
-        ASSERT_EQ(again.saved(), saved);
     }
 }
 
 TEST(Service, lines_are_read_as_the_format_says)
 {
-    const std::string name = std::string(255, 'n') + "123", value(300, 'v'), mark(1023, 'm'), cut(256, 'm');
+    const std::string mark(1023, 'm'), cut(256, 'm');
     const struct {
         std::string content, expected;
     } cases[] = {
         {"a=1\nb=2", "0 a=1\n"}, // the last line has no line feed
-        {" x=1\n\ty\na=1\n z\n", "0 a=1\n"},
-        {"g\n a\nshutdown\n b\nh\n c\n", "2 g\n1 a\n0 shutdown\n2 h\n1 c\n"},
-        {"shutdown=1\n x\ng\n shutdown\nShutdown\n", "0 shutdown=1\n2 g\n1 shutdown\n2 Shutdown\n"},
-        {"g\n # no\n\n \t\r\n#no\n a\n", "2 g\n1 a\n"},
-        {"g\n a=b=c\n a=\n a\n \t k \t= v w\t\r\n =\n", "2 g\n1 a=b=c\n1 a=\n1 a\n1 k=v w\n1 =\n"},
+        {"g\n a=b=c\n \t k \t= v w\t\r\n =\n", "2 g\n1 a=b=c\n1 k=v w\n1 =\n"},
         {"\rg\r\n\r a\n", "2 g\n2 a\n"}, // only a blank or a tab indents
-        {name + "=" + value + "\n", "0 " + name.substr(0, 256) + "=" + value.substr(0, 256) + "\n"},
         {mark + "x=1\n", "2 " + cut + "\n0 x=1\n"},
         {mark + "\n x\n", "2 " + cut + "\n1 x\n"},
         {mark, "2 " + cut + "\n"}, // the buffer was full before the end was seen
-        {mark + "x", "2 " + cut + "\n"},
         {"a\0=1\nb=\0002\n\0c\ng\n \0\n d\0\0\n"s, "2 a\n0 b=\n2 g\n1 d\n"}, // NUL ends a text
         {std::string(5000, '\0'), ""},
     };
@@ -301,137 +247,70 @@ TEST(Service, lines_are_read_as_the_format_says)
         EXPECT_EQ(Store(c.content).all(), c.expected) << c.content;
 }
 
-TEST(Service, only_groups_with_members_are_written)
+std::string repeated(const std::string &line, int count)
 {
-    Store store("e\na=1\ng\n k= v \n bare\n empty=\nf\nshutdown\nz\n");
-    EXPECT_EQ(qzlib_service_set_param(store.info, "f", "m", nullptr), 0);
-    EXPECT_EQ(store.saved(), "a=1\ng\n k=v\n bare\n empty=\nf\n m\nshutdown\n");
-    EXPECT_EQ(qzlib_service_info_empty(store.info), 0);
-    EXPECT_EQ(store.saved(), "") << "an existing file is truncated";
-}
-
-TEST(Service, new_entries_take_their_places)
-{
-    Store store("");
-    for (const char *name : {"a", "b", "shutdown", "c"})
-        EXPECT_EQ(qzlib_service_set_param(store.info, "", name, "1"), 0);
-    EXPECT_EQ(store.all(), "0 shutdown=1\n0 c=1\n0 b=1\n0 a=1\n");
-    EXPECT_EQ(qzlib_service_set_param(store.info, nullptr, "x", nullptr), 0); // a header in front
-    EXPECT_EQ(qzlib_service_set_param_repeat(store.info, nullptr, "shutdown", nullptr), 0);
-    EXPECT_EQ(qzlib_service_set_param_repeat(store.info, nullptr, "a", "2"), 0); // not behind the other "a"
-    EXPECT_EQ(qzlib_service_set_param(store.info, nullptr, "shutdown", "3"), 0);
-    EXPECT_EQ(store.all(), "0 shutdown=3\n0 shutdown=1\n0 a=2\n2 x\n0 c=1\n0 b=1\n0 a=1\n");
-
-    EXPECT_EQ(qzlib_service_info_empty(store.info), 0);
-    for (const char *value : {"a", "b", "c"})
-        EXPECT_EQ(qzlib_service_set_param_repeat(store.info, "g", "dns", value), 0);
-    EXPECT_EQ(qzlib_service_set_param(store.info, "h", "k", "1"), 0);
-    for (const char *name : {"last", "shutdown", "dns"})
-        EXPECT_EQ(qzlib_service_set_param(store.info, "g", name, nullptr), 0);
-    EXPECT_EQ(store.all(), "2 g\n1 shutdown\n1 dns\n1 dns=c\n1 dns=b\n1 last\n2 h\n1 k=1\n");
-}
-
-TEST(Service, deletes_by_texts_that_a_listing_returned)
-{
-    Store store("a=1\na=1\na=2\na\n k=1\n k=2\n k=1\na\n j\n");
-    service_param_list out;
-    ASSERT_EQ(qzlib_service_get_all_param(store.info, &out), 9);
-    EXPECT_EQ(qzlib_service_del_param(store.info, out.name[3], out.name[4], out.value[4]), 0);
-    EXPECT_EQ(qzlib_service_del_param(store.info, nullptr, out.name[0], out.value[0]), 0);
-    EXPECT_EQ(store.all(), "0 a=2\n2 a\n1 k=2\n2 a\n1 j\n");
-    EXPECT_EQ(qzlib_service_set_param(store.info, out.name[3], out.name[5], out.value[5]), 0);
-    EXPECT_EQ(qzlib_service_del_param(store.info, out.name[3], out.name[5], nullptr), 0);
-    EXPECT_EQ(qzlib_service_del_param(store.info, nullptr, out.name[2], nullptr), 0);
-    EXPECT_EQ(store.all(), "");
+    std::string text;
+    while (count-- > 0)
+        text += line;
+    return text;
 }
 
 TEST(Service, listings_stop_at_1024_entries)
 {
-    std::string members, groups;
-    for (int i = 0; i < 1100; ++i) {
-        members += " k" + std::to_string(i) + "\n";
-        groups += std::to_string(i) + "\n";
-    }
-    Store store("g\n" + members + groups);
-    EXPECT_EQ(qzlib_service_get_param_num(store.info), 2201);
-    for (const auto &[listing, last] : {std::pair(store.all(), "\n1 k1022\n"),
-                                        {store.members("g"), "\n1 k1023\n"},
-                                        {store.groups(), "\n2 1022\n"}}) {
-        EXPECT_EQ(std::ranges::count(listing, '\n'), 1024);
-        EXPECT_TRUE(listing.ends_with(last)) << listing;
-    }
+    Store store("g\n" + repeated(" k\n", 1100) + repeated("h\n", 1100));
+    EXPECT_EQ(store.all(), "2 g\n" + repeated("1 k\n", 1023));
+    EXPECT_EQ(store.members("g"), repeated("1 k\n", 1024));
+    EXPECT_EQ(store.groups(), "2 g\n" + repeated("2 h\n", 1023));
 }
 
 TEST(Service, missing_arguments_are_refused)
 {
-    Store store("g\n k\n");
-    Store::out.count = 77;
-    EXPECT_EQ(qzlib_service_info_init(nullptr), nullptr);
-    const int refused[] = {
-        qzlib_service_info_uninit(nullptr),
-        qzlib_service_info_empty(nullptr),
-        qzlib_service_saveto_file(nullptr, "/tmp/f"),
-        qzlib_service_saveto_file(store.info, nullptr),
-        qzlib_service_set_param(nullptr, "g", "k", "v"),
-        qzlib_service_set_param_repeat(nullptr, "g", "k", "v"),
-        qzlib_service_del_param(nullptr, "g", "k", nullptr),
-        qzlib_service_get_param(nullptr, "g", "k", nullptr),
-        qzlib_service_get_group_param(nullptr, "g", &Store::out),
-        qzlib_service_get_group_param(store.info, "", &Store::out),
-        qzlib_service_get_group_param(store.info, "g", nullptr),
-        qzlib_service_get_all_param(nullptr, &Store::out),
-        qzlib_service_get_all_param(store.info, nullptr),
-    };
+    const Store store("g\n k\n");
+    auto &out = Store::out;
+    const int refused[] = {qzlib_service_info_uninit(nullptr),
+                           qzlib_service_info_empty(nullptr),
+                           qzlib_service_saveto_file(nullptr, "/tmp/f"),
+                           qzlib_service_saveto_file(store.info, nullptr),
+                           qzlib_service_set_param(nullptr, "g", "k", "v"),
+                           qzlib_service_del_param(nullptr, "g", "k", nullptr),
+                           qzlib_service_find_param(nullptr, "g", "k"),
+                           qzlib_service_get_group_param(nullptr, "g", &out),
+                           qzlib_service_get_group_param(store.info, "g", nullptr),
+                           qzlib_service_get_all_param(nullptr, &out),
+                           qzlib_service_get_all_param(store.info, nullptr)};
     EXPECT_EQ(std::ranges::count(refused, -1), std::ssize(refused));
     EXPECT_EQ(qzlib_service_get_group_name(nullptr, &Store::out), 0); // 0, unlike the other listings
     EXPECT_EQ(qzlib_service_get_group_name(store.info, nullptr), 0);
     EXPECT_EQ(qzlib_service_get_param_num(nullptr), 0);
-    EXPECT_EQ(qzlib_service_get_param(store.info, "g", "k", nullptr), 0) << "the buffer may be missing";
-    EXPECT_EQ(Store::out.count, 77U);
-    EXPECT_EQ(store.all(), "2 g\n1 k\n");
-}
-
-TEST(Service, find_looks_into_the_file)
-{
-    write_file("/tmp/config/f.conf", "top=1\ng\n k\nx=1\ng\n hidden\n");
-    EXPECT_EQ(qzlib_service_find_param("f", nullptr, "top"), 0);
-    EXPECT_EQ(qzlib_service_find_param("f", "g", "k"), 0);
-    EXPECT_EQ(qzlib_service_find_param("f", "g", "top"), -1);
-    EXPECT_EQ(qzlib_service_find_param("f", "", "g"), -1) << "a header is no parameter";
-    EXPECT_EQ(qzlib_service_find_param("f", "g", "hidden"), -1) << "an ungrouped parameter ends the search";
-    EXPECT_EQ(qzlib_service_find_param("f", "g", nullptr), -1);
-    EXPECT_EQ(qzlib_service_find_param("missing", "g", "k"), -1);
-    EXPECT_EQ(qzlib_service_find_param(nullptr, "g", "k"), -1);
 }
 
 TEST(Service, files_of_any_kind_give_a_store_and_leave_no_descriptor)
 {
+    const std::string long_name(200, 'n');
+    const struct {
+        std::string service, content;
+        int entries;
+    } cases[] = {{"lines", repeated("shutdown\n", 1 << 20), 1 << 20},
+                 {"no-line-feed", std::string(10 << 20, 'x'), (10 << 20) / 1023}, // one a full buffer
+                 {"missing", "", 0},
+                 {"directory", "", 0},
+                 {"loop", "", 0}, // a link that nobody can open
+                 {long_name + "n", "a\n", 0},
+                 {long_name, "top=1\ng\n k\nx=1\ng\n hidden\n", 6}};
     std::filesystem::create_directories("/tmp/config/directory.conf");
-    std::filesystem::create_symlink("loop.conf", "/tmp/config/loop.conf"); // nobody can open it
-    std::string binary, lines = "g\n";
-    for (int i = 0; i < 100'000; ++i)
-        binary += static_cast<char>(i * 7919 >> 3);
-    while (lines.size() < 10 << 20)
-        lines += " some-name=some value\n";
-    write_file("/tmp/config/binary.conf", binary);
-    write_file("/tmp/config/lines.conf", lines);
-    write_file("/tmp/config/no-line-feed.conf", std::string(10 << 20, 'x'));
-    write_file("/tmp/config/" + std::string(200, 'n') + ".conf", "a=1\n");
-
+    std::filesystem::create_symlink("loop.conf", "/tmp/config/loop.conf");
     const size_t descriptors = open_descriptors();
-    const auto entries = [](const std::string &service) {
-        return qzlib_service_get_param_num(Store(qzlib_service_info_init(service.c_str())).info);
-    };
-    for (const char *service : {"missing", "directory", "loop", "a/b", ""})
-        EXPECT_EQ(entries(service), 0) << service;
-    EXPECT_GT(entries("binary"), 0);
-    EXPECT_EQ(entries("lines"), static_cast<int>(std::ranges::count(lines, '\n')));
-    EXPECT_EQ(entries("no-line-feed"), (10 << 20) / 1023) << "one for each full buffer";
-    EXPECT_EQ(entries(std::string(200, 'n')), 1);
-    EXPECT_EQ(entries(std::string(201, 'n')), 0);
-    EXPECT_EQ(entries(std::string(5000, 'n')), 0);
+    for (const auto &c : cases) {
+        if (!c.content.empty())
+            write_file("/tmp/config/" + c.service + ".conf", c.content);
+        const Store store(qzlib_service_info_init(c.service.c_str()));
+        EXPECT_EQ(qzlib_service_get_param_num(store.info), c.entries) << c.service;
+    }
+    EXPECT_EQ(qzlib_service_find_param(long_name.c_str(), nullptr, "top"), 0);
+    EXPECT_EQ(qzlib_service_find_param(long_name.c_str(), "g", "k"), 0) << "the buffer may be missing";
+    EXPECT_EQ(qzlib_service_find_param(long_name.c_str(), "g", "hidden"), -1) << "behind an ungrouped one";
     const Store store("a=1\n");
-    for (const char *path : {"/tmp/config/directory.conf", "/tmp/none/f", "", "/tmp/config/loop.conf"})
+    for (const char *path : {"/tmp/config/directory.conf", "/tmp/none/f", "/tmp/config/loop.conf"})
         EXPECT_EQ(qzlib_service_saveto_file(store.info, path), -1) << path;
     EXPECT_EQ(qzlib_service_saveto_file(store.info, "/dev/full"), 0) << "write errors are ignored";
     EXPECT_EQ(open_descriptors(), descriptors);

@@ -7,6 +7,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -166,6 +167,8 @@ TEST(InetSocket, flags_differ_between_tcp_and_udp)
             ASSERT_GE(datagram.fd, 0);
             EXPECT_FALSE(datagram.nonblocking());
             ASSERT_EQ(send(datagram.fd, "d", 1, 0), 1);
+            pollfd arrival{udp.fd, POLLIN, 0};
+            poll(&arrival, 1, 5000);
             EXPECT_EQ(udp.receive(), "d");
             const Socket any(qzlib_create_connect_addr(peer.host, peer.port, flag));
             EXPECT_GE(any.fd, 0);

@@ -41,7 +41,7 @@ inline std::string describe(pid_t pid, const __ptrace_syscall_info &info, const 
         return "";
     const std::string name = path.substr(prefix.size());
     if (info.entry.nr == SYS_write)
-        return name + "=" + read_memory(pid, info.entry.args[1], info.entry.args[2]);
+        return name + "=" + read_memory(pid, info.entry.args[1], static_cast<size_t>(info.entry.args[2]));
     if (info.entry.nr != SYS_ioctl)
         return "";
     int option = 0;

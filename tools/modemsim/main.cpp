@@ -39,7 +39,11 @@ constexpr const char *USAGE =
     "\n"
     "FAULT is NAME[=ARGUMENT][@COMMAND], one of late=MS, pieces=BYTES,MS, bytes=MS,\n"
     "before=LINE, inside=LINE, after=LINE, silence, garbage=BYTES, length=BYTES, stall,\n"
-    "hangup, vanish=MS, usim. See modemsim(1).\n";
+    "hangup, vanish=MS, usim. See modemsim(1).\n"
+    "\n"
+    "Try it, with a carriage return behind each command:\n"
+    "  modemsim --link /tmp/modem examples/modem.at &\n"
+    "  cat /tmp/modem & printf 'ATI\\r' >/tmp/modem\n";
 
 struct Options {
     const char *table = nullptr;
@@ -118,6 +122,10 @@ int open_control(const char *path)
     const int fd = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0)
         fail(std::string(path) + ": " + strerror(errno));
+    struct stat found {
+    };
+    if (fstat(fd, &found) != 0 || !S_ISFIFO(found.st_mode))
+        fail(std::string(path) + ": not a named pipe");
     return fd;
 }
 
@@ -213,7 +221,8 @@ int main(int argc, char **argv)
 
     Modem modem(table, transcript, options.link, options.echo, options.seed);
     if (!modem.bring_up())
-        fail(std::string("no pseudo terminal: ") + strerror(errno));
+        fail((options.link.empty() ? "no pseudo terminal: " : "no pseudo terminal, or no link to it: ") +
+             std::string(strerror(errno)));
     for (const modemsim::Fault &fault : options.faults)
         modem.add_fault(fault);
     serve(modem, table, transcript, control, signals);

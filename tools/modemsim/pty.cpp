@@ -1,8 +1,10 @@
 #include "pty.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -47,8 +49,15 @@ void Pty::set_draining(bool draining) const
         tcflow(slave_, draining ? TCOON : TCOOFF);
 }
 
+// Replaces an older link, and nothing else that may stand at that path.
 bool Pty::make_link(const std::string &link)
 {
+    struct stat found {
+    };
+    if (lstat(link.c_str(), &found) == 0 && !S_ISLNK(found.st_mode)) {
+        errno = EEXIST;
+        return false;
+    }
     const std::string fresh = link + ".new";
     unlink(fresh.c_str());
     if (symlink(path_.c_str(), fresh.c_str()) != 0 || rename(fresh.c_str(), link.c_str()) != 0)

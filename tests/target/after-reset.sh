@@ -1,0 +1,3 @@
+# Stage "after-reset": the machine of stage "machine", started again.
+. tests/target/flash.sh
+"$BUILD/bin/test_machine" --gtest_filter=FlashAfterReset.*

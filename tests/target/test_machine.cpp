@@ -1,0 +1,196 @@
+// What only a machine has, where the tests of the families make do with files in a box: flash
+// behind the kernel's MTD layer, LEDs with the kernel's triggers, a watchdog that resets, a
+// UART, addresses of 32 bits. Run outside any box by the stages in this folder.
+#include <gtest/gtest.h>
+#include <qzlib.h>
+
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include "support/files.h"
+
+namespace
+{
+
+namespace fs = std::filesystem;
+using support::read_file;
+
+// ---- The processor ------------------------------------------------------------------
+
+TEST(Processor, has_32_bits_and_pages_of_4_kib)
+{
+    EXPECT_EQ(sizeof(void *), 4U);
+    EXPECT_EQ(sysconf(_SC_PAGESIZE), 4096) << "the object is linked for this size";
+}
+
+// Init has asked the kernel for this, so the other programs' passing means something.
+TEST(Processor, unaligned_access_is_a_signal)
+{
+    alignas(8) static char bytes[16] = {};
+    char *volatile odd = bytes + 1; // the compiler must not see it
+    EXPECT_EXIT((void)*reinterpret_cast<volatile uint32_t *>(odd), testing::KilledBySignal(SIGBUS), "");
+}
+
+// ---- Flash ----------------------------------------------------------------------------
+
+std::string boot_env(const char *name)
+{
+    char value[64] = {};
+    return qzlib_get_boot_env(name, value, sizeof value) == 0 ? value : "";
+}
+
+// The size in KiB of what is resident of the object's unnamed (.bss) pages.
+long resident_bss_kib()
+{
+    std::ifstream maps("/proc/self/smaps");
+    bool after_object = false;
+    bool in_bss = false;
+    long kib = -1;
+    for (std::string line; getline(maps, line);) {
+        if (isxdigit(line[0]) != 0 && line.find('-') < 9) {
+            in_bss =
+                after_object && line.find('/') == std::string::npos && line.find('[') == std::string::npos;
+            after_object = line.find("libqzlib.so") != std::string::npos;
+        } else if (in_bss && line.starts_with("Rss:")) {
+            kib = std::stol(line.substr(4));
+        }
+    }
+    return kib;
+}
+
+// Comes before what uses the environment.
+TEST(Memory, environment_costs_nothing_until_it_is_used)
+{
+    debug_msg(QZLIB_LOG_DEBUG, "m", 1, "touches the log's state");
+    const long before = resident_bss_kib();
+    ASSERT_GE(before, 0) << "no .bss found";
+    EXPECT_LE(before, 16);
+    EXPECT_EQ(qzlib_get_boot_env("x", nullptr, 0), -1);
+    (void)boot_env("x");
+    EXPECT_GE(resident_bss_kib(), 128) << "or the figure above means nothing";
+}
+
+TEST(Flash, blank_environment_takes_what_is_set)
+{
+    EXPECT_EQ(read_file("/sys/class/mtd/mtd0/name"), "aboot\n");
+    EXPECT_EQ(boot_env("serverip"), "") << "the flash is blank";
+    EXPECT_EQ(qzlib_set_boot_env("serverip", "192.168.1.10"), 0);
+    EXPECT_EQ(qzlib_set_boot_env("baudrate", "57600"), 0);
+    EXPECT_EQ(qzlib_set_boot_env("baudrate", "115200"), 0);
+    EXPECT_EQ(boot_env("serverip"), "192.168.1.10");
+}
+
+TEST(FlashAfterReset, environment_is_what_was_set)
+{
+    EXPECT_EQ(boot_env("serverip"), "192.168.1.10");
+    EXPECT_EQ(boot_env("baudrate"), "115200");
+    EXPECT_EQ(qzlib_set_boot_env("serverip", nullptr), 0);
+}
+
+// ---- LEDs -------------------------------------------------------------------------------
+
+struct Led : testing::Test {
+    // The keyboard's, as "input0::numlock"; it has neither a trigger nor delays to begin with.
+    static std::string find()
+    {
+        for (const auto &entry : fs::directory_iterator("/sys/class/leds"))
+            if (entry.path().string().ends_with("numlock"))
+                return entry.path().filename();
+        return "";
+    }
+    std::string name = find();
+    std::string file(const char *attribute) const
+    {
+        return read_file("/sys/class/leds/" + name + "/" + attribute);
+    }
+};
+
+TEST_F(Led, kernel_shows_the_mode_that_was_set)
+{
+    ASSERT_NE(name, "");
+    const struct {
+        unsigned mode;
+        const char *trigger;
+        const char *attribute;
+        const char *value;
+    } cases[] = {
+        {1, "[none]", "brightness", "1\n"},  {2, "[timer]", "delay_off", "100\n"},
+        {3, "[timer]", "delay_on", "500\n"}, {0, "[none]", "brightness", "0\n"},
+        {4, "[oneshot]", "invert", "0\n"},
+    };
+    for (const auto &c : cases) {
+        qzlib_led_name_set(name.c_str(), c.mode);
+        EXPECT_NE(file("trigger").find(c.trigger), std::string::npos) << c.mode;
+        EXPECT_EQ(file(c.attribute), c.value) << c.mode;
+        // The call reads the first 255 characters; this kernel has more triggers than that.
+        const bool in_reach = file("trigger").find(']') < 255;
+        EXPECT_EQ(qzlib_led_name_get(name.c_str()), in_reach ? static_cast<int>(c.mode) : -1);
+    }
+}
+
+TEST_F(Led, shots_reach_the_kernels_trigger)
+{
+    qzlib_led_name_set(name.c_str(), 4);
+    EXPECT_EQ(qzlib_led_name_shot(name.c_str(), 2), 0);
+    EXPECT_EQ(file("delay_on"), "50\n");
+    EXPECT_EQ(file("delay_off"), "50\n");
+    EXPECT_EQ(qzlib_led_name_shot(name.c_str(), 0), 0);
+    EXPECT_EQ(qzlib_led_name_shot(name.c_str(), 1), 0);
+    EXPECT_EQ(file("invert"), "1\n");
+    qzlib_led_name_set(name.c_str(), 2);
+    EXPECT_EQ(qzlib_led_name_shot(name.c_str(), 2), 0);
+    EXPECT_EQ(qzlib_led_name_get(name.c_str()), -1) << "a blink of no mode";
+    EXPECT_EQ(qzlib_led_name_shot(name.c_str(), 3), 0);
+    EXPECT_EQ(qzlib_led_name_get(name.c_str()), 2);
+}
+
+// ---- Watchdog, command line ---------------------------------------------------------------
+
+TEST(Watchdog, stopped_one_does_not_reset)
+{
+    EXPECT_EQ(qzlib_watchdog_feed(), 1);
+    EXPECT_EQ(qzlib_watchdog_stop(), 0);
+    sleep(4); // its period is 2 s
+}
+
+// The last one: nothing is printed behind it.
+TEST(WatchdogReset, fed_once_it_resets_the_machine)
+{
+    EXPECT_EQ(qzlib_watchdog_feed(), 1);
+    sleep(20);
+    FAIL() << "still running";
+}
+
+TEST(CommandLine, processor_id_and_boot_version_come_from_it)
+{
+    char version[256] = {};
+    EXPECT_EQ(qzlib_get_cpuid(), 0x1a2b3c4dU);
+    EXPECT_EQ(qzlib_get_device_bootversion(version), 0);
+    EXPECT_STREQ(version, "1.4.7");
+}
+
+// ---- The modem's line -----------------------------------------------------------------------
+
+TEST(SerialLine, modem_on_the_uart_answers)
+{
+    const int fd = dev_init("/dev/ttyS1", O_RDWR | O_NOCTTY | O_NONBLOCK, 115200);
+    ASSERT_GT(fd, 0);
+    struct termios settings = {};
+    ASSERT_EQ(tcgetattr(fd, &settings), 0);
+    EXPECT_EQ(cfgetospeed(&settings), static_cast<speed_t>(B115200));
+    EXPECT_NE(settings.c_cflag & CRTSCTS, 0U);
+    char answer[256];
+    EXPECT_EQ(chat_send_expect(fd, "ATE0", "OK", 10, 0), 1);
+    EXPECT_GT(chat_send_read(fd, "AT", answer, sizeof answer, 2, 0), 0);
+    EXPECT_STREQ(answer, "\r\nOK\r\n");
+    EXPECT_EQ(dev_close(fd), 0);
+}
+
+} // namespace
