@@ -29,7 +29,7 @@ tail -n 3 /tmp/mbusd.out | show
 
 note "the watcher is killed without warning; the server cleans up behind it"
 kill -9 $watch_pid
-wait $watch_pid
+wait $watch_pid 2>/dev/null
 wait_for "the end of the watcher's record" grep -q 'watcher: its process is gone' /tmp/mbusd.log
 note "it is started again and gets its answer again"
 bus_watch watcher bus_param mtu >/tmp/watch2.out &

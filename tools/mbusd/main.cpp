@@ -194,7 +194,7 @@ public:
         while (stop_requested == 0) {
             take_commands();
             run_timers();
-            const Server::Progress progress = server_.route();
+            const Server::Progress progress = server_.route(control_ready);
             blocked_ = progress.blocked && !progress.moved ? blocked_ + 1 : 0;
             if (progress.moved)
                 idle_.worked();

@@ -364,13 +364,16 @@ Server::Progress Server::route_from(size_t sender)
     return progress;
 }
 
-Server::Progress Server::route()
+Server::Progress Server::route(const volatile sig_atomic_t &attention)
 {
     Progress all = {false, false};
-    for (size_t i = 0; i < end_; ++i) {
-        if (!members_[i].used() || !differ(record(i).up_write, record(i).up_read))
+    for (size_t i = 0; i < end_; ++i, ++next_) {
+        if (attention != 0) // a daemon that connects does not wait for long
+            return {true, false};
+        next_ = next_ < end_ ? next_ : 0;
+        if (!members_[next_].used() || !differ(record(next_).up_write, record(next_).up_read))
             continue;
-        const Progress one = route_from(i);
+        const Progress one = route_from(next_);
         all.moved = all.moved || one.moved;
         all.blocked = all.blocked || one.blocked;
     }

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <bitset>
+#include <csignal>
 #include <cstdint>
 #include <string>
 
@@ -37,8 +38,9 @@ public:
         bool moved;   // some packet went on
         bool blocked; // some packet waits for room in a ring
     };
-    // One round over all clients; a bounded number of packets of each.
-    Progress route();
+    // One round over all clients; a bounded number of packets of each. Cut short, to be gone on
+    // with, as soon as attention is not 0.
+    Progress route(const volatile sig_atomic_t &attention);
 
     void print_stats() const;
 
@@ -90,7 +92,8 @@ private:
 
     mbus_share_segment &share_;
     std::array<Member, CLIENTS> members_;
-    size_t end_ = 0; // behind the last used record
+    size_t end_ = 0;  // behind the last used record
+    size_t next_ = 0; // whose turn it is
 };
 
 } // namespace mbusd
