@@ -13,6 +13,12 @@
 namespace qz::base
 {
 
+// What the owners do at their end, with errno kept. Out of line: an owner ends at every way out
+// of every function.
+void close_descriptor(int fd);
+void end_stream(FILE *stream);
+void end_directory(DIR *directory);
+
 // Keeps errno over clean-up work.
 class ErrnoKeeper
 {
@@ -51,10 +57,8 @@ public:
     }
     void reset(int fd = -1)
     {
-        if (fd_ >= 0) {
-            const ErrnoKeeper keeper;
-            (void)close(fd_); // nothing to be done about a failing close
-        }
+        if (fd_ >= 0)
+            close_descriptor(fd_);
         fd_ = fd;
     }
 
@@ -62,8 +66,8 @@ private:
     int fd_ = -1;
 };
 
-// What UniqueStream and UniqueDir share: a pointer and the call that ends it.
-template <typename Resource, int (*CLOSE)(Resource *)>
+// What UniqueStream and UniqueDir share: a pointer and the call that ends it, errno kept.
+template <typename Resource, void (*CLOSE)(Resource *)>
 class UniqueHandle
 {
 public:
@@ -89,10 +93,8 @@ public:
     }
     void reset(Resource *resource = nullptr)
     {
-        if (resource_ != nullptr) {
-            const ErrnoKeeper keeper;
-            (void)CLOSE(resource_); // as above
-        }
+        if (resource_ != nullptr)
+            CLOSE(resource_);
         resource_ = resource;
     }
 
@@ -100,15 +102,12 @@ private:
     Resource *resource_ = nullptr;
 };
 
-using UniqueStream = UniqueHandle<FILE, fclose>;
-using UniquePipe = UniqueHandle<FILE, pclose>; // reaps the command
-using UniqueDir = UniqueHandle<DIR, closedir>;
+using UniqueStream = UniqueHandle<FILE, end_stream>;
+using UniqueDir = UniqueHandle<DIR, end_directory>;
 
 // Close-on-exec from the start: a daemon's children must not inherit what a call holds open.
-inline UniqueStream open_for_reading(const char *path)
-{
-    return UniqueStream(fopen(path, "re"));
-}
+UniqueStream open_for_reading(const char *path);
+UniqueFd open_to_read(const char *path);
 
 // A heap block obtained with malloc() or calloc().
 class UniqueMemory

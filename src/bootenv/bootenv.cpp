@@ -20,7 +20,7 @@ using qz::base::UniqueFd;
 constexpr size_t ENVIRONMENT_SIZE = 0x20000;
 constexpr size_t DATA_SIZE = ENVIRONMENT_SIZE - 4;
 constexpr int PARTITIONS = 32;
-constexpr std::string_view PARTITION_NAME_START = "aboot"; // "abootbak" is taken too, deliberately
+constexpr char PARTITION_NAME_START[] = "aboot"; // "abootbak" is taken too, deliberately
 constexpr size_t ATTRIBUTE_SIZE = 32;
 
 // On flash and in memory. The checksum is in the processor's byte order. An entry is

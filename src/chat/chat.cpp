@@ -1,7 +1,10 @@
 #include "base/export.h"
 #include "base/owners.h"
+#include "base/text.h"
 #include "chat/chat_log.h"
 
+#include <array>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <poll.h>
@@ -13,6 +16,7 @@ QZ_EXPORT int at_modem_error = 0;
 namespace
 {
 
+using qz::base::contains;
 using qz::base::ErrnoKeeper;
 
 constexpr int MAX_COMMAND = 509; // characters, without the carriage return
@@ -22,7 +26,7 @@ constexpr int ASCII_ANSWER = 8;  // bytes
 constexpr int HEX_ANSWER = 12;   // bytes
 constexpr unsigned SEND_LIMIT_S = 10;
 constexpr unsigned SEND_READ_LIMIT_S = 5;
-constexpr std::string_view USIM_REMOVED = "^SIMST:255";
+constexpr char USIM_REMOVED[] = "^SIMST:255";
 
 // What goes out in one write: a command with its carriage return, or raw bytes. Always
 // terminated, for the log.
@@ -117,10 +121,9 @@ ssize_t read_piece(int fd, Answer &answer)
     return got;
 }
 
-// The timeout is for the next piece, not for the whole: an answer that trickles in keeps the
-// collection going.
-template <typename Predicate>
-Collection collect_until(int fd, Answer &answer, int timeout_s, Predicate seen)
+// Ends early at an expected text, if there is one. The timeout is for the next piece, not for
+// the whole: an answer that trickles in keeps the collection going.
+Collection collect(int fd, Answer &answer, int timeout_s, const char *expected = nullptr)
 {
     while (answer.collected < answer.pass_limit) {
         const int ready = wait_readable(fd, timeout_s);
@@ -133,15 +136,10 @@ Collection collect_until(int fd, Answer &answer, int timeout_s, Predicate seen)
             return {End::READ_FAILED, static_cast<int>(got)};
         if (got == 0)
             break;
-        if (seen(answer.view()))
+        if (expected != nullptr && contains(answer.view(), expected))
             return {End::FOUND};
     }
     return {End::NORMAL};
-}
-
-Collection collect(int fd, Answer &answer, int timeout_s)
-{
-    return collect_until(fd, answer, timeout_s, [](std::string_view) { return false; });
 }
 
 void log_answer(int fd, const Answer &answer, int log)
@@ -150,14 +148,11 @@ void log_answer(int fd, const Answer &answer, int log)
         CHAT_LOG(QZLIB_LOG_DEBUG, "%d >>> (%s)", fd, answer.text);
 }
 
-int expect(int fd, std::string_view expected, int timeout_s, int log)
+int expect(int fd, const char *expected, int timeout_s, int log)
 {
     std::array<char, EXPECT_SIZE> text;
     Answer answer{text.data(), EXPECT_SIZE - 1, EXPECT_SIZE - 1, EXPECT_SIZE};
-    const Collection collection =
-        collect_until(fd, answer, timeout_s, [expected](std::string_view collected) {
-            return collected.find(expected) != std::string_view::npos;
-        });
+    const Collection collection = collect(fd, answer, timeout_s, expected);
     if (collection.end == End::WAIT_FAILED)
         return collection.failure;
     log_answer(fd, answer, log);
@@ -175,7 +170,7 @@ int collect_answer(int fd, Answer answer, int timeout_s, int log)
         return collection.failure;
     }
     log_answer(fd, answer, log);
-    if (answer.view().find(USIM_REMOVED) != std::string_view::npos)
+    if (contains(answer.view(), USIM_REMOVED))
         CHAT_LOG(QZLIB_LOG_ERROR, "..........USIM Remove........");
     return answer.collected;
 }

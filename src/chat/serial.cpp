@@ -3,6 +3,7 @@
 #include "chat/chat_log.h"
 
 #include <algorithm>
+#include <csignal>
 #include <span>
 #include <sys/ioctl.h>
 #include <termios.h>
@@ -88,10 +89,15 @@ using TakenSignals = std::span<const TakenSignal>;
 // line that hangs up and an alarm during a write must not end the daemon.
 constexpr TakenSignal TAKEN[] = {{SIGHUP, &oldhup},   {SIGALRM, &oldalrm}, {SIGINT, &oldint},
                                  {SIGQUIT, &oldquit}, {SIGPIPE, &oldpipe}, {SIGTERM, &oldterm}};
-constexpr TakenSignals WHILE_OPEN = std::span(TAKEN).first<3>();
-constexpr TakenSignals WHILE_GUARDED = std::span(TAKEN).last<3>();
-constexpr TakenSignal RESTORED_AT_CLOSE[] = {{SIGHUP, &oldhup},   {SIGINT, &oldint},   {SIGALRM, &oldalrm},
-                                             {SIGQUIT, &oldquit}, {SIGPIPE, &oldpipe}, {SIGTERM, &oldterm}};
+TakenSignals while_open()
+{
+    return std::span(TAKEN).first<3>();
+}
+
+TakenSignals while_guarded()
+{
+    return std::span(TAKEN).last<3>();
+}
 
 void take_signals(TakenSignals signals)
 {
@@ -107,6 +113,14 @@ void restore_signals(TakenSignals signals)
 {
     for (const TakenSignal &signal : signals)
         (void)sigaction(signal.number, signal.old_action, nullptr);
+}
+
+// The alarm's action comes back behind that of the keyboard's interrupt.
+void restore_at_close()
+{
+    for (const size_t place : {0, 2, 1})
+        restore_signals({&TAKEN[place], 1});
+    restore_signals(while_guarded());
 }
 
 void begin_guard()
@@ -245,11 +259,11 @@ QZ_EXPORT int dev_init(const char *path, int flags, int baud)
     begin_guard();
     set_up_device(fd, baud);
     alarm(0);
-    restore_signals(WHILE_GUARDED);
+    restore_signals(while_guarded());
 
     if (alarm_fired()) {
         CHAT_LOG(QZLIB_LOG_ERROR, "device(%s) maybe die", path);
-        restore_signals(WHILE_OPEN);
+        restore_signals(while_open());
         chat_last_signal = 0;
         close(fd);
         return -1;
@@ -263,7 +277,7 @@ QZ_EXPORT int dev_close(int fd)
     if (fd < 0)
         return 0;
 
-    take_signals(WHILE_GUARDED);
+    take_signals(while_guarded());
     begin_guard();
     (void)tcsetattr(fd, TCSAFLUSH, &chat_saved_termios);
     alarm(0);
@@ -274,7 +288,7 @@ QZ_EXPORT int dev_close(int fd)
         CHAT_LOG(QZLIB_LOG_ERROR, "receive the alarm signal, device maybe die");
     else
         CHAT_LOG(QZLIB_LOG_INFO, "close the device(%d) succeed", fd);
-    restore_signals(RESTORED_AT_CLOSE);
+    restore_at_close();
     return hung ? -1 : 0;
 }
 

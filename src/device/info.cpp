@@ -11,7 +11,6 @@
 namespace
 {
 
-using qz::base::UniqueFd;
 using qz::base::UniqueStream;
 
 constexpr const char *DEVICE_INFO_PATH = "/tmp/device.info";
@@ -23,43 +22,16 @@ constexpr const char *MODEL_PATH = "/proc/device-tree/model";
 constexpr const char *SETTINGS_COMMAND = "nvram show";
 
 // The build stamp is the version's tail; qzlib_get_device_build_time() gives all of it.
-constexpr std::string_view SOFTWARE_VERSION = "V3.2.0_1904151627";
-static_assert(SOFTWARE_VERSION.size() + 1 == 18);
+constexpr char SOFTWARE_VERSION[] = "V3.2.0_1904151627";
+static_assert(sizeof SOFTWARE_VERSION == 18);
 
 constexpr size_t LINE_SIZE = 256;
 using Line = std::array<char, LINE_SIZE>;
 
 // In the order in which they are tried; a type is the place in the list, from 1.
-constexpr std::array<const char *, 3> MODULES = {"EC20", "SLM750", "SIM7600CE"};
-constexpr std::array<const char *, 3> BOARDS = {"K31", "K52R", "K52T"};
-
-// The first bytes of a file as text: a zeroed buffer and one spare NUL.
-template <size_t SIZE>
-class FileStart
-{
-public:
-    explicit FileStart(const char *path)
-    {
-        const UniqueFd file(open(path, O_RDONLY | O_CLOEXEC));
-        opened_ = static_cast<bool>(file);
-        if (opened_)
-            (void)!read(file.get(), text_.data(), SIZE); // unreadable: an empty text
-    }
-
-    explicit operator bool() const { return opened_; }
-    [[nodiscard]] char *text() { return text_.data(); }
-
-    // What stands behind a key, null without it.
-    [[nodiscard]] char *behind(const char *key)
-    {
-        char *found = strstr(text_.data(), key);
-        return found != nullptr ? found + strlen(key) : nullptr;
-    }
-
-private:
-    std::array<char, SIZE + 1> text_{};
-    bool opened_;
-};
+using ModelName = char[10];
+constexpr ModelName MODULES[] = {"EC20", "SLM750", "SIM7600CE"};
+constexpr ModelName BOARDS[] = {"K31", "K52R", "K52T"};
 
 // The second of the fields into which a separator parts a line, trimmed; null when the line
 // has no separator.
@@ -84,44 +56,42 @@ char *find_value(FILE *stream, const char *key, char separator, Line &line)
     return nullptr;
 }
 
-// Ends a pipe as any stream, deliberately: the command's process is not waited for. (glibc
-// waits for it here all the same, the router's C library does not.) Not inlined, or GCC
-// takes the missing pclose() for a mistake.
-[[gnu::noinline]] int close_unwaited(FILE *pipe)
+// The caller provides the room.
+int hand_out(char *out, const char *value)
 {
-    return fclose(pipe);
-}
-
-using UnwaitedPipe = qz::base::UniqueHandle<FILE, close_unwaited>;
-
-// A value in a text file of the kernel: from behind its key to the first of some characters.
-int copy_kernel_value(const char *path, const char *key, const char *end, char *out)
-{
-    if (out == nullptr)
+    if (out == nullptr || value == nullptr)
         return -1;
-    FileStart<256> file(path);
-    char *value = file.behind(key);
-    if (value == nullptr)
-        return -1;
-    value[strcspn(value, end)] = '\0';
     strcpy(out, value);
     return 0;
 }
 
-int copy_software_version(char *out)
+// What stands behind a key in a text file of the kernel, of which as much is read as the buffer
+// holds; null without it.
+char *find_behind(const char *path, const char *key, std::span<char> text)
 {
-    if (out == nullptr)
-        return -1;
-    qz::base::copy_text({out, SOFTWARE_VERSION.size() + 1}, SOFTWARE_VERSION);
-    return 0;
+    (void)qz::base::read_start(path, text); // without the file: no key
+    char *found = strstr(text.data(), key);
+    return found != nullptr ? found + strlen(key) : nullptr;
 }
 
-int type_in_model(std::span<const char *const> names)
+// A value in such a file: up to the first of some characters.
+int copy_kernel_value(const char *path, const char *key, const char *end, char *out)
 {
-    FileStart<128> model(MODEL_PATH);
-    const auto name =
-        std::ranges::find_if(names, [&](const char *n) { return strstr(model.text(), n) != nullptr; });
-    return name != names.end() ? static_cast<int>(name - names.begin()) + 1 : 0;
+    std::array<char, 256 + 1> text;
+    char *value = find_behind(path, key, text);
+    if (value != nullptr)
+        value[strcspn(value, end)] = '\0';
+    return hand_out(out, value);
+}
+
+int type_in_model(std::span<const ModelName> names)
+{
+    std::array<char, 128 + 1> model;
+    (void)qz::base::read_start(MODEL_PATH, model);
+    for (size_t i = 0; i < names.size(); ++i)
+        if (strstr(model.data(), names[i]) != nullptr)
+            return static_cast<int>(i) + 1;
+    return 0;
 }
 
 } // namespace
@@ -134,11 +104,7 @@ QZ_EXPORT int qzlib_get_device_system_info(const char *key, char *value_out)
     if (!stream)
         return -1;
     Line line;
-    const char *value = find_value(stream.get(), key, ':', line);
-    if (value == nullptr)
-        return -1;
-    strcpy(value_out, value);
-    return 0;
+    return hand_out(value_out, find_value(stream.get(), key, ':', line));
 }
 
 QZ_EXPORT int qzlib_get_device_hwversion(char *value_out)
@@ -168,29 +134,26 @@ QZ_EXPORT int qzlib_get_device_kernelversion(char *out)
 
 QZ_EXPORT int qzlib_get_device_webversion(char *out)
 {
-    if (out == nullptr)
+    std::array<char, 64 + 1> version;
+    if (!qz::base::read_start(WEB_VERSION_PATH, version))
         return -1;
-    FileStart<64> version(WEB_VERSION_PATH);
-    if (!version)
-        return -1;
-    strcpy(out, qzlib_str_trim(version.text()));
-    return 0;
+    return hand_out(out, qzlib_str_trim(version.data()));
 }
 
 QZ_EXPORT int qzlib_get_device_softversion(char *out)
 {
-    return copy_software_version(out);
+    return hand_out(out, SOFTWARE_VERSION);
 }
 
 QZ_EXPORT int qzlib_get_device_build_time(char *out)
 {
-    return copy_software_version(out);
+    return hand_out(out, SOFTWARE_VERSION);
 }
 
 QZ_EXPORT unsigned int qzlib_get_cpuid(void)
 {
-    FileStart<512> line(COMMAND_LINE_PATH);
-    const char *number = line.behind("androidboot.serialno=");
+    std::array<char, 512 + 1> text;
+    const char *number = find_behind(COMMAND_LINE_PATH, "androidboot.serialno=", text);
     if (number == nullptr)
         return 0;
     // As a 32-bit strtoul() would have it on every machine: a longer number is the largest.
@@ -202,7 +165,7 @@ QZ_EXPORT int qzlib_get_cputempture(void)
 {
     const UniqueStream stream = qz::base::open_for_reading(TEMPERATURE_PATH);
     Line line;
-    if (!stream || fgets(line.data(), static_cast<int>(line.size()), stream.get()) == nullptr)
+    if (!stream || !qz::base::read_line(stream.get(), line))
         return -1;
     return atoi(line.data()); // NOLINT(cert-err34-c): the kernel's own number
 }
@@ -236,7 +199,9 @@ QZ_EXPORT int qzlib_get_dev_sn(char *out, int size)
 {
     if (out == nullptr || size < 1)
         return QZLIB_ERR_ARGUMENT;
-    const UnwaitedPipe pipe(popen(SETTINGS_COMMAND, "re")); // NOLINT(cert-env33-c): a fixed command
+    // Ended as any stream, deliberately: the command's process is not waited for. (glibc waits for
+    // it here all the same, the router's C library does not.)
+    const UniqueStream pipe(popen(SETTINGS_COMMAND, "re")); // NOLINT(cert-env33-c): a fixed command
     if (!pipe)
         return -1;
     Line line;

@@ -49,15 +49,23 @@ int wait_change(qzlib_event &ev, int timeout_s)
     return pthread_cond_timedwait(&ev.changed, &ev.mutex, &deadline);
 }
 
-// The limit starts anew at every wake-up that does not satisfy the predicate: daemons count
+enum class Wanted { ANY, ALL, NONE };
+
+bool holds(uint32_t flags, uint32_t mask, Wanted wanted)
+{
+    if (wanted == Wanted::ALL)
+        return (flags & mask) == mask;
+    return ((flags & mask) != 0) == (wanted == Wanted::ANY);
+}
+
+// The limit starts anew at every wake-up that does not bring what is wanted: daemons count
 // on a group that keeps changing to keep its waiters waiting.
-template <typename Predicate>
-int wait_until(qzlib_event *ev, int timeout_s, Predicate holds)
+int wait_until(qzlib_event *ev, uint32_t mask, Wanted wanted, int timeout_s)
 {
     if (ev == nullptr)
         return -1;
     const Lock lock(*ev);
-    while (!holds(load_flags(*ev))) {
+    while (!holds(load_flags(*ev), mask, wanted)) {
         const int result = wait_change(*ev, timeout_s);
         if (timeout_s >= 1 && result != 0)
             return result;
@@ -116,12 +124,12 @@ QZ_EXPORT int qzlib_event_check_flag(qzlib_event *ev, uint32_t mask)
 
 QZ_EXPORT int qzlib_event_wait_flag(qzlib_event *ev, uint32_t mask, int timeout)
 {
-    return wait_until(ev, timeout, [mask](uint32_t flags) { return (flags & mask) != 0; });
+    return wait_until(ev, mask, Wanted::ANY, timeout);
 }
 
 QZ_EXPORT int qzlib_event_wait_all_flag(qzlib_event *ev, uint32_t mask, int timeout)
 {
-    return wait_until(ev, timeout, [mask](uint32_t flags) { return (flags & mask) == mask; });
+    return wait_until(ev, mask, Wanted::ALL, timeout);
 }
 
 QZ_EXPORT int qzlib_event_wait_flag_with_status(qzlib_event *ev, uint32_t mask, uint32_t /*status*/,
@@ -132,7 +140,7 @@ QZ_EXPORT int qzlib_event_wait_flag_with_status(qzlib_event *ev, uint32_t mask, 
 
 QZ_EXPORT int qzlib_event_wait_noflag(qzlib_event *ev, uint32_t mask, uint32_t /*ignored*/, int timeout)
 {
-    return wait_until(ev, timeout, [mask](uint32_t flags) { return (flags & mask) == 0; });
+    return wait_until(ev, mask, Wanted::NONE, timeout);
 }
 
 QZ_EXPORT int qzlib_event_wait_event(qzlib_event *ev, int timeout)

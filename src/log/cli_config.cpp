@@ -18,7 +18,7 @@ using qz::log::CLI_CONFIG_PATH;
 constexpr size_t FIND_LINE_SIZE = 256;
 constexpr size_t GET_LINE_SIZE = 384;
 constexpr size_t ENTRY_ALIGNMENT = 4;
-constexpr std::string_view SHUTDOWN_LINE_START = " shutdown";
+constexpr char SHUTDOWN_LINE_START[] = " shutdown";
 
 // "!" anywhere in a line makes it a block end, also inside a quoted text.
 bool is_block_end(std::string_view line)
@@ -38,7 +38,8 @@ std::string_view without_line_end(std::string_view text)
     return text;
 }
 
-// One entry of the caller's lookup table. The area reaches to the next entry: text, then zeros.
+// One entry of the caller's lookup table; behind the last one comes an entry without key. The area reaches to
+// the next entry: text, then zeros.
 struct Entry {
     const char *key;
     std::span<char> area;
@@ -63,18 +64,18 @@ class LookupTable
 public:
     LookupTable(void *table, size_t size) : bytes_(static_cast<char *>(table), size) {}
 
-    [[nodiscard]] std::optional<Entry> first() const { return entry_at(0); }
-    [[nodiscard]] std::optional<Entry> after(const Entry &entry) const { return entry_at(entry.next); }
+    [[nodiscard]] Entry first() const { return entry_at(0); }
+    [[nodiscard]] Entry after(const Entry &entry) const { return entry_at(entry.next); }
 
 private:
-    [[nodiscard]] std::optional<Entry> entry_at(size_t offset) const
+    [[nodiscard]] Entry entry_at(size_t offset) const
     {
-        if (offset + sizeof(const char *) > bytes_.size())
-            return std::nullopt;
         Entry entry{};
+        if (offset + sizeof(const char *) > bytes_.size())
+            return entry;
         memcpy(&entry.key, &bytes_[offset], sizeof entry.key);
         if (entry.key == nullptr)
-            return std::nullopt;
+            return entry;
         const std::span<char> rest = bytes_.subspan(offset + sizeof entry.key);
         entry.area = rest.first(area_size(rest));
         entry.next = offset + sizeof entry.key + entry.area.size();
@@ -95,14 +96,15 @@ private:
 
 // What stands behind a key in a parameter line; empty when the line holds no value for it. Only
 // the first occurrence is looked at, and the character behind the key is passed over unseen.
-std::string_view value_in_line(std::string_view line, std::string_view key)
+std::string_view value_in_line(const char *line, const char *key)
 {
-    const size_t at = line.find(key);
-    if (at == std::string_view::npos || at == 0 || line[at - 1] != ' ')
+    const char *at = strstr(line, key);
+    if (at == nullptr || at == line || at[-1] != ' ')
         return {};
-    line.remove_prefix(std::min(line.size(), at + key.size() + 1));
-    line.remove_prefix(std::min(line.size(), line.find_first_not_of(' ')));
-    return line;
+    at += strlen(key);
+    if (*at != '\0')
+        ++at;
+    return at + strspn(at, " ");
 }
 
 // One call's pass through the file.
@@ -175,8 +177,8 @@ private:
 
     void clear_parameters() const
     {
-        for (auto entry = table_.after(header_); entry; entry = table_.after(*entry))
-            entry->clear();
+        for (Entry entry = table_.after(header_); entry.key != nullptr; entry = table_.after(entry))
+            entry.clear();
     }
 
     // Reads to the end of the block; whether it held a parameter.
@@ -185,8 +187,7 @@ private:
         bool found = false;
         std::array<char, GET_LINE_SIZE> line;
         while (qz::base::read_full_line(stream_, line) && !is_block_end(line.data())) {
-            const std::string_view text = line.data();
-            if (qz::base::starts_with(text, SHUTDOWN_LINE_START) || parse_line(text))
+            if (qz::base::starts_with(line.data(), SHUTDOWN_LINE_START) || parse_line(line.data()))
                 found = true;
         }
         return found;
@@ -194,15 +195,15 @@ private:
 
     // Offers a line to the parameter entries. A value that is the rest of the line ends the
     // line; behind a single word the next entries may find theirs.
-    bool parse_line(std::string_view line) const
+    bool parse_line(const char *line) const
     {
         bool found = false;
-        for (auto entry = table_.after(header_); entry; entry = table_.after(*entry)) {
-            const std::string_view rest = value_in_line(line, entry->key);
-            if (rest.empty() || (!by_word_ && !entry->value().empty()))
+        for (Entry entry = table_.after(header_); entry.key != nullptr; entry = table_.after(entry)) {
+            const std::string_view rest = value_in_line(line, entry.key);
+            if (rest.empty() || (!by_word_ && !entry.value().empty()))
                 continue;
             const size_t length = by_word_ ? std::min(rest.size(), rest.find(' ')) : rest.size();
-            entry->set_value(without_line_end({rest.data(), length}));
+            entry.set_value(without_line_end({rest.data(), length}));
             found = true;
             if (length == rest.size())
                 break;
@@ -241,7 +242,7 @@ QZ_EXPORT int cli_find_paremeter(const char *block, const char *text)
                 return -1;
         } else if (!in_block) {
             in_block = is_block_header(line, block);
-        } else if (line.find(text) != std::string_view::npos) {
+        } else if (qz::base::contains(line, text)) {
             return 0;
         }
     }
@@ -253,11 +254,11 @@ QZ_EXPORT int cli_config_get(void *table, int size, int mode)
     if (table == nullptr || size < 0)
         return -1;
     const LookupTable lookup(table, static_cast<size_t>(size));
-    const std::optional<Entry> header = lookup.first();
-    if (!header)
+    const Entry header = lookup.first();
+    if (header.key == nullptr)
         return -1;
     const UniqueStream stream = qz::base::open_for_reading(CLI_CONFIG_PATH);
     if (!stream)
         return -1;
-    return BlockReader(stream.get(), lookup, *header, mode).run();
+    return BlockReader(stream.get(), lookup, header, mode).run();
 }

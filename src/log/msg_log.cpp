@@ -2,10 +2,10 @@
 #include "base/owners.h"
 #include "base/text.h"
 #include "log/cli_file.h"
+#include "log/message.h"
 
 #include <algorithm>
 #include <array>
-#include <cstdarg>
 #include <qzlib.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -18,15 +18,15 @@ using qz::base::UniqueFd;
 using qz::base::UniqueStream;
 using qz::log::CLI_CONFIG_PATH;
 
-constexpr std::string_view LEVEL_LINE_START = "log msg-level ";
+constexpr char LEVEL_LINE_START[] = "log msg-level ";
 constexpr size_t CLI_LINE_SIZE = 384;
 constexpr int DEFAULT_MAX_SIZE = 204800;
 constexpr size_t MESSAGE_BUFFER_SIZE = 1023;
 constexpr int TIMESTAMP_SIZE = 50;
 
 struct Level {
-    std::string_view word; // in the CLI configuration, matched by prefix
-    std::string_view file_prefix;
+    char word[6]; // in the CLI configuration, matched by prefix
+    char file_prefix[10];
     int syslog_priority;
 };
 
@@ -47,7 +47,7 @@ struct Destination {
     char ident[32 + 1]; // openlog() keeps the pointer
     int flags;
 };
-Destination msg_log_state = {{}, DEFAULT_MAX_SIZE, {}, 0};
+Destination msg_log_state;
 
 // Read and written by any thread, with relaxed atomics: two threads that refresh at once
 // read the same file. The time is kept modulo 2^32, as 64-bit atomics need a library on
@@ -59,7 +59,7 @@ void take_level_line(std::string_view line)
 {
     if (!qz::base::starts_with(line, LEVEL_LINE_START))
         return;
-    line.remove_prefix(LEVEL_LINE_START.size());
+    line.remove_prefix(sizeof LEVEL_LINE_START - 1);
     const auto *level =
         std::ranges::find_if(LEVELS, [line](const Level &l) { return qz::base::starts_with(line, l.word); });
     if (level != LEVELS.end())
@@ -137,6 +137,13 @@ size_t append_timestamp(char *out)
     return length;
 }
 
+char *append(char *out, const char *text)
+{
+    const size_t length = strlen(text);
+    memcpy(out, text, length);
+    return out + length;
+}
+
 // One line, one write: lines of several threads and processes do not mix. The module and the
 // line number are not written to files.
 void emit_to_file(const Level &level, Message &message)
@@ -147,21 +154,18 @@ void emit_to_file(const Level &level, Message &message)
         syslog(LOG_ERR, "Error open message file(%s) for record", msg_log_state.path);
         return;
     }
-    std::array<char, MESSAGE_BUFFER_SIZE> line;
-    size_t length = 0;
-    const auto append = [&line, &length](std::string_view text) {
-        memcpy(line.data() + length, text.data(), text.size());
-        length += text.size();
-    };
-    append("[");
-    length += append_timestamp(line.data() + length);
-    append("]");
-    append(level.file_prefix);
-    append(msg_log_state.ident);
-    append(":");
-    length += format_message(std::span(line).subspan(length, line.size() - 1 - length), message);
-    line[length++] = '\n';
-    (void)!write(file.get(), line.data(), length); // a full disk costs the message, not the daemon
+    char line[MESSAGE_BUFFER_SIZE];
+    char *end = line;
+    *end++ = '[';
+    end += append_timestamp(end);
+    *end++ = ']';
+    end = append(end, level.file_prefix);
+    end = append(end, msg_log_state.ident);
+    *end++ = ':';
+    end += format_message({end, line + sizeof line - 1}, message);
+    *end++ = '\n';
+    (void)!write(file.get(), line,
+                 static_cast<size_t>(end - line)); // a full disk costs the message, not the daemon
 }
 
 void emit_to_syslog(const Level &level, const char *module, int line, Message &message)
@@ -175,6 +179,21 @@ void emit_to_syslog(const Level &level, const char *module, int line, Message &m
 }
 
 } // namespace
+
+void qz::log::log_message(int level, const char *module, int line, const char *format, va_list arguments)
+{
+    const ErrnoKeeper keeper; // callers look at errno after they logged
+    Message message{format, {}, errno};
+    msg_level_refresh();
+    if (__atomic_load_n(&threshold, __ATOMIC_RELAXED) > level)
+        return;
+    va_copy(message.arguments, arguments);
+    if (msg_log_state.path[0] != '\0')
+        emit_to_file(level_row(level), message);
+    else
+        emit_to_syslog(level_row(level), module, line, message);
+    va_end(message.arguments);
+}
 
 QZ_EXPORT void openmsg_com(const char *path, int max_size, const char *ident, int flags)
 {
@@ -204,17 +223,10 @@ QZ_EXPORT void closemsg(void)
 
 QZ_EXPORT void debug_msg(int level, const char *module, int line, const char *format, ...)
 {
-    const ErrnoKeeper keeper; // callers look at errno after they logged
-    Message message{format, {}, errno};
-    msg_level_refresh();
-    if (__atomic_load_n(&threshold, __ATOMIC_RELAXED) > level)
-        return;
-    va_start(message.arguments, format);
-    if (msg_log_state.path[0] != '\0')
-        emit_to_file(level_row(level), message);
-    else
-        emit_to_syslog(level_row(level), module, line, message);
-    va_end(message.arguments);
+    va_list arguments;
+    va_start(arguments, format);
+    qz::log::log_message(level, module, line, format, arguments);
+    va_end(arguments);
 }
 
 QZ_EXPORT char *str_timestamp(time_t t, char *buf, int size)

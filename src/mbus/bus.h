@@ -95,11 +95,13 @@ struct State {
     mbus_client *self;
     int present; // threads that are using the shared memory, see Presence
     Attachment own;
-    Attachment *recent; // of the clients, the one used last
     // The server side: one for each table record, in the table's order, then any others.
     Attachment clients[QZLIB_MBUS_CLIENTS + OUTSIDE_RECORDS];
 };
-extern State state;
+extern State state; // zero at first, which takes no room in the image
+
+// Of the clients' attachments the one used last. Beside the state, as it is never null.
+extern Attachment *recent_attachment;
 
 inline mbus_client *self()
 {
@@ -129,7 +131,7 @@ inline mbus_share_segment *share()
 Attachment *search_attachment(const mbus_client *record);
 inline Attachment *find_attachment(const mbus_client *record)
 {
-    Attachment *recent = state.recent;
+    Attachment *recent = recent_attachment;
     return recent->record == record ? recent : search_attachment(record);
 }
 

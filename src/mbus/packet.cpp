@@ -311,7 +311,8 @@ QZ_EXPORT int qzlib_mbus_write(mbus_client *client, int type, const char *name, 
         return -1;
     mbus_pkg pkg = {};
     pkg.type = type >= 0 && type < TYPES ? static_cast<uint8_t>(type) : TYPES; // which is refused below
-    qz::base::fill_field(pkg.name, name != nullptr ? name : "");
+    if (name != nullptr)
+        memcpy(pkg.name, name, strnlen(name, sizeof pkg.name));
     pkg.data = const_cast<void *>(data);
     int written = 0;
     while (written < len) {

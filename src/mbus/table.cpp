@@ -14,7 +14,8 @@ QZ_EXPORT int mbus_share_memid = -1;
 namespace qz::mbus
 {
 
-State state = {nullptr, 0, {}, &state.clients[0], {}};
+State state;
+Attachment *recent_attachment = &state.clients[0];
 
 namespace
 {
@@ -151,13 +152,13 @@ Attachment *search_attachment(const mbus_client *record)
 {
     const size_t index = table_index(record);
     if (index < QZLIB_MBUS_CLIENTS && state.clients[index].record == record)
-        return state.recent = &state.clients[index];
+        return recent_attachment = &state.clients[index];
     for (Attachment &attachment : state.clients) {
         if (attachment.record == nullptr)
             continue;
         if (attachment.record == record ||
             memcmp(&attachment.handle, &record->server_handle, sizeof attachment.handle) == 0)
-            return state.recent = &attachment;
+            return recent_attachment = &attachment;
     }
     return nullptr;
 }

@@ -174,8 +174,9 @@ void abandon_receiver(Receiver *receiver)
     free(receiver);
 }
 
-int close_channel(Channel *closing)
+void close_channel(Channel *closing)
 {
+    const qz::base::ErrnoKeeper keeper;
     if (closing->receiver != nullptr) {
         if (closing->self.pid == getpid())
             stop_receiver(*closing);
@@ -184,7 +185,6 @@ int close_channel(Channel *closing)
     }
     (void)close(closing->fd);
     free(closing);
-    return 0;
 }
 
 using UniqueChannel = qz::base::UniqueHandle<Channel, close_channel>;

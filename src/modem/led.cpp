@@ -2,6 +2,7 @@
 // every step opens, writes or reads, and closes one small file.
 #include "base/export.h"
 #include "base/owners.h"
+#include "base/text.h"
 
 #include <algorithm>
 #include <array>
@@ -15,7 +16,7 @@ namespace
 using qz::base::UniqueFd;
 using qz::base::UniqueStream;
 
-constexpr std::array<const char *, 7> LEDS = {"power", "data", "net", "rssi0", "rssi1", "rssi2", "rssi3"};
+constexpr char LEDS[][6] = {"power", "data", "net", "rssi0", "rssi1", "rssi2", "rssi3"};
 constexpr int FAST_BLINK_MS = 100;
 constexpr int SLOW_BLINK_MS = 500;
 constexpr int SHORT_SHOT_MS = 50;
@@ -63,7 +64,7 @@ using Line = std::array<char, 256>;
 bool read_first_line(const Path &path, Line &line)
 {
     const UniqueStream stream = qz::base::open_for_reading(path.text.data());
-    return stream && fgets(line.data(), static_cast<int>(line.size()), stream.get()) != nullptr;
+    return stream && qz::base::read_line(stream.get(), line);
 }
 
 // The number in a file's first line, or -1.
@@ -179,13 +180,13 @@ QZ_EXPORT int qzlib_led_name_shot(const char *name, unsigned int action)
 QZ_EXPORT int qzlib_led_set(int index, unsigned int mode)
 {
     const auto place = static_cast<size_t>(index); // negative ones, not to be passed, lie far outside
-    return place < LEDS.size() ? qzlib_led_name_set(LEDS[place], mode) : 0;
+    return place < std::size(LEDS) ? qzlib_led_name_set(LEDS[place], mode) : 0;
 }
 
 QZ_EXPORT int qzlib_led_shot(int index, unsigned int action)
 {
     const auto place = static_cast<size_t>(index);
-    return place < LEDS.size() ? qzlib_led_name_shot(LEDS[place], action) : 0;
+    return place < std::size(LEDS) ? qzlib_led_name_shot(LEDS[place], action) : 0;
 }
 
 QZ_EXPORT void qzlib_gpio_name_set(const char *name, int value)

@@ -14,6 +14,7 @@
 namespace
 {
 
+using qz::base::read_line;
 using qz::base::UniqueFd;
 using qz::base::UniqueStream;
 
@@ -139,14 +140,9 @@ void read_counters(const char *text, const Counters &counters)
     }
 }
 
-bool read_line(const UniqueStream &stream, std::span<char> line)
-{
-    return fgets(line.data(), static_cast<int>(line.size()), stream.get()) != nullptr;
-}
-
 // Finds the first line that has the name anywhere in it: "eth0" also finds veth0, deliberately.
 // What stands behind its first ':', or null.
-const char *find_counters(const UniqueStream &stream, const char *ifname, std::span<char> line)
+const char *find_counters(FILE *stream, const char *ifname, std::span<char> line)
 {
     if (!read_line(stream, line) || !read_line(stream, line)) // the two heading lines
         return nullptr;
@@ -227,7 +223,7 @@ QZ_EXPORT int qzlib_get_interface_status(const char *ifname, long long *rx_bytes
     if (ifname == nullptr)
         return QZLIB_ERR_NOT_FOUND;
     std::array<char, STATUS_LINE_SIZE> line;
-    const char *columns = find_counters(stream, ifname, line);
+    const char *columns = find_counters(stream.get(), ifname, line);
     if (columns == nullptr)
         return QZLIB_ERR_NOT_FOUND;
     // Between the two groups: fifo, frame, compressed, multicast.

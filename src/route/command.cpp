@@ -26,7 +26,7 @@ int spawn_by_shell(pid_t *pid, const posix_spawn_file_actions_t *actions, const 
     std::array<const char *, WORDS_MAX + 4> line = {"sh", "-c", "exec \"$0\" \"$@\""};
     for (size_t i = 0; i < WORDS_MAX && words[i] != nullptr; ++i)
         line[i + 3] = words[i];
-    return posix_spawn(pid, "/bin/sh", actions, nullptr, spawn_words(line.data()), environ);
+    return posix_spawnp(pid, "/bin/sh", actions, nullptr, spawn_words(line.data()), environ);
 }
 
 // The process id, or -1.

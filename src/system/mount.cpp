@@ -16,8 +16,6 @@ constexpr const char *MOUNT_TABLE = "/proc/mounts";
 constexpr size_t MOUNT_LINE_SIZE = 4096;
 constexpr size_t PARENT_PATH_SIZE = 1024;
 
-using MountTable = qz::base::UniqueHandle<FILE, endmntent>;
-
 bool is_device_node(const struct stat &status)
 {
     return S_ISBLK(status.st_mode) || S_ISCHR(status.st_mode);
@@ -69,7 +67,7 @@ QZ_EXPORT int qzlib_get_mount_dev(const char *path, char *dev_out)
     struct stat status;
     if (path == nullptr || stat(path, &status) != 0)
         return -1;
-    const MountTable table(setmntent(MOUNT_TABLE, "re"));
+    const qz::base::UniqueStream table = qz::base::open_for_reading(MOUNT_TABLE);
     if (!table)
         return -1;
     mntent entry;

@@ -18,7 +18,7 @@ using qz::base::UniqueFd;
 constexpr size_t NAME_SIZE = 128;
 constexpr size_t EXECUTABLE_SIZE = 256;
 constexpr size_t STAT_LINE_SIZE = 1023;
-constexpr std::string_view STATE_LETTERS = "RSDTZX"; // results 1 to 6
+constexpr char STATE_LETTERS[] = "RSDTZX"; // results 1 to 6
 
 using ProcessPath = std::array<char, sizeof "/proc/-2147483648/comm" + 8>;
 
@@ -31,7 +31,7 @@ ProcessPath process_path(int pid, const char *leaf)
 
 UniqueFd open_process_file(int pid, const char *leaf)
 {
-    return UniqueFd(open(process_path(pid, leaf).data(), O_RDONLY | O_CLOEXEC));
+    return qz::base::open_to_read(process_path(pid, leaf).data());
 }
 
 // The character that the scan format "%*[^)]) %c" takes; NUL when there is none. The first ')'
@@ -104,8 +104,8 @@ QZ_EXPORT int qzlib_get_process_state_by_pid(int pid)
         return 0;
     const std::string_view line(text.data(), static_cast<size_t>(length));
     const char letter = state_letter({line.data(), std::min(line.size(), line.find('\n'))});
-    const size_t state = STATE_LETTERS.find(letter);
-    return state == std::string_view::npos ? 0 : static_cast<int>(state) + 1;
+    const char *state = letter != '\0' ? strchr(STATE_LETTERS, letter) : nullptr;
+    return state == nullptr ? 0 : static_cast<int>(state - STATE_LETTERS) + 1;
 }
 
 QZ_EXPORT int qzlib_get_process_name_by_pid(int pid, char *buf, int size)

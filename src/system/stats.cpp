@@ -1,12 +1,12 @@
 #include "base/export.h"
 #include "base/owners.h"
+#include "base/text.h"
 
 #include <array>
 #include <cstdlib>
 #include <cstring>
 #include <qzlib.h>
 #include <span>
-#include <string_view>
 
 namespace
 {
@@ -18,8 +18,8 @@ constexpr const char *MODULE = "system_api";
 constexpr size_t UPTIME_TEXT_SIZE = 64;
 constexpr size_t LINE_SIZE = 128;
 
-constexpr std::string_view TOTAL_KEY = "MemTotal:";
-constexpr std::string_view AVAILABLE_KEY = "MemAvailable:";
+constexpr char TOTAL_KEY[] = "MemTotal:";
+constexpr char AVAILABLE_KEY[] = "MemAvailable:";
 
 // The number at the front of a text, which moves behind it. 0 without a digit.
 uint64_t take_digits(const char *&text)
@@ -39,22 +39,14 @@ struct Uptime {
 // heap is better left alone.
 Uptime read_uptime()
 {
-    std::array<char, UPTIME_TEXT_SIZE> text{};
-    const UniqueFd file(open("/proc/uptime", O_RDONLY | O_CLOEXEC));
-    if (!file || read(file.get(), text.data(), text.size() - 1) <= 0)
-        return {};
+    std::array<char, UPTIME_TEXT_SIZE> text;
+    (void)qz::base::read_start("/proc/uptime", text); // without it: zero
     Uptime uptime;
     const char *at = text.data();
     uptime.seconds = take_digits(at);
     if (*at++ == '.')
         uptime.fraction = take_digits(at);
     return uptime;
-}
-
-// Lines of kernel files, longer ones in pieces.
-bool read_line(const UniqueStream &stream, std::span<char> line)
-{
-    return fgets(line.data(), static_cast<int>(line.size()), stream.get()) != nullptr;
 }
 
 UniqueStream open_meminfo()
@@ -66,24 +58,24 @@ UniqueStream open_meminfo()
 }
 
 // The number behind a key that may stand anywhere in the line. False without the key.
-bool find_value(const char *line, std::string_view key, uint32_t &value)
+bool find_value(const char *line, const char *key, uint32_t &value)
 {
-    const char *at = strstr(line, key.data());
+    const char *at = strstr(line, key);
     if (at == nullptr)
         return false;
-    value = static_cast<uint32_t>(strtoul(at + key.size(), nullptr, 10));
+    value = static_cast<uint32_t>(strtoul(at + strlen(key), nullptr, 10));
     return true;
 }
 
 // kB of the first line with the key, 0 without one, -1 without the file.
-int read_mem_size(std::string_view key)
+int read_mem_size(const char *key)
 {
     const UniqueStream stream = open_meminfo();
     if (!stream)
         return -1;
     std::array<char, LINE_SIZE> line{};
     uint32_t size_kb = 0;
-    while (read_line(stream, line)) {
+    while (qz::base::read_line(stream.get(), line)) {
         if (find_value(line.data(), key, size_kb))
             break;
     }
@@ -128,15 +120,18 @@ CpuTicks read_cpu_ticks(const UniqueFd &file)
     return parse_cpu_line(line.data());
 }
 
-// 32-bit signed arithmetic that wraps: the counters do too.
+// 32-bit signed arithmetic that wraps: the counters do too. So does the one quotient that has no
+// place in 32 bits, that of the smallest number and -1.
 int cpu_percent(const CpuTicks &before, const CpuTicks &after)
 {
     const uint32_t total = after.total - before.total;
     const uint32_t idle = after.idle - before.idle;
     if (total == 0)
         return 0;
-    const auto busy_hundredfold = static_cast<int32_t>((total - idle) * 100);
-    return static_cast<int>(int64_t{busy_hundredfold} / static_cast<int32_t>(total));
+    const uint32_t busy_hundredfold = (total - idle) * 100;
+    if (total == UINT32_MAX)
+        return static_cast<int>(0 - busy_hundredfold);
+    return static_cast<int32_t>(busy_hundredfold) / static_cast<int32_t>(total);
 }
 
 } // namespace
@@ -172,7 +167,7 @@ QZ_EXPORT int qzlib_get_mem_use_percent(void)
     std::array<char, LINE_SIZE> line{};
     uint32_t total = 0;
     uint32_t available = 0;
-    while ((total == 0 || available == 0) && read_line(stream, line)) {
+    while ((total == 0 || available == 0) && qz::base::read_line(stream.get(), line)) {
         (void)find_value(line.data(), TOTAL_KEY, total);
         (void)find_value(line.data(), AVAILABLE_KEY, available);
     }
@@ -183,7 +178,7 @@ QZ_EXPORT int qzlib_get_mem_use_percent(void)
 
 QZ_EXPORT int qzlib_get_cpu_use_percent(void)
 {
-    const UniqueFd file(open("/proc/stat", O_RDONLY | O_CLOEXEC));
+    const UniqueFd file = qz::base::open_to_read("/proc/stat");
     if (!file) {
         debug_msg(QZLIB_LOG_WARNING, MODULE, __LINE__, "fopen /proc/stat fail\n");
         return -1;

@@ -6,6 +6,7 @@
 #include <ctime>
 #include <qzlib.h>
 #include <sys/select.h>
+#include <sys/time.h>
 
 namespace
 {
@@ -21,8 +22,12 @@ class Deadline
 public:
     explicit Deadline(int limit_ms) : limited_(limit_ms >= 1)
     {
-        if (limited_)
-            end_us_ = now_us() + 1 + int64_t{limit_ms} * 1000; // 1: never early for the clock's rounding
+        if (!limited_)
+            return;
+        const timeval limit = {limit_ms / 1000,
+                               limit_ms % 1000 * 1000 + 1}; // 1: never early for the clock's rounding
+        const timeval start = now();
+        timeradd(&start, &limit, &end_);
     }
 
     // The time value for select(): null when there is no limit.
@@ -30,25 +35,23 @@ public:
     {
         if (!limited_)
             return nullptr;
-        const int64_t left_us = end_us_ - now_us();
-        value = {};
-        if (left_us > 0) {
-            value.tv_sec = static_cast<time_t>(left_us / 1000000);
-            value.tv_usec = static_cast<suseconds_t>(left_us % 1000000);
-        }
+        const timeval current = now();
+        timersub(&end_, &current, &value);
+        if (value.tv_sec < 0)
+            value = {};
         return &value;
     }
 
 private:
-    static int64_t now_us()
+    static timeval now()
     {
-        timespec now{};
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
+        timespec time{};
+        clock_gettime(CLOCK_MONOTONIC, &time);
+        return {time.tv_sec, time.tv_nsec / 1000};
     }
 
     bool limited_;
-    int64_t end_us_ = 0;
+    timeval end_{};
 };
 
 // A set for select() that holds one descriptor, whatever its number: an fd_set ends at 1024.

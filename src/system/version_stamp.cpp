@@ -45,7 +45,7 @@ int qzapp_read_version(const char *path, char *out, int out_size)
 {
     if (path == nullptr || out == nullptr || out_size < 1 || qzlib_file_is_elf(path) == 0)
         return -1;
-    const UniqueFd file(open(path, O_RDONLY | O_CLOEXEC));
+    const UniqueFd file = qz::base::open_to_read(path);
     struct stat status;
     if (!file || fstat(file.get(), &status) != 0 || status.st_size > MAX_PROGRAM_BYTES)
         return -1;

@@ -1,0 +1,35 @@
+#include "base/owners.h"
+
+namespace qz::base
+{
+
+// There is nothing to be done about an end that fails.
+void close_descriptor(int fd)
+{
+    const ErrnoKeeper keeper;
+    (void)close(fd);
+}
+
+void end_stream(FILE *stream)
+{
+    const ErrnoKeeper keeper;
+    (void)fclose(stream);
+}
+
+void end_directory(DIR *directory)
+{
+    const ErrnoKeeper keeper;
+    (void)closedir(directory);
+}
+
+UniqueStream open_for_reading(const char *path)
+{
+    return UniqueStream(fopen(path, "re"));
+}
+
+UniqueFd open_to_read(const char *path)
+{
+    return UniqueFd(open(path, O_RDONLY | O_CLOEXEC));
+}
+
+} // namespace qz::base
