@@ -96,11 +96,11 @@ private:
 
 // What stands behind a key in a parameter line; empty when the line holds no value for it. Only
 // the first occurrence is looked at, and the character behind the key is passed over unseen.
-std::string_view value_in_line(const char *line, const char *key)
+const char *value_in_line(const char *line, const char *key)
 {
     const char *at = strstr(line, key);
     if (at == nullptr || at == line || at[-1] != ' ')
-        return {};
+        return "";
     at += strlen(key);
     if (*at != '\0')
         ++at;
@@ -199,13 +199,13 @@ private:
     {
         bool found = false;
         for (Entry entry = table_.after(header_); entry.key != nullptr; entry = table_.after(entry)) {
-            const std::string_view rest = value_in_line(line, entry.key);
-            if (rest.empty() || (!by_word_ && !entry.value().empty()))
+            const char *rest = value_in_line(line, entry.key);
+            if (*rest == '\0' || (!by_word_ && !entry.value().empty()))
                 continue;
-            const size_t length = by_word_ ? std::min(rest.size(), rest.find(' ')) : rest.size();
-            entry.set_value(without_line_end({rest.data(), length}));
+            const size_t length = strcspn(rest, by_word_ ? " " : "");
+            entry.set_value(without_line_end({rest, length}));
             found = true;
-            if (length == rest.size())
+            if (rest[length] == '\0')
                 break;
         }
         return found;

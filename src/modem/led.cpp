@@ -52,13 +52,6 @@ bool write_text(const Path &path, std::string_view text)
     return true;
 }
 
-bool write_number(const Path &path, int number)
-{
-    char text[12];
-    const int length = snprintf(text, sizeof text, "%d", number);
-    return write_text(path, {text, static_cast<size_t>(length)});
-}
-
 using Line = std::array<char, 256>;
 
 bool read_first_line(const Path &path, Line &line)
@@ -74,22 +67,33 @@ int read_number(const Path &path)
     return read_first_line(path, line) ? atoi(line.data()) : -1; // NOLINT(cert-err34-c): the kernel's number
 }
 
+bool write_led(const char *led, const char *file, std::string_view text)
+{
+    return write_text(led_path(led, file), text);
+}
+
+bool write_led_number(const char *led, const char *file, int number)
+{
+    char text[12];
+    const int length = snprintf(text, sizeof text, "%d", number);
+    return write_led(led, file, {text, static_cast<size_t>(length)});
+}
+
 bool write_delays(const char *led, int period_ms)
 {
-    return write_number(led_path(led, "delay_on"), period_ms) &&
-           write_number(led_path(led, "delay_off"), period_ms);
+    return write_led_number(led, "delay_on", period_ms) && write_led_number(led, "delay_off", period_ms);
 }
 
 // The trigger comes first: writing it makes the kernel create or remove the delay files.
 void set_steady(const char *led, int brightness)
 {
-    (void)write_text(led_path(led, "trigger"), "none");
-    (void)write_number(led_path(led, "brightness"), brightness);
+    (void)write_led(led, "trigger", "none");
+    (void)write_led_number(led, "brightness", brightness);
 }
 
 void set_blinking(const char *led, int period_ms)
 {
-    (void)write_text(led_path(led, "trigger"), "timer");
+    (void)write_led(led, "trigger", "timer");
     (void)write_delays(led, period_ms);
 }
 
@@ -138,7 +142,7 @@ QZ_EXPORT int qzlib_led_name_set(const char *name, unsigned int mode)
         set_blinking(name, SLOW_BLINK_MS);
         break;
     case QZLIB_LED_ONE_SHOT:
-        (void)write_text(led_path(name, "trigger"), "oneshot");
+        (void)write_led(name, "trigger", "oneshot");
         break;
     default:
         break;
@@ -165,9 +169,9 @@ QZ_EXPORT int qzlib_led_name_shot(const char *name, unsigned int action)
         return -1;
     switch (action) {
     case QZLIB_LED_SHOT_FIRE:
-        return to_status(write_text(led_path(name, "shot"), "1"));
+        return to_status(write_led(name, "shot", "1"));
     case QZLIB_LED_SHOT_INVERT:
-        return to_status(write_text(led_path(name, "invert"), "1"));
+        return to_status(write_led(name, "invert", "1"));
     case QZLIB_LED_SHOT_50_MS:
         return to_status(write_delays(name, SHORT_SHOT_MS));
     case QZLIB_LED_SHOT_100_MS:

@@ -155,6 +155,37 @@ const char *find_counters(FILE *stream, const char *ifname, std::span<char> line
     return nullptr;
 }
 
+// The formats of the messages about a change's three steps. Setting and clearing word them
+// differently; both are part of the interface.
+struct ChangeMessages {
+    const char *no_socket;
+    const char *not_read;
+    const char *not_written;
+};
+
+int change_failed(const char *message, const char *ifname)
+{
+    debug_msg(QZLIB_LOG_ERROR, MODULE, __LINE__, message, ifname);
+    return QZLIB_ERR_FAILED;
+}
+
+// Nothing is written when no flag would change.
+int change_flags(const char *ifname, unsigned clear, unsigned set, const ChangeMessages &messages)
+{
+    if (ifname == nullptr)
+        return QZLIB_ERR_ARGUMENT;
+    const Interface interface(ifname);
+    if (!interface.is_open())
+        return change_failed(messages.no_socket, ifname);
+    uint16_t flags = 0;
+    if (!interface.read_flags(flags))
+        return change_failed(messages.not_read, ifname);
+    const unsigned wanted = (flags & ~clear) | set;
+    if (wanted == flags)
+        return QZLIB_ERR_NOT_FOUND;
+    return interface.write_flags(wanted) ? 0 : change_failed(messages.not_written, ifname);
+}
+
 } // namespace
 
 QZ_EXPORT int qzlib_get_interface_info(const char *ifname, char *ip, unsigned ip_size, char *mask,
@@ -250,52 +281,17 @@ QZ_EXPORT int qzlib_get_interface_flag(const char *ifname, int mask)
     return static_cast<int16_t>(flags & mask) == mask ? 0 : -1;
 }
 
-// The messages of setting and clearing are worded differently; both are part of the interface.
 QZ_EXPORT int qzlib_set_interface_flag(const char *ifname, unsigned mask)
 {
-    if (ifname == nullptr)
-        return QZLIB_ERR_ARGUMENT;
-    const Interface interface(ifname);
-    if (!interface.is_open()) {
-        debug_msg(QZLIB_LOG_ERROR, MODULE, __LINE__, "Cannot create a socket for set the interface(%s) flags",
-                  ifname);
-        return QZLIB_ERR_FAILED;
-    }
-    uint16_t flags = 0;
-    if (!interface.read_flags(flags)) {
-        debug_msg(QZLIB_LOG_ERROR, MODULE, __LINE__, "Cannot get the interface(%s) flags", ifname);
-        return QZLIB_ERR_FAILED;
-    }
-    if ((flags & mask) == mask)
-        return QZLIB_ERR_NOT_FOUND;
-    if (!interface.write_flags(flags | mask)) {
-        debug_msg(QZLIB_LOG_ERROR, MODULE, __LINE__, "Cannot set the interface(%s) flags", ifname);
-        return QZLIB_ERR_FAILED;
-    }
-    return 0;
+    return change_flags(ifname, 0, mask,
+                        {"Cannot create a socket for set the interface(%s) flags",
+                         "Cannot get the interface(%s) flags", "Cannot set the interface(%s) flags"});
 }
 
 QZ_EXPORT int qzlib_clear_interface_flag(const char *ifname, unsigned mask)
 {
-    if (ifname == nullptr)
-        return QZLIB_ERR_ARGUMENT;
-    const Interface interface(ifname);
-    if (!interface.is_open()) {
-        debug_msg(QZLIB_LOG_ERROR, MODULE, __LINE__, "create a socket(clear the interface(%s) flags) error",
-                  ifname);
-        return QZLIB_ERR_FAILED;
-    }
-    uint16_t flags = 0;
-    if (!interface.read_flags(flags)) {
-        debug_msg(QZLIB_LOG_ERROR, MODULE, __LINE__, "ioctl a socket(get interface(%s) flags) error", ifname);
-        return QZLIB_ERR_FAILED;
-    }
-    if ((flags & mask) == 0)
-        return QZLIB_ERR_NOT_FOUND;
-    if (!interface.write_flags(flags & ~mask)) {
-        debug_msg(QZLIB_LOG_ERROR, MODULE, __LINE__, "ioctl a socket(set interface(%s) flags) error ",
-                  ifname);
-        return QZLIB_ERR_FAILED;
-    }
-    return 0;
+    return change_flags(ifname, mask, 0,
+                        {"create a socket(clear the interface(%s) flags) error",
+                         "ioctl a socket(get interface(%s) flags) error",
+                         "ioctl a socket(set interface(%s) flags) error "});
 }

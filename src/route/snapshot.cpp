@@ -3,7 +3,6 @@
 #include "route/command.h"
 #include "route/words.h"
 
-#include <charconv>
 #include <cstdlib>
 #include <qzlib.h>
 
@@ -28,17 +27,15 @@ static_assert(offsetof(srtinfo, prio) == 8 && offsetof(srtinfo, source) == 12 &&
               offsetof(srtinfo, dest_mask) == 84 && offsetof(srtinfo, gateway) == 100 &&
               offsetof(srtinfo, dev) == 116);
 
+// The front of the records that it is reported in.
 struct srt_rule {
     char table[sizeof srtinfo::table];
     int32_t prio;
     char source[sizeof srtinfo::source];
 };
-
-struct srt_route {
-    char dest[sizeof srtinfo::dest];
-    char gateway[sizeof srtinfo::gateway];
-    char dev[sizeof srtinfo::dev];
-};
+static_assert(offsetof(srt_rule, prio) == offsetof(srtinfo, prio));
+static_assert(offsetof(srt_rule, source) == offsetof(srtinfo, source) &&
+              sizeof(srt_rule) == offsetof(srtinfo, dest));
 
 // "PRIO: from SOURCE lookup TABLE". False for a rule that is not reported: one for every
 // source, and one whose table name does not fit (cut, it would name another table).
@@ -55,34 +52,28 @@ bool parse_rule(const char *line, srt_rule &rule)
 
 // "DEST via GATEWAY dev DEV ..." or "DEST dev DEV ...". Lines of other forms (blackhole, nexthop)
 // are taken word by word all the same.
-srt_route parse_route(const char *line)
+void parse_route(const char *line, srtinfo &route)
 {
     const bool has_gateway = strstr(line, "via") != nullptr;
     const auto words = split_words<5>(line);
-    srt_route route;
     copy_text(route.dest, words[0] == "default" ? "0.0.0.0/0" : words[0]);
     copy_text(route.gateway, has_gateway && !words[2].empty() ? words[2] : "0.0.0.0");
     copy_text(route.dev, has_gateway ? words[4] : words[2]);
-    return route;
 }
 
 // A list that is built at its end and handed to the caller.
 class SnapshotList
 {
 public:
-    // Drops the record when there is no memory for it.
-    void srt_route_append(const srt_rule &rule, const srt_route &route)
+    // Takes a route's line. Drops it when there is no memory for the record.
+    void srt_route_append(const srt_rule &rule, const char *line)
     {
         auto *record = static_cast<srtinfo *>(calloc(1, sizeof(srtinfo)));
         if (record == nullptr)
             return;
-        memcpy(record->table, rule.table, sizeof record->table);
-        record->prio = rule.prio;
-        memcpy(record->source, rule.source, sizeof record->source);
-        memcpy(record->dest, route.dest, sizeof record->dest);
+        memcpy(static_cast<void *>(record), &rule, sizeof rule);
+        parse_route(line, *record);
         (void)qz_ccid2obsolete(record->dest, record->dest_ip, record->dest_mask, nullptr);
-        memcpy(record->gateway, route.gateway, sizeof record->gateway);
-        memcpy(record->dev, route.dev, sizeof record->dev);
         *end_ = record;
         end_ = &record->next;
     }
@@ -101,7 +92,7 @@ void append_routes(SnapshotList &list, const srt_rule &rule)
     CommandOutput routes(words);
     std::array<char, LINE_SIZE> line;
     while (routes.read_line(line))
-        list.srt_route_append(rule, parse_route(line.data()));
+        list.srt_route_append(rule, line.data());
 }
 
 // One line of "route -n".
@@ -109,15 +100,16 @@ struct TableLine {
     std::string_view destination;
     std::string_view mask;
     std::string_view interface;
-    int metric;
+    long long metric;
 };
 
 // False for a line that does not have all eight columns.
 bool parse_table_line(char *line, TableLine &out)
 {
     const auto [destination, gateway, mask, flags, metric, ref, use, interface] = split_words<8>(line);
-    if (interface.empty() ||
-        std::from_chars(metric.data(), metric.data() + metric.size(), out.metric).ec != std::errc())
+    char *metric_end = nullptr;
+    out.metric = strtoll(metric.data(), &metric_end, 10);
+    if (interface.empty() || metric_end == metric.data())
         return false;
     out.destination = destination;
     out.mask = mask;
@@ -145,10 +137,20 @@ public:
 
 private:
     int length_ = 0;
-    int metric_ = 10000;
+    long long metric_ = 10000;
 };
 
 } // namespace
+
+void qz::route::split_words(const char *text, std::span<std::string_view> words)
+{
+    constexpr const char *SPACE = " \t\n\v\f\r";
+    for (std::string_view &word : words) {
+        text += strspn(text, SPACE);
+        word = {text, strcspn(text, SPACE)};
+        text += word.size();
+    }
+}
 
 QZ_EXPORT srtinfo *qz_srtinfo_stat(void)
 {

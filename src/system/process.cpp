@@ -2,10 +2,8 @@
 #include "base/owners.h"
 #include "base/text.h"
 
-#include <algorithm>
 #include <array>
-#include <cctype>
-#include <charconv>
+#include <climits>
 #include <cstring>
 #include <qzlib.h>
 
@@ -29,24 +27,6 @@ ProcessPath process_path(int pid, const char *leaf)
     return path;
 }
 
-UniqueFd open_process_file(int pid, const char *leaf)
-{
-    return qz::base::open_to_read(process_path(pid, leaf).data());
-}
-
-// The character that the scan format "%*[^)]) %c" takes; NUL when there is none. The first ')'
-// ends the name, also one that belongs to the name itself, deliberately.
-char state_letter(std::string_view line)
-{
-    const size_t name_end = line.find(')');
-    if (name_end == std::string_view::npos || name_end == 0)
-        return '\0';
-    line.remove_prefix(name_end + 1);
-    while (!line.empty() && isspace(static_cast<unsigned char>(line.front())) != 0)
-        line.remove_prefix(1);
-    return line.empty() ? '\0' : line.front();
-}
-
 struct ProcessIdentity {
     std::array<char, NAME_SIZE> name;
     std::array<char, EXECUTABLE_SIZE> executable;
@@ -66,11 +46,11 @@ struct ProcessIdentity {
     }
 };
 
-int to_pid(std::string_view digits)
+// -1 for a number that is too large, and no process has it.
+int to_pid(const char *digits)
 {
-    int pid = -1; // stays for a number that is too large, and no process has it
-    (void)std::from_chars(digits.data(), digits.data() + digits.size(), pid);
-    return pid;
+    const long long pid = strtoll(digits, nullptr, 10);
+    return pid <= INT_MAX ? static_cast<int>(pid) : -1;
 }
 
 // The first process in directory order, other than one, that has the name and, unless that is
@@ -93,18 +73,16 @@ int find_process(const char *name, const char *executable, int except_pid)
 
 } // namespace
 
+// The first ')' ends the name, also one that belongs to the name itself, deliberately.
 QZ_EXPORT int qzlib_get_process_state_by_pid(int pid)
 {
-    const UniqueFd file = open_process_file(pid, "stat");
-    if (!file)
+    std::array<char, STAT_LINE_SIZE> line;
+    (void)qz::base::read_start(process_path(pid, "stat").data(), line); // without it: no letter
+    *strchrnul(line.data(), '\n') = '\0';
+    char letter = '\0';
+    if (sscanf(line.data(), "%*[^)]) %c", &letter) != 1)
         return 0;
-    std::array<char, STAT_LINE_SIZE> text;
-    const ssize_t length = read(file.get(), text.data(), text.size() - 1);
-    if (length < 1)
-        return 0;
-    const std::string_view line(text.data(), static_cast<size_t>(length));
-    const char letter = state_letter({line.data(), std::min(line.size(), line.find('\n'))});
-    const char *state = letter != '\0' ? strchr(STATE_LETTERS, letter) : nullptr;
+    const char *state = strchr(STATE_LETTERS, letter);
     return state == nullptr ? 0 : static_cast<int>(state - STATE_LETTERS) + 1;
 }
 
@@ -112,7 +90,7 @@ QZ_EXPORT int qzlib_get_process_name_by_pid(int pid, char *buf, int size)
 {
     if (pid < 0 || buf == nullptr || size < 1)
         return -1;
-    const UniqueFd file = open_process_file(pid, "comm");
+    const UniqueFd file = qz::base::open_to_read(process_path(pid, "comm").data());
     if (!file)
         return file.get();
     const ssize_t length = read(file.get(), buf, static_cast<size_t>(size) - 1);
