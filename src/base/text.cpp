@@ -18,14 +18,10 @@ void copy_text(std::span<char> out, std::string_view text)
     out[length] = '\0';
 }
 
-bool starts_with(std::string_view text, std::string_view start)
+const char *behind_start(const char *text, const char *start)
 {
-    return text.size() >= start.size() && memcmp(text.data(), start.data(), start.size()) == 0;
-}
-
-bool contains(std::string_view text, std::string_view part)
-{
-    return memmem(text.data(), text.size(), part.data(), part.size()) != nullptr;
+    const size_t length = strlen(start);
+    return strncmp(text, start, length) == 0 ? text + length : nullptr;
 }
 
 bool read_start(const char *path, std::span<char> text)

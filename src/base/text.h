@@ -17,11 +17,8 @@ void fill_field(std::span<char> field, const char *text);
 // Copy a text, cut to what the buffer holds, always terminated. The buffer is not empty.
 void copy_text(std::span<char> out, std::string_view text);
 
-// As std::string_view::starts_with(), which in builds without optimisation needs libstdc++.
-bool starts_with(std::string_view text, std::string_view start);
-
-// Whether a part occurs anywhere in a text; the empty one does.
-bool contains(std::string_view text, std::string_view part);
+// What stands behind a text's start; null when it starts with something else.
+const char *behind_start(const char *text, const char *start);
 
 // A fixed-width field as text, without reading past it.
 inline std::string_view field_text(std::span<const char> field)

@@ -7,7 +7,6 @@
 #include <array>
 #include <cstddef>
 #include <linux/fs.h>
-#include <optional>
 #include <qzlib.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
@@ -19,6 +18,7 @@ using qz::base::UniqueFd;
 
 constexpr size_t ENVIRONMENT_SIZE = 0x20000;
 constexpr size_t DATA_SIZE = ENVIRONMENT_SIZE - 4;
+constexpr size_t NOWHERE = ~size_t{0};
 constexpr int PARTITIONS = 32;
 constexpr char PARTITION_NAME_START[] = "aboot"; // "abootbak" is taken too, deliberately
 constexpr size_t ATTRIBUTE_SIZE = 32;
@@ -97,7 +97,7 @@ bool find_block()
     for (int number = 0; number < PARTITIONS; ++number) {
         if (!read_partition_attribute(number, "name", name))
             return false;
-        if (qz::base::starts_with(name.data(), PARTITION_NAME_START))
+        if (qz::base::behind_start(name.data(), PARTITION_NAME_START) != nullptr)
             return take_partition(number);
     }
     return false;
@@ -189,9 +189,9 @@ const char *value_if_named(const char *entry, const char *name)
     return *name == '\0' && *entry == '=' ? entry + 1 : nullptr;
 }
 
-// Ends with the place of the name's first entry, or with that of the list's end; nothing
+// Ends with the place of the name's first entry, or with that of the list's end; nowhere
 // when the list runs out of the data.
-std::optional<size_t> find_entry(const char *name)
+size_t find_entry(const char *name)
 {
     size_t at = 0;
     size_t size = entry_size(at);
@@ -200,42 +200,42 @@ std::optional<size_t> find_entry(const char *name)
             return at;
         at += size;
     }
-    return size == 1 ? std::optional(at) : std::nullopt;
+    return size == 1 ? at : NOWHERE;
 }
 
 // The end of the list. A last entry whose NUL is the data's last byte ends it too: an
 // append accepts such an entry.
-std::optional<size_t> find_end(size_t at)
+size_t find_end(size_t at)
 {
     size_t size = entry_size(at);
     for (; size > 1; size = entry_size(at))
         at += size;
-    return size == 1 || at == DATA_SIZE ? std::optional(at) : std::nullopt;
+    return size == 1 || at == DATA_SIZE ? at : NOWHERE;
 }
 
-// Both return the new end of the list, nothing when the list is corrupt or the room short.
-std::optional<size_t> remove_entry(const char *name)
+// Both return the new end of the list, nowhere when the list is corrupt or the room short.
+size_t remove_entry(const char *name)
 {
-    const std::optional<size_t> at = find_entry(name);
-    if (!at)
-        return std::nullopt;
-    char *entry = environment.block.data + *at;
+    const size_t at = find_entry(name);
+    if (at == NOWHERE)
+        return NOWHERE;
+    char *entry = environment.block.data + at;
     if (*entry == '\0')
         return at;
-    const size_t size = entry_size(*at);
-    const std::optional<size_t> end = find_end(*at + size);
-    if (!end)
-        return std::nullopt;
-    memmove(entry, entry + size, *end - *at - size);
-    return *end - size;
+    const size_t size = entry_size(at);
+    const size_t end = find_end(at + size);
+    if (end == NOWHERE)
+        return NOWHERE;
+    memmove(entry, entry + size, end - at - size);
+    return end - size;
 }
 
-std::optional<size_t> append_entry(size_t at, const char *name, const char *value)
+size_t append_entry(size_t at, const char *name, const char *value)
 {
     const size_t name_length = strlen(name);
     const size_t value_length = strlen(value);
     if (name_length + value_length + 2 > DATA_SIZE - at)
-        return std::nullopt;
+        return NOWHERE;
     char *entry = environment.block.data + at;
     memcpy(entry, name, name_length);
     entry[name_length] = '=';
@@ -248,12 +248,12 @@ std::optional<size_t> append_entry(size_t at, const char *name, const char *valu
 bool change_entry(const char *name, const char *value)
 {
     Block &block = environment.block;
-    std::optional<size_t> end = block.data[0] != '\0' ? remove_entry(name) : std::optional<size_t>(0);
-    if (end && value != nullptr)
-        end = append_entry(*end, name, value);
-    if (!end)
+    size_t end = block.data[0] != '\0' ? remove_entry(name) : size_t{0};
+    if (end != NOWHERE && value != nullptr)
+        end = append_entry(end, name, value);
+    if (end == NOWHERE)
         return false;
-    memset(block.data + *end, 0, DATA_SIZE - *end);
+    memset(block.data + end, 0, DATA_SIZE - end);
     block.checksum = data_checksum(block);
     return true;
 }
@@ -303,8 +303,8 @@ QZ_EXPORT int qzlib_get_boot_env(const char *name, char *value, size_t len)
     const int loaded = boot_env_load();
     if (loaded != 0)
         return loaded;
-    const std::optional<size_t> at = find_entry(name);
-    const char *text = at ? value_if_named(environment.block.data + *at, name) : nullptr;
+    const size_t at = find_entry(name);
+    const char *text = at != NOWHERE ? value_if_named(environment.block.data + at, name) : nullptr;
     if (text != nullptr)
         qz::base::fill_field({value, len}, text);
     boot_env_release();

@@ -1,6 +1,5 @@
 #include "base/export.h"
 #include "base/owners.h"
-#include "base/text.h"
 #include "chat/chat_log.h"
 
 #include <array>
@@ -8,7 +7,6 @@
 #include <cstdio>
 #include <cstring>
 #include <poll.h>
-#include <string_view>
 #include <termios.h>
 
 QZ_EXPORT int at_modem_error = 0;
@@ -16,7 +14,6 @@ QZ_EXPORT int at_modem_error = 0;
 namespace
 {
 
-using qz::base::contains;
 using qz::base::ErrnoKeeper;
 
 constexpr int MAX_COMMAND = 509; // characters, without the carriage return
@@ -80,7 +77,10 @@ struct Answer {
     int reported_size; // what the log of a failed read counts down from
     int collected = 0;
 
-    [[nodiscard]] std::string_view view() const { return {text, static_cast<size_t>(collected)}; }
+    [[nodiscard]] bool holds(const char *part) const
+    {
+        return memmem(text, static_cast<size_t>(collected), part, strlen(part)) != nullptr;
+    }
 };
 
 enum class End { NORMAL, FOUND, WAIT_FAILED, READ_FAILED };
@@ -136,7 +136,7 @@ Collection collect(int fd, Answer &answer, int timeout_s, const char *expected =
             return {End::READ_FAILED, static_cast<int>(got)};
         if (got == 0)
             break;
-        if (expected != nullptr && contains(answer.view(), expected))
+        if (expected != nullptr && answer.holds(expected))
             return {End::FOUND};
     }
     return {End::NORMAL};
@@ -170,7 +170,7 @@ int collect_answer(int fd, Answer answer, int timeout_s, int log)
         return collection.failure;
     }
     log_answer(fd, answer, log);
-    if (contains(answer.view(), USIM_REMOVED))
+    if (answer.holds(USIM_REMOVED))
         CHAT_LOG(QZLIB_LOG_ERROR, "..........USIM Remove........");
     return answer.collected;
 }

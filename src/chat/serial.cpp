@@ -83,44 +83,38 @@ struct TakenSignal {
     int number;
     struct sigaction *old_action;
 };
-using TakenSignals = std::span<const TakenSignal>;
 
 // In the order of installation. The first three stay with the handler until dev_close(): a
 // line that hangs up and an alarm during a write must not end the daemon.
 constexpr TakenSignal TAKEN[] = {{SIGHUP, &oldhup},   {SIGALRM, &oldalrm}, {SIGINT, &oldint},
                                  {SIGQUIT, &oldquit}, {SIGPIPE, &oldpipe}, {SIGTERM, &oldterm}};
-TakenSignals while_open()
-{
-    return std::span(TAKEN).first<3>();
-}
+constexpr size_t GUARDED = 3; // from here on: while a section is guarded only
+constexpr size_t END = std::size(TAKEN);
 
-TakenSignals while_guarded()
-{
-    return std::span(TAKEN).last<3>();
-}
-
-void take_signals(TakenSignals signals)
+// All from a place on.
+void take_signals(size_t place)
 {
     struct sigaction action = {};
     action.sa_handler = chat_signal_handler;
     sigemptyset(&action.sa_mask);
     action.sa_flags = 0; // no SA_RESTART: the alarm has to break off a blocked call
-    for (const TakenSignal &signal : signals)
-        (void)sigaction(signal.number, &action, signal.old_action);
+    for (; place < END; ++place)
+        (void)sigaction(TAKEN[place].number, &action, TAKEN[place].old_action);
 }
 
-void restore_signals(TakenSignals signals)
+void restore_signals(size_t place, size_t end)
 {
-    for (const TakenSignal &signal : signals)
-        (void)sigaction(signal.number, signal.old_action, nullptr);
+    for (; place < end; ++place)
+        (void)sigaction(TAKEN[place].number, TAKEN[place].old_action, nullptr);
 }
 
 // The alarm's action comes back behind that of the keyboard's interrupt.
 void restore_at_close()
 {
-    for (const size_t place : {0, 2, 1})
-        restore_signals({&TAKEN[place], 1});
-    restore_signals(while_guarded());
+    restore_signals(0, 1);
+    restore_signals(2, 3);
+    restore_signals(1, 2);
+    restore_signals(GUARDED, END);
 }
 
 void begin_guard()
@@ -255,15 +249,15 @@ QZ_EXPORT int dev_init(const char *path, int flags, int baud)
     if (fd <= 0)
         return fd;
 
-    take_signals(TAKEN);
+    take_signals(0);
     begin_guard();
     set_up_device(fd, baud);
     alarm(0);
-    restore_signals(while_guarded());
+    restore_signals(GUARDED, END);
 
     if (alarm_fired()) {
         CHAT_LOG(QZLIB_LOG_ERROR, "device(%s) maybe die", path);
-        restore_signals(while_open());
+        restore_signals(0, GUARDED);
         chat_last_signal = 0;
         close(fd);
         return -1;
@@ -277,7 +271,7 @@ QZ_EXPORT int dev_close(int fd)
     if (fd < 0)
         return 0;
 
-    take_signals(while_guarded());
+    take_signals(GUARDED);
     begin_guard();
     (void)tcsetattr(fd, TCSAFLUSH, &chat_saved_termios);
     alarm(0);

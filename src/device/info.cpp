@@ -157,8 +157,8 @@ QZ_EXPORT unsigned int qzlib_get_cpuid(void)
     if (number == nullptr)
         return 0;
     // As a 32-bit strtoul() would have it on every machine: a longer number is the largest.
-    constexpr unsigned long long MAXIMUM = std::numeric_limits<uint32_t>::max();
-    return static_cast<unsigned int>(std::min(strtoull(number, nullptr, 16), MAXIMUM));
+    constexpr long long MAXIMUM = std::numeric_limits<uint32_t>::max();
+    return static_cast<unsigned int>(std::min(strtoll(number, nullptr, 16), MAXIMUM));
 }
 
 QZ_EXPORT int qzlib_get_cputempture(void)

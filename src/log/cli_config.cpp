@@ -19,11 +19,12 @@ constexpr size_t FIND_LINE_SIZE = 256;
 constexpr size_t GET_LINE_SIZE = 384;
 constexpr size_t ENTRY_ALIGNMENT = 4;
 constexpr char SHUTDOWN_LINE_START[] = " shutdown";
+constexpr char ARGUMENT_START[] = " \r\n";
 
 // "!" anywhere in a line makes it a block end, also inside a quoted text.
-bool is_block_end(std::string_view line)
+bool is_block_end(const char *line)
 {
-    return line.find('!') != std::string_view::npos;
+    return strchr(line, '!') != nullptr;
 }
 
 bool is_line_end(char c)
@@ -120,10 +121,10 @@ public:
     {
         std::array<char, GET_LINE_SIZE> line;
         while (qz::base::read_full_line(stream_, line)) {
-            const std::optional<std::string_view> argument = header_argument(line.data());
-            if (!argument)
+            const char *argument = header_argument(line.data());
+            if (argument == nullptr)
                 continue;
-            const std::optional<int> result = argument->empty() ? nameless() : named(*argument);
+            const std::optional<int> result = *argument == '\0' ? nameless() : named(argument);
             if (result)
                 return *result;
         }
@@ -131,16 +132,15 @@ public:
     }
 
 private:
-    // The argument of a header line, its line end included; nothing for any other line.
-    [[nodiscard]] std::optional<std::string_view> header_argument(std::string_view line) const
+    // The argument of a header line, its line end included; null for any other line.
+    [[nodiscard]] const char *header_argument(const char *line) const
     {
-        if (line.empty() || is_block_end(line) || !qz::base::starts_with(line, header_.key))
-            return std::nullopt;
-        line.remove_prefix(strlen(header_.key));
-        if (!line.empty() && line.front() != ' ' && !is_line_end(line.front()))
-            return std::nullopt;
-        line.remove_prefix(std::min(line.size(), line.find_first_not_of(" \r\n")));
-        return line;
+        if (*line == '\0' || is_block_end(line))
+            return nullptr;
+        const char *argument = qz::base::behind_start(line, header_.key);
+        if (argument == nullptr || strchr(ARGUMENT_START, *argument) == nullptr) // the line's NUL is found
+            return nullptr;
+        return argument + strspn(argument, ARGUMENT_START);
     }
 
     // A header without argument: its block counts on a first call only, and only when it holds
@@ -152,7 +152,7 @@ private:
         return std::nullopt;
     }
 
-    std::optional<int> named(std::string_view argument)
+    std::optional<int> named(const char *argument)
     {
         const bool iterating = !header_.value().empty();
         if (iterating) {
@@ -167,7 +167,7 @@ private:
         header_.set_value(argument);
         // Not taken, and yet it stays behind as the preset value, line end and all: on a first
         // call no header can equal it any more, deliberately.
-        if (by_word_ && argument.find(' ') != std::string_view::npos)
+        if (by_word_ && strchr(argument, ' ') != nullptr)
             return std::nullopt;
         header_.set_value(without_line_end(argument));
         if (iterating)
@@ -187,7 +187,7 @@ private:
         bool found = false;
         std::array<char, GET_LINE_SIZE> line;
         while (qz::base::read_full_line(stream_, line) && !is_block_end(line.data())) {
-            if (qz::base::starts_with(line.data(), SHUTDOWN_LINE_START) || parse_line(line.data()))
+            if (qz::base::behind_start(line.data(), SHUTDOWN_LINE_START) != nullptr || parse_line(line.data()))
                 found = true;
         }
         return found;
@@ -218,10 +218,10 @@ private:
     bool preset_seen_ = false;
 };
 
-bool is_block_header(std::string_view line, std::string_view block)
+bool is_block_header(const char *line, const char *block)
 {
-    return qz::base::starts_with(line, block) && line.size() > block.size() &&
-           is_line_end(line[block.size()]);
+    const char *end = qz::base::behind_start(line, block);
+    return end != nullptr && is_line_end(*end);
 }
 
 } // namespace
@@ -234,15 +234,14 @@ QZ_EXPORT int cli_find_paremeter(const char *block, const char *text)
     if (!stream)
         return -1;
     bool in_block = false;
-    std::array<char, FIND_LINE_SIZE> buffer;
-    while (qz::base::read_full_line(stream.get(), buffer)) {
-        const std::string_view line = buffer.data();
-        if (is_block_end(line)) {
+    std::array<char, FIND_LINE_SIZE> line;
+    while (qz::base::read_full_line(stream.get(), line)) {
+        if (is_block_end(line.data())) {
             if (in_block)
                 return -1;
         } else if (!in_block) {
-            in_block = is_block_header(line, block);
-        } else if (qz::base::contains(line, text)) {
+            in_block = is_block_header(line.data(), block);
+        } else if (strstr(line.data(), text) != nullptr) {
             return 0;
         }
     }

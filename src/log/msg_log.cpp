@@ -55,15 +55,12 @@ Destination msg_log_state;
 int threshold = QZLIB_LOG_INFO;
 uint32_t level_file_mtime = 0;
 
-void take_level_line(std::string_view line)
+void take_level_line(const char *line)
 {
-    if (!qz::base::starts_with(line, LEVEL_LINE_START))
-        return;
-    line.remove_prefix(sizeof LEVEL_LINE_START - 1);
-    const auto *level =
-        std::ranges::find_if(LEVELS, [line](const Level &l) { return qz::base::starts_with(line, l.word); });
-    if (level != LEVELS.end())
-        __atomic_store_n(&threshold, static_cast<int>(level - LEVELS.begin()), __ATOMIC_RELAXED);
+    const char *word = qz::base::behind_start(line, LEVEL_LINE_START);
+    for (size_t level = 0; word != nullptr && level < LEVELS.size(); ++level)
+        if (qz::base::behind_start(word, LEVELS[level].word) != nullptr)
+            return __atomic_store_n(&threshold, static_cast<int>(level), __ATOMIC_RELAXED);
 }
 
 void read_level_file()

@@ -8,7 +8,6 @@
 #include <array>
 #include <cstring>
 #include <qzlib.h>
-#include <string_view>
 
 namespace
 {
@@ -43,12 +42,12 @@ Path gpio_path(const char *gpio)
 
 // One write, since sysfs takes each write as a whole value. False when the file cannot be
 // opened; what the kernel makes of the value is not looked at.
-bool write_text(const Path &path, std::string_view text)
+bool write_text(const Path &path, const char *text)
 {
     const UniqueFd file(open(path.text.data(), O_WRONLY | O_TRUNC | O_CLOEXEC));
     if (!file)
         return false;
-    (void)!write(file.get(), text.data(), text.size());
+    (void)!write(file.get(), text, strlen(text));
     return true;
 }
 
@@ -67,7 +66,7 @@ int read_number(const Path &path)
     return read_first_line(path, line) ? atoi(line.data()) : -1; // NOLINT(cert-err34-c): the kernel's number
 }
 
-bool write_led(const char *led, const char *file, std::string_view text)
+bool write_led(const char *led, const char *file, const char *text)
 {
     return write_text(led_path(led, file), text);
 }
@@ -75,8 +74,8 @@ bool write_led(const char *led, const char *file, std::string_view text)
 bool write_led_number(const char *led, const char *file, int number)
 {
     char text[12];
-    const int length = snprintf(text, sizeof text, "%d", number);
-    return write_led(led, file, {text, static_cast<size_t>(length)});
+    snprintf(text, sizeof text, "%d", number);
+    return write_led(led, file, text);
 }
 
 bool write_delays(const char *led, int period_ms)

@@ -86,7 +86,7 @@ int32_t measure_latency(const char *host, const char *port)
 void take_default_signals(const sigset_t &sigterm)
 {
     for (const int number : {SIGTERM, SIGKILL, SIGHUP, SIGINT})
-        signal(number, SIG_DFL); // SIGKILL has no other: that refusal is no matter
+        (void)qzlib_sys_signal(number, SIG_DFL); // SIGKILL has no other: that refusal is no matter
     pthread_sigmask(SIG_UNBLOCK, &sigterm, nullptr);
 }
 

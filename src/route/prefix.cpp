@@ -115,7 +115,7 @@ QZ_EXPORT int qz_obsolete2ccid(char *out, const char *ip, const char *mask)
 {
     if (out == nullptr || ip == nullptr || mask == nullptr)
         return -1;
-    sprintf(out, "%s/%d", ip, string2masklen(mask)); // NOLINT: the caller's buffer holds ip and 4 bytes
+    (void)snprintf(out, strlen(ip) + sizeof "/32", "%s/%d", ip, string2masklen(mask)); // "/-1" at worst
     return 0;
 }
 

@@ -21,18 +21,9 @@ constexpr size_t LINE_SIZE = 128;
 constexpr char TOTAL_KEY[] = "MemTotal:";
 constexpr char AVAILABLE_KEY[] = "MemAvailable:";
 
-// The number at the front of a text, which moves behind it. 0 without a digit.
-uint64_t take_digits(const char *&text)
-{
-    uint64_t number = 0;
-    for (; *text >= '0' && *text <= '9'; ++text)
-        number = number * 10 + static_cast<uint64_t>(*text - '0');
-    return number;
-}
-
 struct Uptime {
-    uint64_t seconds = 0;
-    uint64_t fraction = 0; // the digits behind the point as a number: hundredths of a second
+    long long seconds = 0;
+    long long fraction = 0; // the digits behind the point as a number: hundredths of a second
 };
 
 // By plain reads: the latency probe takes its times in a child of a threaded process, where the
@@ -42,10 +33,10 @@ Uptime read_uptime()
     std::array<char, UPTIME_TEXT_SIZE> text;
     (void)qz::base::read_start("/proc/uptime", text); // without it: zero
     Uptime uptime;
-    const char *at = text.data();
-    uptime.seconds = take_digits(at);
-    if (*at++ == '.')
-        uptime.fraction = take_digits(at);
+    char *end = nullptr;
+    uptime.seconds = strtoll(text.data(), &end, 10);
+    if (*end == '.')
+        uptime.fraction = strtoll(end + 1, nullptr, 10);
     return uptime;
 }
 
@@ -63,7 +54,7 @@ bool find_value(const char *line, const char *key, uint32_t &value)
     const char *at = strstr(line, key);
     if (at == nullptr)
         return false;
-    value = static_cast<uint32_t>(strtoul(at + strlen(key), nullptr, 10));
+    value = static_cast<uint32_t>(strtoll(at + strlen(key), nullptr, 10));
     return true;
 }
 
@@ -145,7 +136,7 @@ QZ_EXPORT unsigned int qzlib_get_system_uptime(void)
 QZ_EXPORT unsigned long long qzlib_get_system_uptime_ms(void)
 {
     const Uptime uptime = read_uptime();
-    return uptime.seconds * 1000 + uptime.fraction;
+    return static_cast<unsigned long long>(uptime.seconds * 1000 + uptime.fraction);
 }
 
 QZ_EXPORT int qzlib_get_total_mem_size(void)
