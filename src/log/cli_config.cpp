@@ -86,10 +86,10 @@ private:
     // The first byte of a key may be zero: hence back to the boundary.
     static size_t area_size(std::span<const char> rest)
     {
-        const auto text_end = rest.begin() + static_cast<ptrdiff_t>(qz::base::field_text(rest).size());
-        const auto key = std::find_if(text_end, rest.end(), [](char c) { return c != '\0'; });
-        const auto offset = static_cast<size_t>(key - rest.begin());
-        return key == rest.end() ? offset : offset / ENTRY_ALIGNMENT * ENTRY_ALIGNMENT;
+        size_t size = qz::base::field_text(rest).size();
+        while (size < rest.size() && rest[size] == '\0')
+            ++size;
+        return size == rest.size() ? size : size / ENTRY_ALIGNMENT * ENTRY_ALIGNMENT;
     }
 
     std::span<char> bytes_;
@@ -187,7 +187,8 @@ private:
         bool found = false;
         std::array<char, GET_LINE_SIZE> line;
         while (qz::base::read_full_line(stream_, line) && !is_block_end(line.data())) {
-            if (qz::base::behind_start(line.data(), SHUTDOWN_LINE_START) != nullptr || parse_line(line.data()))
+            if (qz::base::behind_start(line.data(), SHUTDOWN_LINE_START) != nullptr ||
+                parse_line(line.data()))
                 found = true;
         }
         return found;

@@ -5,7 +5,6 @@
 #include <cstring>
 #include <mntent.h>
 #include <qzlib.h>
-#include <string_view>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 
@@ -21,27 +20,17 @@ bool is_device_node(const struct stat &status)
     return S_ISBLK(status.st_mode) || S_ISCHR(status.st_mode);
 }
 
-bool stands_for(const char *device, dev_t number)
-{
-    struct stat status;
-    return stat(device, &status) == 0 && status.st_rdev == number;
-}
-
-bool lies_on(const char *path, dev_t number)
-{
-    struct stat status;
-    return stat(path, &status) == 0 && status.st_dev == number;
-}
-
 // By name first. A device node is found by name only; any other path also by the number of the
 // device that holds it.
-bool is_mount_of(const mntent &entry, std::string_view path, const struct stat &status)
+bool is_mount_of(const mntent &entry, const char *path, const struct stat &status)
 {
-    if (path == entry.mnt_dir || path == entry.mnt_fsname)
+    if (strcmp(path, entry.mnt_dir) == 0 || strcmp(path, entry.mnt_fsname) == 0)
         return true;
     if (is_device_node(status))
         return false;
-    return stands_for(entry.mnt_fsname, status.st_dev) || lies_on(entry.mnt_dir, status.st_dev);
+    struct stat other;
+    return (stat(entry.mnt_fsname, &other) == 0 && other.st_rdev == status.st_dev) ||
+           (stat(entry.mnt_dir, &other) == 0 && other.st_dev == status.st_dev);
 }
 
 } // namespace
