@@ -81,7 +81,7 @@ uint32_t look_up(uint32_t bytes)
 }
 
 // Inlined by force: left to itself the compiler makes it a call, at half the speed.
-[[gnu::always_inline]] inline uint32_t feed_word(uint32_t reg, const unsigned char *data)
+[[maybe_unused, gnu::always_inline]] inline uint32_t feed_word(uint32_t reg, const unsigned char *data)
 {
     return look_up<4>(reg ^ load32(data)) ^ look_up<0>(load32(data + 4));
 }
@@ -99,7 +99,7 @@ constexpr uint32_t multiply(uint32_t a, uint32_t b)
 }
 
 // The factor by which a register grows when so many zero bytes follow: x^(8 * bytes).
-constexpr uint32_t zeros_factor(size_t bytes)
+[[maybe_unused]] constexpr uint32_t zeros_factor(size_t bytes)
 {
     uint32_t factor = 0x80000000U;                                // 1
     for (uint32_t power = 0x00800000U; bytes != 0; bytes >>= 1) { // x^8, squared for each bit of the count

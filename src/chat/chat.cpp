@@ -28,8 +28,15 @@ constexpr char USIM_REMOVED[] = "^SIMST:255";
 // What goes out in one write: a command with its carriage return, or raw bytes. Always
 // terminated, for the log.
 struct Line {
-    std::array<char, MAX_RAW + 1> bytes{};
-    size_t length = 0;
+    std::array<char, MAX_RAW + 1> bytes;
+    size_t length;
+
+    void take(const void *data, size_t size)
+    {
+        memcpy(bytes.data(), data, size);
+        bytes[size] = '\0';
+        length = size;
+    }
 };
 
 int refuse()
@@ -43,9 +50,9 @@ bool format_command(Line &line, const char *command)
     const size_t length = strnlen(command, MAX_COMMAND + 1);
     if (length > MAX_COMMAND)
         return false;
-    memcpy(line.bytes.data(), command, length);
-    line.bytes[length] = '\r';
-    line.length = length + 1;
+    line.take(command, length);
+    line.bytes[line.length++] = '\r';
+    line.bytes[line.length] = '\0';
     return true;
 }
 
@@ -192,8 +199,7 @@ int send_raw_read(int fd, const void *data, char *text, int length, int most, in
     if (length > 0)
         text[length - 1] = '\0';
     Line line;
-    line.length = static_cast<size_t>(length);
-    memcpy(line.bytes.data(), data, line.length);
+    line.take(data, static_cast<size_t>(length));
     const int written = send_counted(fd, line, log);
     if (written < 0)
         return written;

@@ -95,7 +95,6 @@ void write_hardware_address(const ifreq &answer, char *out, unsigned size)
 }
 
 struct Item {
-    void (*write)(const ifreq &answer, char *out, unsigned size);
     unsigned code;
     unsigned size;
     char *out;             // null: not asked for
@@ -111,7 +110,8 @@ int read_items(const Interface &interface, const char *ifname, std::span<const I
         if (item.out == nullptr)
             continue;
         if (interface.ask(item.code, answer)) {
-            item.write(answer, item.out, item.size);
+            const auto write = item.code == SIOCGIFHWADDR ? write_hardware_address : write_address;
+            write(answer, item.out, item.size);
             continue;
         }
         if (item.logged_as != nullptr)
@@ -200,9 +200,9 @@ QZ_EXPORT int qzlib_get_interface_info(const char *ifname, char *ip, unsigned ip
         return QZLIB_ERR_FAILED;
     }
     const Item items[] = {
-        {write_address, SIOCGIFADDR, ip_size, ip, nullptr},
-        {write_address, SIOCGIFNETMASK, mask_size, mask, nullptr},
-        {write_hardware_address, SIOCGIFHWADDR, mac_size, mac, nullptr},
+        {SIOCGIFADDR, ip_size, ip, nullptr},
+        {SIOCGIFNETMASK, mask_size, mask, nullptr},
+        {SIOCGIFHWADDR, mac_size, mac, nullptr},
     };
     return read_items(interface, ifname, items);
 }
@@ -233,10 +233,10 @@ QZ_EXPORT int qzlib_get_pppinterface_info(const char *ifname, char *ip, unsigned
         return QZLIB_ERR_FAILED;
     }
     const Item items[] = {
-        {write_address, SIOCGIFADDR, ip_size, ip, "address"},
-        {write_address, SIOCGIFDSTADDR, peer_size, peer, "peer address"},
-        {write_address, SIOCGIFNETMASK, mask_size, mask, "netmask"},
-        {write_hardware_address, SIOCGIFHWADDR, mac_size, mac, "mac address"},
+        {SIOCGIFADDR, ip_size, ip, "address"},
+        {SIOCGIFDSTADDR, peer_size, peer, "peer address"},
+        {SIOCGIFNETMASK, mask_size, mask, "netmask"},
+        {SIOCGIFHWADDR, mac_size, mac, "mac address"},
     };
     return read_items(interface, name, items);
 }

@@ -1,4 +1,5 @@
 #include "base/export.h"
+#include "base/text.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -35,8 +36,8 @@ int cidr_parse(const char *text, ParsedPrefix &out)
     out.length =
         slash == nullptr ? ADDRESS_BITS : atoi(slash + 1); // NOLINT(cert-err34-c): atoi's rules are meant
     const size_t address_length = slash == nullptr ? strlen(text) : static_cast<size_t>(slash - text);
-    std::array<char, IP_TEXT_SIZE + 1> address_text{};
-    memcpy(address_text.data(), text, std::min(address_length, IP_TEXT_SIZE));
+    std::array<char, IP_TEXT_SIZE + 1> address_text;
+    qz::base::copy_text(address_text, {text, address_length});
     Address address;
     if (inet_pton(AF_INET, address_text.data(), address.data()) < 1)
         return -1;

@@ -64,7 +64,7 @@ int read_mem_size(const char *key)
     const UniqueStream stream = open_meminfo();
     if (!stream)
         return -1;
-    std::array<char, LINE_SIZE> line{};
+    std::array<char, LINE_SIZE> line;
     uint32_t size_kb = 0;
     while (qz::base::read_line(stream.get(), line)) {
         if (find_value(line.data(), key, size_kb))
@@ -155,7 +155,7 @@ QZ_EXPORT int qzlib_get_mem_use_percent(void)
     const UniqueStream stream = open_meminfo();
     if (!stream)
         return -1;
-    std::array<char, LINE_SIZE> line{};
+    std::array<char, LINE_SIZE> line;
     uint32_t total = 0;
     uint32_t available = 0;
     while ((total == 0 || available == 0) && qz::base::read_line(stream.get(), line)) {
