@@ -78,7 +78,7 @@ QZ_EXPORT int qzlib_get_process_state_by_pid(int pid)
 {
     std::array<char, STAT_LINE_SIZE> line;
     (void)qz::base::read_start(process_path(pid, "stat").data(), line); // without it: no letter
-    *strchrnul(line.data(), '\n') = '\0';
+    line[strcspn(line.data(), "\n")] = '\0';
     char letter = '\0';
     if (sscanf(line.data(), "%*[^)]) %c", &letter) != 1)
         return 0;

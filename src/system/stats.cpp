@@ -107,7 +107,7 @@ CpuTicks read_cpu_ticks(const UniqueFd &file)
     std::array<char, LINE_SIZE> line{};
     if (pread(file.get(), line.data(), line.size() - 1, 0) < 0)
         return {};
-    *strchrnul(line.data(), '\n') = '\0';
+    line[strcspn(line.data(), "\n")] = '\0';
     return parse_cpu_line(line.data());
 }
 
