@@ -126,20 +126,21 @@ QZ_EXPORT int qzlib_connect_mbus_server(const char *name)
     return -1;
 }
 
-// Whoever waits for a packet leaves before the memory does.
+// Whoever waits for a packet leaves first: once the server has read the command, the record
+// may be another client's.
 QZ_EXPORT int qzlib_disconnect_mbus_server(void)
 {
     mbus_client *own = self();
     if (own == nullptr)
         return 0;
-    mbus_ctl_msg message = {MBUS_CTL_UNREGISTER, {}};
-    memcpy(message.name, own->name, sizeof message.name);
-    (void)qzlib_send_to_unixdomain(QZLIB_MBUS_SOCKET, &message, sizeof message); // the server may be gone
     set_connected(false);
     set_self(nullptr);
     force_condition(own->down_cond);
     wait_absence();
-    uninit_client(*own, true);
+    const Name name(*own);
+    const mbus_ctl_msg message = command(MBUS_CTL_UNREGISTER, name.text());
+    (void)qzlib_send_to_unixdomain(QZLIB_MBUS_SOCKET, &message, sizeof message); // the server may be gone
+    uninit_own(name);
     qzlib_mbus_share_uninit();
     return 0;
 }
