@@ -183,12 +183,14 @@ PACKET_PATH mbus_pkg *hand_out(Slot &slot, Attachment &attachment, uint8_t type,
     return &attachment.header;
 }
 
-ASIDE mbus_pkg *skip(const Ring &ring, uint32_t at, const mbus_client &client, uint8_t type, uint32_t length)
+// Its arguments are what the packet path has in registers anyway.
+ASIDE mbus_pkg *skip(Slot &slot, uint32_t &read, uint32_t at, const mbus_client &client, uint8_t type,
+                     uint32_t length)
 {
     MBUS_LOG(QZLIB_LOG_WARNING, "mbus read fail, name:%.32s, type:%d, len:%d", client.name, type,
              static_cast<int>(length));
-    __atomic_store_n(&ring.slots[at].data_address, 0, __ATOMIC_RELAXED);
-    __atomic_store_n(&ring.read, following(at), __ATOMIC_RELEASE);
+    __atomic_store_n(&slot.data_address, 0, __ATOMIC_RELAXED);
+    __atomic_store_n(&read, following(at), __ATOMIC_RELEASE);
     return nullptr;
 }
 
@@ -203,7 +205,7 @@ PACKET_PATH mbus_pkg *take(const Ring &ring, uint32_t at, Attachment &attachment
     const uint8_t type = load_relaxed(slot.type);
     const uint32_t length = load_relaxed(slot.length);
     if (type >= TYPES || length < 1 || length > READ_LENGTH_MAX)
-        return skip(ring, at, client, type, length);
+        return skip(slot, ring.read, at, client, type, length);
     __atomic_store_n(&slot.data_address, mark_of(slot), __ATOMIC_RELAXED);
     attachment.handed_out = at;
     bytes_read += length;
