@@ -67,12 +67,20 @@ void send_command(int fd, const mbus_ctl_msg &message)
         (void)!write(fd, &message, sizeof message);
 }
 
-// The server needs a moment to fill the record.
+// A record whose condition a client initialised: of this name's former life, most likely, which
+// the server may still be using.
+bool is_new(const mbus_client *record)
+{
+    return record != nullptr && !is_initialised(record->down_cond);
+}
+
+// The server needs a moment to fill the record, or to make an old one new. One that stays as it
+// is will do: not every server clears what it fills.
 mbus_client *await_record(const char *name)
 {
     pause_ms(1);
     mbus_client *record = qzlib_find_client_by_name(name);
-    for (unsigned failed = 1; record == nullptr && failed < ATTEMPTS; ++failed) {
+    for (unsigned failed = 1; !is_new(record) && failed < ATTEMPTS; ++failed) {
         pause_ms(failed);
         record = qzlib_find_client_by_name(name);
     }

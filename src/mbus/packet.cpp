@@ -45,11 +45,18 @@ uint32_t following(uint32_t slot)
     return (slot + 1) % SLOTS;
 }
 
+enum class Side { CLIENT, SERVER };
+
 // Sequentially consistent against begin_wait(): either the sleeper sees the packet or the
-// writer sees the sleeper.
-void publish(uint32_t &index, uint32_t slot)
+// writer sees the sleeper. False when the server's index moved meanwhile: a client that connects
+// anew has emptied the ring, and what lies before this packet is old.
+template <Side SIDE>
+bool publish(uint32_t &index, uint32_t before, uint32_t slot)
 {
+    if constexpr (SIDE == Side::SERVER)
+        return __atomic_compare_exchange_n(&index, &before, slot, false, __ATOMIC_SEQ_CST, __ATOMIC_RELAXED);
     __atomic_store_n(&index, slot, __ATOMIC_SEQ_CST);
+    return true;
 }
 
 bool is_empty(const Ring &ring)
@@ -100,10 +107,12 @@ struct Outgoing {
     }
 };
 
-// False when the ring is full.
+// False when the ring is full, or was emptied meanwhile.
+template <Side SIDE>
 PACKET_PATH bool put(const Ring &ring, const Outgoing &packet)
 {
-    const uint32_t at = load_index(ring.write);
+    const uint32_t before = load_relaxed(ring.write); // this side's own
+    const uint32_t at = before % SLOTS;
     const uint32_t next = following(at);
     if (next == load_index(ring.read))
         return false;
@@ -113,8 +122,7 @@ PACKET_PATH bool put(const Ring &ring, const Outgoing &packet)
     slot.data_address = mark_of(slot) | FRESH;
     copy_name(slot.name, packet.header.name);
     memcpy(slot.payload, packet.data, packet.length);
-    publish(ring.write, next);
-    return true;
+    return publish<SIDE>(ring.write, before, next);
 }
 
 ASIDE int drop(const mbus_client &client, pthread_cond_t &condition, uint64_t &dropped, uint32_t length)
@@ -139,7 +147,7 @@ int write_up(mbus_client &client, const Outgoing &packet)
     if (segment == nullptr || own.base == nullptr)
         return fail(client);
     client.client_offered += packet.length;
-    if (!put({own.up_ring(), client.up_write, client.up_read}, packet))
+    if (!put<Side::CLIENT>({own.up_ring(), client.up_write, client.up_read}, packet))
         return drop(client, segment->up_cond, client.client_dropped, packet.length);
     signal_condition(segment->up_cond, own.signals);
     return 0;
@@ -151,7 +159,7 @@ int write_down(mbus_client &client, const Outgoing &packet)
     if (attachment == nullptr || attachment->base == nullptr)
         return fail(client);
     client.server_offered += packet.length;
-    if (!put({attachment->down_ring(), client.down_write, client.down_read}, packet))
+    if (!put<Side::SERVER>({attachment->down_ring(), client.down_write, client.down_read}, packet))
         return drop(client, client.down_cond, client.server_dropped, packet.length);
     signal_condition(client.down_cond, attachment->signals);
     return 0;

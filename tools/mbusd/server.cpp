@@ -156,14 +156,13 @@ void Server::enter(size_t index, const std::string &name, int key, pid_t pid, in
 }
 
 // A client that left is nobody's destination any longer, but what it sent is still delivered.
+// Packets in hand for it stay: it may be back with the next command.
 void Server::leave(size_t index, const char *why)
 {
     Member &member = members_[index];
     log_line(QZLIB_LOG_INFO, "%s: %s", printable(member.name).c_str(), why);
     member.leaving = why;
     member.since_ms = now_ms();
-    for (Member &other : members_)
-        other.waiting.reset(index);
     forget_targets();
 }
 
@@ -196,6 +195,25 @@ void Server::remove(size_t index)
     forget_targets();
 }
 
+// Whether the packet in hand is still the ring's next one. A client that connected anew has
+// emptied the ring, and will write over a packet of its former life. The segment begins with a
+// page, so that the address tells the slot.
+bool Server::holds_next(size_t index) const
+{
+    constexpr uintptr_t PAGE = 4096;
+    const Member &member = members_[index];
+    const mbus_client &own = record(index);
+    if (member.held == nullptr || !differ(own.up_write, own.up_read))
+        return false;
+    const auto *const data = static_cast<const char *>(member.outgoing.data);
+    const auto address = reinterpret_cast<uintptr_t>(data);
+    uint32_t mark = 0; // this process's, while the slot is not written again
+    memcpy(&mark, data - sizeof mark, sizeof mark);
+    return mark == static_cast<uint32_t>(address) &&
+           address % PAGE ==
+               (QZLIB_MBUS_SLOT_PAYLOAD + uintptr_t{load(own.up_read)} * QZLIB_MBUS_SLOT_SIZE) % PAGE;
+}
+
 // The same name again, after a restart or a new connection. Record and segment stay: if this
 // server was late the client has found them already, and uses them. If it has not, they are
 // made as new.
@@ -208,9 +226,15 @@ void Server::renew(size_t index, pid_t pid)
         memset(&record(index).up_write, 0, sizeof(mbus_client) - offsetof(mbus_client, up_write));
         (void)qzlib_client_init(&record(index));
     }
-    const std::string name = member.name;
-    enter(index, name, member.key, pid, shmget(member.key, 0, 0));
+    const Member before = member;
+    const bool holds = holds_next(index);
+    enter(index, before.name, before.key, pid, shmget(before.key, 0, 0));
     member.attached = attached;
+    if (holds) {
+        member.held = before.held;
+        member.outgoing = before.outgoing;
+        member.waiting = before.waiting;
+    }
 }
 
 // Whether a name or key is to be had of its holder. A process that registers again has lost its

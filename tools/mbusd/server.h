@@ -83,6 +83,7 @@ private:
     size_t find_place();
     void add(const Command &command);
     void enter(size_t index, const std::string &name, int key, pid_t pid, int segment);
+    [[nodiscard]] bool holds_next(size_t index) const;
     void renew(size_t index, pid_t pid);
     void leave(size_t index, const char *why);
     [[nodiscard]] bool is_done(size_t index) const;
