@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <qzlib.h>
 #include <type_traits>
 
@@ -95,7 +96,7 @@ struct State {
     mbus_client *self;
     int present; // threads that are using the shared memory, see Presence
     Attachment own;
-    Attachment *recent; // of the clients, the one used last
+    Attachment *recent; // of the clients, the one used last; rings may be used by several threads
     // The server side: one for each table record, in the table's order, then any others.
     Attachment clients[QZLIB_MBUS_CLIENTS + OUTSIDE_RECORDS];
 };
@@ -129,12 +130,27 @@ inline mbus_share_segment *share()
 Attachment *search_attachment(const mbus_client *record);
 inline Attachment *find_attachment(const mbus_client *record)
 {
-    Attachment *recent = state.recent;
+    Attachment *recent = __atomic_load_n(&state.recent, __ATOMIC_RELAXED);
     return recent->record == record ? recent : search_attachment(record);
 }
 
-// qzlib_client_uninit() with the side already decided.
-void uninit_client(mbus_client &record, bool own_side);
+// A record's name, terminated and safe from a peer that changes it meanwhile.
+class Name
+{
+public:
+    explicit Name(const mbus_client &record)
+    {
+        memcpy(text_, record.name, sizeof record.name);
+        text_[sizeof record.name] = '\0';
+    }
+    [[nodiscard]] const char *text() const { return text_; }
+
+private:
+    char text_[QZLIB_MBUS_NAME_SIZE + 1];
+};
+
+// qzlib_client_uninit() of the own record, whose name the server may have cleared by now.
+void uninit_own(const Name &name);
 
 // Blocks until the process is connected. At once when it is.
 void wait_connected();
