@@ -1,29 +1,21 @@
 #include "support/box.h"
-#include "support/files.h"
-#include "support/network.h"
+#include "support/case.h"
 #include "support/pattern.h"
 #include "support/syslog_sink.h"
 
-#include <gtest/gtest.h>
 #include <qzlib.h>
 
-#include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
-#include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
 
 namespace
 {
 
 using support::read_file;
 using support::SyslogSink;
+using support::Table;
 
 // All actions and this thread's mask.
 struct SignalState {
@@ -51,7 +43,7 @@ struct SignalState {
 // A daemon with signal actions of its own, which must all be as before after the test, with no
 // descriptor and no child more than before.
 volatile sig_atomic_t signals_seen = 0;
-struct Commands : testing::Test {
+struct Commands : support::NothingLeft {
     Commands()
     {
         signal(SIGCHLD, SIG_IGN);
@@ -70,22 +62,14 @@ struct Commands : testing::Test {
     {
         closelog();
         EXPECT_TRUE(SignalState() == before) << "an action or the mask was not put back";
-        EXPECT_EQ(support::open_descriptors(), descriptors);
-        EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
-        EXPECT_EQ(errno, ECHILD);
         EXPECT_EQ(alarm(0), 0U);
     }
-    size_t descriptors = support::open_descriptors();
     SignalState before;
 };
 
 TEST_F(Commands, result_is_the_exit_code_or_the_raw_status)
 {
-    const struct {
-        const char *command;
-        int timeout_s;
-        int result;
-    } cases[] = {
+    const Table<const char *, int, int> cases = {
         {"exit 3", 0, 3},
         {"true", 5, 0},
         {"exit 255", -1, 255},
@@ -99,20 +83,22 @@ TEST_F(Commands, result_is_the_exit_code_or_the_raw_status)
         // The daemon itself ignores both meanwhile.
         {"kill -QUIT $PPID; kill -INT $PPID; exit 5", 0, 5},
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(system_dumb(c.command, c.timeout_s), c.result)
-            << (c.command != nullptr ? c.command : "null");
+    for (const auto &[command, timeout_s, result] : cases)
+        EXPECT_EQ(system_dumb(command, timeout_s), result) << (command != nullptr ? command : "null");
     EXPECT_EQ(signals_seen, 0);
 }
 
-TEST_F(Commands, command_is_cut_to_its_buffer)
+TEST_F(Commands, exe_cmd_gives_what_system_gives)
 {
     const std::string start = "exec >/tmp/out; printf %s ";
     EXPECT_EQ(system_dumb((start + std::string(300, 'x')).c_str(), 0), 0);
-    EXPECT_EQ(read_file("/tmp/out"), std::string(255 - start.size(), 'x'));
+    EXPECT_EQ(read_file("/tmp/out"), std::string(255 - start.size(), 'x')) << "cut to its buffer";
     signal(SIGCHLD, SIG_DFL); // the standard system() fails without
     EXPECT_EQ(qzlib_exe_cmd("%s%s", start.c_str(), std::string(2000, 'y').c_str()), 0);
     EXPECT_EQ(read_file("/tmp/out"), std::string(1023 - start.size(), 'y'));
+    EXPECT_EQ(qzlib_exe_cmd("exit %d", 3), 3 << 8);
+    EXPECT_EQ(qzlib_exe_cmd("kill -TERM $$"), SIGTERM);
+    EXPECT_EQ(qzlib_exe_cmd(nullptr), -1);
     signal(SIGCHLD, SIG_IGN);
 }
 
@@ -121,19 +107,13 @@ TEST_F(Commands, command_that_outlives_its_limit_is_killed_and_logged)
 {
     SyslogSink sink;
     const auto run = [&sink] {
-        const auto start = std::chrono::steady_clock::now();
+        const support::Stopwatch watch;
         EXPECT_EQ(system_dumb("echo $$ >/tmp/pid; exec sleep 30", 1), QZLIB_ERR_TIME_LIMIT);
-        const auto elapsed = std::chrono::steady_clock::now() - start;
-        EXPECT_GE(elapsed, std::chrono::seconds(1));
-        EXPECT_LT(elapsed, std::chrono::seconds(20));
-        const std::string line = sink.next();
-        std::string pid = read_file("/tmp/pid");
-        pid.pop_back();
-        EXPECT_EQ(line.substr(0, 4), "<12>"); // LOG_USER, LOG_WARNING
-        EXPECT_TRUE(support::matches(line, ".*: cannot wait the child process\\(" + pid +
-                                               "\\) die, force kill it\\{system_api->[0-9]+}"))
-            << line;
-        EXPECT_EQ(sink.next(), "");
+        EXPECT_GE(watch.seconds(), 1);
+        EXPECT_LT(watch.seconds(), 20);
+        const std::string pid = std::to_string(std::stoi(read_file("/tmp/pid")));
+        EXPECT_EQ(sink.take(), // LOG_USER, LOG_WARNING
+                  "<12>cannot wait the child process(" + pid + ") die, force kill it{system_api\n");
     };
     run();
     std::thread([&run] {
@@ -173,8 +153,8 @@ TEST_F(Commands, child_that_somebody_else_reaped_is_a_failure)
     const auto previous = qzlib_sys_signal(SIGUSR1, [](int) { (void)waitpid(-1, nullptr, 0); });
     // The command must not be dead before the handler runs.
     EXPECT_EQ(system_dumb("kill -USR1 $PPID; sleep 1; exit 3", 9), QZLIB_ERR_FAILED);
-    EXPECT_TRUE(support::matches(sink.next(),
-                                 ".*: cannot wait the child process\\([0-9]+\\) die\\{system_api->[0-9]+}"));
+    EXPECT_TRUE(
+        support::matches(sink.take(), "<12>cannot wait the child process\\([0-9]+\\) die\\{system_api\n"));
     signal(SIGUSR1, previous);
 }
 
@@ -193,15 +173,6 @@ TEST_F(Commands, what_cannot_be_started)
     ASSERT_EQ(mount("/dev/null", "/bin/sh", nullptr, MS_BIND, nullptr), 0); // no shell
     EXPECT_EQ(system_dumb("exit 3", 0), 127);
     umount("/bin/sh");
-    signal(SIGCHLD, SIG_IGN);
-}
-
-TEST_F(Commands, exe_cmd_gives_what_system_gives)
-{
-    signal(SIGCHLD, SIG_DFL);
-    EXPECT_EQ(qzlib_exe_cmd("exit %d", 3), 3 << 8);
-    EXPECT_EQ(qzlib_exe_cmd("kill -TERM $$"), SIGTERM);
-    EXPECT_EQ(qzlib_exe_cmd(nullptr), -1);
     signal(SIGCHLD, SIG_IGN);
 }
 
@@ -237,31 +208,32 @@ TEST(Descriptors, blocking_mode_is_switched)
 
 TEST(Descriptors, closed_slots_behave_as_daemons_know_it)
 {
-    const struct {
-        std::string closed;
-        int keep_stderr;
-        std::string after; // of each standard slot: n /dev/null, k kept, - closed
-    } cases[] = {{"", 0, "knn"},  {"", 1, "knk"},  {"0", 0, "nnn"},  {"1", 1, "k-k"},
-                 {"1", 0, "k-n"}, {"2", 0, "kn-"}, {"012", 0, "nnn"}};
-    for (const auto &c : cases)
-        EXPECT_EQ(support::run_child([&c] {
-                      const int kept = open("/", O_PATH);
-                      for (int fd = 0; fd < 3; ++fd)
-                          dup2(kept, fd);
-                      close(kept);
-                      for (const char slot : c.closed)
-                          close(slot - '0');
-                      (void)qzlib_stdout_to_null(c.keep_stderr);
-                      std::string after;
-                      for (const char *slot : {"/proc/self/fd/0", "/proc/self/fd/1", "/proc/self/fd/2"}) {
-                          char target[16] = {};
-                          const bool is_open = readlink(slot, target, 15) > 0;
-                          after += !is_open ? '-' : strcmp(target, "/dev/null") == 0 ? 'n' : 'k';
-                      }
-                      return after == c.after ? 42 : 1;
+    // Slots that are closed, whether to keep stderr; each slot after: n /dev/null, k kept, - closed.
+    const Table<std::string, int, std::string> cases = {{"", 0, "knn"},   {"", 1, "knk"},  {"0", 0, "nnn"},
+                                                        {"1", 1, "k-k"},  {"1", 0, "k-n"}, {"2", 0, "kn-"},
+                                                        {"012", 0, "nnn"}};
+    const auto slots_after = [](const std::string &closed, int keep_stderr) {
+        const int kept = open("/", O_PATH);
+        for (int fd = 0; fd < 3; ++fd)
+            dup2(kept, fd);
+        close(kept);
+        for (const char slot : closed)
+            close(slot - '0');
+        (void)qzlib_stdout_to_null(keep_stderr);
+        std::string after;
+        for (const char *slot : {"/proc/self/fd/0", "/proc/self/fd/1", "/proc/self/fd/2"}) {
+            char target[16] = {};
+            const bool is_open = readlink(slot, target, 15) > 0;
+            after += !is_open ? '-' : strcmp(target, "/dev/null") == 0 ? 'n' : 'k';
+        }
+        return after;
+    };
+    for (const auto &row : cases)
+        EXPECT_EQ(support::run_child([&] {
+                      return slots_after(std::get<0>(row), std::get<1>(row)) == std::get<2>(row) ? 42 : 1;
                   }),
                   42)
-            << c.closed << " " << c.after;
+            << std::get<0>(row) << " " << std::get<2>(row);
 }
 
 // A child with a name that sleeps until it is ended.
@@ -301,9 +273,7 @@ TEST(Processes, state_of_a_process)
         pid = sleeper.pid();
         EXPECT_EQ(qzlib_get_process_state_by_pid(pid), 4);
         kill(pid, SIGCONT);
-        for (int i = 0; i < 1000 && qzlib_get_process_state_by_pid(pid) != 2; ++i)
-            usleep(5000);
-        EXPECT_EQ(qzlib_get_process_state_by_pid(pid), 2);
+        EXPECT_TRUE(support::eventually([pid] { return qzlib_get_process_state_by_pid(pid) == 2; }));
         kill(pid, SIGKILL);
         siginfo_t info;
         ASSERT_EQ(waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
@@ -320,10 +290,8 @@ TEST(Processes, name_and_path_fit_their_buffers)
 {
     const Sleeper sleeper("a b\r");
     const std::string own_path = std::filesystem::read_symlink("/proc/self/exe");
-    const struct {
-        int (*function)(int pid, char *out, int size);
-        std::string whole;
-    } cases[] = {{qzlib_get_process_name_by_pid, "a b"}, {qzlib_get_process_path_by_pid, own_path}};
+    const Table<int (*)(int pid, char *out, int size), std::string> cases = {
+        {qzlib_get_process_name_by_pid, "a b"}, {qzlib_get_process_path_by_pid, own_path}};
     for (const auto &[function, whole] : cases) {
         char buffer[512];
         EXPECT_EQ(function(sleeper.pid(), buffer, 512), 0);
@@ -363,9 +331,7 @@ TEST(Processes, second_copy_from_the_same_path_ends_itself)
         std::filesystem::copy_file(UNIQUE_HELPER, std::string(directory) + "/unique_helper");
     }
     FILE *first = popen("exec /tmp/a/unique_helper >/tmp/a/out", "w"); // runs until pclose()
-    while (read_file("/tmp/a/out").empty())
-        usleep(5000);
-    EXPECT_EQ(read_file("/tmp/a/out"), "result 1\n");
+    EXPECT_TRUE(support::eventually([] { return read_file("/tmp/a/out") == "result 1\n"; }));
     EXPECT_EQ(support::sh("/tmp/a/unique_helper </dev/null"), "The process is already running\n");
     EXPECT_EQ(support::sh("/tmp/b/unique_helper </dev/null"), "result 1\n");
     pclose(first);
