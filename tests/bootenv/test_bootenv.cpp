@@ -5,10 +5,7 @@
 #include <linux/loop.h>
 #include <qzlib.h>
 
-#include <csignal>
-#include <cstring>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <map>
 #include <random>
 #include <sys/file.h>
@@ -18,10 +15,7 @@
 namespace
 {
 
-using support::read_file;
-using support::sh;
-using support::Table;
-using support::write_file;
+using namespace support;
 using Entries = std::vector<std::string>;
 
 constexpr size_t BLOCK = 0x20000;
@@ -115,14 +109,14 @@ void make_partition(size_t number, const std::string &name, const std::string &s
 }
 
 // A router whose second partition holds the block, on a file; blank.
-struct BootEnv : support::NothingLeft {
+struct BootEnv : NothingLeft {
     BootEnv()
     {
         make_partition(0, "boot\n", "262144\n");
         make_partition(1, "aboot\n", std::to_string(OFFSET + BLOCK) + "\n");
         write_file(DEVICE, std::string(OFFSET + BLOCK, '\xFF'));
     }
-    support::Cover classes{"/sys/class"};
+    Cover classes{"/sys/class"};
 };
 
 TEST(Crc32, equals_zlib_at_every_length_and_alignment)
@@ -227,6 +221,14 @@ TEST_F(BootEnv, cleared_or_spoilt_block_is_empty)
     EXPECT_EQ(qzlib_clear_boot_env(), 0);
     EXPECT_EQ(flash_block(), std::string(BLOCK, '\0'));
     EXPECT_EQ(value_of("b"), "-1");
+
+    const std::string endless = with_checksum(std::string("a=1\0b=2\0", 8) + std::string(DATA - 8, 'x'));
+    flash(endless);
+    EXPECT_EQ(listed(), (Entries{"a=1", "b=2"}));
+    EXPECT_EQ(value_of("c"), "-1") << "looked for outside the data";
+    EXPECT_EQ(qzlib_set_boot_env("a", "3"), -1);
+    EXPECT_EQ(qzlib_set_boot_env("c", "3"), -1);
+    EXPECT_EQ(flash_block(), endless);
 }
 
 TEST_F(BootEnv, an_entry_may_fill_the_data_but_not_pass_it)
@@ -249,17 +251,6 @@ TEST_F(BootEnv, an_entry_may_fill_the_data_but_not_pass_it)
     EXPECT_EQ(flash_block(), block_of({full[1], "a=2"}));
 }
 
-TEST_F(BootEnv, list_without_end_stays_inside_the_data)
-{
-    const std::string endless = with_checksum(std::string("a=1\0b=2\0", 8) + std::string(DATA - 8, 'x'));
-    flash(endless);
-    EXPECT_EQ(listed(), (Entries{"a=1", "b=2"}));
-    EXPECT_EQ(value_of("c"), "-1");
-    EXPECT_EQ(qzlib_set_boot_env("a", "3"), -1);
-    EXPECT_EQ(qzlib_set_boot_env("c", "3"), -1);
-    EXPECT_EQ(flash_block(), endless);
-}
-
 TEST_F(BootEnv, listing_an_empty_environment_keeps_the_device_until_the_next_call)
 {
     const int other = open(DEVICE, O_RDWR);
@@ -269,7 +260,7 @@ TEST_F(BootEnv, listing_an_empty_environment_keeps_the_device_until_the_next_cal
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(listed(), Entries{});
         ASSERT_EQ(flock(other, LOCK_EX | LOCK_NB), -1); // else the next call would wait for ever
-        EXPECT_EQ(support::open_descriptors(), descriptors + 2);
+        EXPECT_EQ(open_descriptors(), descriptors + 2);
     }
     flash(block_of({"a=1"}));
     EXPECT_EQ(value_of("a"), "-1") << "the block in memory is used";
@@ -304,7 +295,7 @@ TEST_F(BootEnv, partition_is_searched_by_name_and_only_until_found)
             write_file(device, "");
         const std::string expected = device != nullptr ? "0 " : "-1 can't get boot env device and offset\n";
         const auto set = [&expected] { return printed_by_set() == expected ? 0 : 1; };
-        EXPECT_EQ(support::run_child(set), 0) << &names - &std::get<0>(cases[0]);
+        EXPECT_EQ(run_child(set), 0) << &names - &std::get<0>(cases[0]);
         if (device != nullptr) {
             EXPECT_EQ(read_file(device), block_of({"a=1"})) << device;
         }
@@ -359,7 +350,7 @@ int attach_full_device()
 
 TEST_F(BootEnv, failed_write_is_reported)
 {
-    const support::Cover space("/mnt", "size=64k");
+    const Cover space("/mnt", "size=64k");
     const int loop = attach_full_device();
     EXPECT_EQ(printed_by_set(), "-1 write /dev/mtdblock1 fail\n");
     EXPECT_EQ(printed([] { return qzlib_clear_boot_env(); }), "-1 write /dev/mtdblock1 fail\n");
@@ -412,19 +403,19 @@ TEST_F(BootEnv, change_made_between_another_process_s_read_and_its_lock_is_lost)
     flash(block_of({"a=1"}));
     const int holder = open(DEVICE, O_RDWR);
     ASSERT_EQ(flock(holder, LOCK_EX), 0);
-    const pid_t child = support::start_child([] { return -qzlib_set_boot_env("b", "2"); });
+    const pid_t child = start_child([] { return -qzlib_set_boot_env("b", "2"); });
     const auto waits = [] { return read_file("/proc/locks").find("->") != std::string::npos; };
-    EXPECT_TRUE(support::eventually(waits)); // it has read the block by now
+    EXPECT_TRUE(eventually(waits)); // it has read the block by now
     flash(block_of({"a=changed", "c=3"}));
     flock(holder, LOCK_UN); // the child has the descriptor, too
     close(holder);
-    EXPECT_EQ(support::wait_child(child), 0);
+    EXPECT_EQ(wait_child(child), 0);
     EXPECT_EQ(flash_block(), block_of({"a=1", "b=2"})) << "by design: the lock comes after the read";
 }
 
 TEST_F(BootEnv, two_processes_lose_updates_but_never_the_file)
 {
-    const int rounds = support::scaled(300);
+    const int rounds = scaled(300);
     const auto writer = [rounds](const char *name) {
         for (int i = 1; i <= rounds; ++i)
             if (qzlib_set_boot_env(name, std::to_string(i).c_str()) != 0)
@@ -433,16 +424,16 @@ TEST_F(BootEnv, two_processes_lose_updates_but_never_the_file)
     };
     ASSERT_EQ(qzlib_set_boot_env("seed", "0"), 0);
     const int locked = open(DEVICE, O_RDWR);
-    const pid_t first = support::start_child([&] { return writer("first"); });
-    const pid_t second = support::start_child([&] { return writer("second"); });
+    const pid_t first = start_child([&] { return writer("first"); });
+    const pid_t second = start_child([&] { return writer("second"); });
     for (int i = 0; i < rounds; ++i) {
         flock(locked, LOCK_EX);
         const std::string block = flash_block();
         flock(locked, LOCK_UN);
         EXPECT_EQ(block, with_checksum(block.substr(4))) << "invalid while nobody may write";
     }
-    EXPECT_EQ(support::wait_child(first), 0);
-    EXPECT_EQ(support::wait_child(second), 0);
+    EXPECT_EQ(wait_child(first), 0);
+    EXPECT_EQ(wait_child(second), 0);
     close(locked);
     Entries entries = listed();
     EXPECT_FALSE(entries.empty()) << "a valid block at the end";
@@ -476,22 +467,16 @@ Entries random_variables(std::mt19937 &random)
     return entries;
 }
 
-struct StandardTools : BootEnv {
-    StandardTools()
-    {
-        sh("mkdir -p /var/lock /run/lock"); // for the tools' lock file
-        write_file("/tmp/fw.config", std::string(DEVICE) + " 0x40000 0x20000\n");
-        write_file("/tmp/setenv.config", "/tmp/env.bin 0x0 0x20000\n"); // it writes no file at an offset
-    }
-    std::mt19937 random{42};
-};
-
-TEST_F(StandardTools, blocks_made_by_mkenvimage_and_fw_setenv_are_read)
+TEST_F(BootEnv, blocks_are_exchanged_with_the_standard_tools)
 {
+    sh("mkdir -p /var/lock /run/lock"); // for the tools' lock file
+    write_file("/tmp/fw.config", std::string(DEVICE) + " 0x40000 0x20000\n");
+    write_file("/tmp/setenv.config", "/tmp/env.bin 0x0 0x20000\n"); // it writes no file at an offset
     const std::string commands[] = {"mkenvimage -s 0x20000 -p 0x00 -o /tmp/env.bin /tmp/env.txt",
                                     "mkenvimage -s 0x20000 -p 0xff -o /tmp/env.bin /tmp/env.txt",
                                     "fw_setenv -c /tmp/setenv.config -s /tmp/env.txt"};
-    for (int i = 0; i < support::scaled(1000); ++i) {
+    std::mt19937 random{42};
+    for (int i = 0; i < scaled(1000); ++i) {
         const Entries entries = random_variables(random);
         write_file("/tmp/env.txt", joined(entries, '\n'));
         write_file("/tmp/env.bin", block_of({"kept_by_fw_setenv=1"}));
@@ -500,13 +485,7 @@ TEST_F(StandardTools, blocks_made_by_mkenvimage_and_fw_setenv_are_read)
         Entries found = listed();
         EXPECT_EQ(std::erase(found, "kept_by_fw_setenv=1"), i % 3 == 2 ? 1U : 0U);
         ASSERT_EQ(found, entries);
-    }
-}
 
-TEST_F(StandardTools, blocks_of_the_library_are_read_by_fw_printenv)
-{
-    for (int i = 0; i < support::scaled(1000); ++i) {
-        const Entries entries = random_variables(random);
         ASSERT_EQ(qzlib_clear_boot_env(), 0);
         for (const std::string &entry : entries) {
             const size_t equals = entry.find('=');

@@ -1,8 +1,6 @@
 #include "support/modem.h"
 
 #include <climits>
-#include <cstring>
-#include <functional>
 #include <poll.h>
 #include <pty.h>
 #include <termios.h>
@@ -10,13 +8,12 @@
 namespace
 {
 
+using namespace support;
+
 // Some milliseconds on a quiet machine; the rest is for one that runs six tests at once. A pass
 // too many waits a second at least and does not hide in it.
 constexpr double GRACE_S = 1.0;
 
-using support::Stopwatch;
-using support::Table;
-using support::take_log;
 using Results = std::vector<int>;
 
 constexpr int FLAGS = O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
@@ -61,20 +58,20 @@ std::string lines(const std::string &text, const std::vector<std::string> &argum
 struct Line : testing::Test {
     Line()
     {
-        support::start_log();
+        start_log();
         EXPECT_EQ(openpty(&peer, &fd, name, nullptr, nullptr), 0);
         termios raw{};
         tcgetattr(fd, &raw);
         cfmakeraw(&raw);
         tcsetattr(fd, TCSANOW, &raw);
         signal(SIGALRM, SIG_IGN);
-        descriptors = support::open_descriptors();
+        descriptors = open_descriptors();
     }
     ~Line() override
     {
         if (answering.joinable())
             answering.join();
-        EXPECT_EQ(support::open_descriptors(), descriptors);
+        EXPECT_EQ(open_descriptors(), descriptors);
         EXPECT_EQ(alarm(0), 0U) << "an alarm is left";
     }
 
@@ -162,6 +159,7 @@ TEST_F(Line, bad_arguments_are_refused_with_nothing_sent)
     EXPECT_EQ(chat_send_expect(fd, "AT", nullptr, 0, 0), -1);
     EXPECT_EQ(chat_send_read(fd, "AT", nullptr, 16, 0, 0), -1);
     EXPECT_EQ(sent(), "");
+    EXPECT_STREQ(b, "untouched");
     EXPECT_EQ(call_all(fd, 0, nullptr, "AT", nullptr), (Results{3, -1, -1, -1, -1, -1, -1}));
     EXPECT_EQ(sent(), "AT\r");
     EXPECT_EQ(take_log(), lines("<ERROR>argument error%", std::vector<std::string>(31, "")));
@@ -330,7 +328,7 @@ TEST_F(Line, failures_are_logged_counted_and_returned)
     EXPECT_EQ(take_log(), lines("<ERROR>cannot read( " + std::to_string(writer) + ", , % )",
                                 {"511", "15", "511", "15", "1", "1"}));
     EXPECT_EQ(at_modem_error, 9);
-    EXPECT_EQ(support::read_file("/tmp/file"), "AT\rAT\rAT\rATAT");
+    EXPECT_EQ(read_file("/tmp/file"), "AT\rAT\rAT\rATAT");
     close(writer);
 }
 
@@ -389,10 +387,10 @@ TEST_P(BadModem, every_call_ends_in_time_with_what_arrived)
 {
     const auto &[name, fault, answer, arrives_s, errors] = PROFILES[GetParam()];
     const double limit_s = arrives_s + 1 + GRACE_S;
-    const size_t descriptors = support::open_descriptors();
-    support::start_log();
-    support::Modem modem({"--fault", fault});
-    const int fd = dev_init(support::Modem::TTY, FLAGS, 115200);
+    const size_t descriptors = open_descriptors();
+    start_log();
+    Modem modem({"--fault", fault});
+    const int fd = dev_init(Modem::TTY, FLAGS, 115200);
     ASSERT_GT(fd, 0);
 
     char b[512] = "";
@@ -419,7 +417,7 @@ TEST_P(BadModem, every_call_ends_in_time_with_what_arrived)
     EXPECT_GE(at_modem_error, errors);
     EXPECT_LE(at_modem_error, errors + (hung_up_first ? 1 : 0));
     EXPECT_EQ(dev_close(fd), 0);
-    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 INSTANTIATE_TEST_SUITE_P(Profiles, BadModem, testing::Range<size_t>(0, std::size(PROFILES)),
@@ -427,9 +425,9 @@ INSTANTIATE_TEST_SUITE_P(Profiles, BadModem, testing::Range<size_t>(0, std::size
 
 TEST(SimulatedModem, removal_of_the_card_is_seen_in_the_answer)
 {
-    support::start_log();
-    support::Modem modem({"--fault", "usim@AT+CREG?"});
-    const int fd = dev_init(support::Modem::TTY, FLAGS, 115200);
+    start_log();
+    Modem modem({"--fault", "usim@AT+CREG?"});
+    const int fd = dev_init(Modem::TTY, FLAGS, 115200);
     char b[512];
     EXPECT_GT(chat_send_read(fd, "AT+CREG?", b, sizeof b, 1, 0), 0);
     EXPECT_EQ(b, std::string(ANSWER) + "\r\n^SIMST:255\r\n");
@@ -463,9 +461,9 @@ class LineThatNeverDrains : public testing::TestWithParam<size_t>
 TEST_P(LineThatNeverDrains, is_given_up_at_the_limit_and_of_use_again)
 {
     const auto &[name, limit_s, message, errors, call] = STALLED[GetParam()];
-    support::start_log();
-    support::Modem modem({"--fault", "stall"});
-    const int fd = dev_init(support::Modem::TTY, FLAGS, 115200);
+    start_log();
+    Modem modem({"--fault", "stall"});
+    const int fd = dev_init(Modem::TTY, FLAGS, 115200);
     take_log();
     char b[16];
     const Stopwatch watch;

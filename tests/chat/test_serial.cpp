@@ -9,9 +9,7 @@
 namespace
 {
 
-using support::Stopwatch;
-using support::take_log;
-
+using namespace support;
 constexpr int FLAGS = O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
 constexpr int SIGNALS[] = {SIGHUP, SIGINT, SIGALRM, SIGQUIT, SIGPIPE, SIGTERM};
 
@@ -48,7 +46,7 @@ std::string received(const std::vector<int> &signals)
 struct Serial : testing::Test {
     Serial()
     {
-        support::start_log();
+        start_log();
         for (const int signal : SIGNALS) {
             struct sigaction action = {};
             action.sa_handler = own_handler;
@@ -58,13 +56,13 @@ struct Serial : testing::Test {
         char name[64];
         EXPECT_EQ(openpty(&master, &slave, name, nullptr, nullptr), 0);
         path = name;
-        descriptors = support::open_descriptors();
+        descriptors = open_descriptors();
     }
     ~Serial() override
     {
         EXPECT_EQ(alarm(0), 0U) << "an alarm is left";
         EXPECT_EQ(handlers(), "oooooo");
-        EXPECT_EQ(support::open_descriptors(), descriptors);
+        EXPECT_EQ(open_descriptors(), descriptors);
     }
 
     [[nodiscard]] std::string opened() const { return "<INFO>open the device(" + path + ") succeed\n"; }
@@ -191,7 +189,7 @@ TEST_F(Serial, signals_during_the_set_up_are_logged_and_survived)
     const pid_t sender = fork();
     if (sender == 0) {
         // The line is raw as soon as the pulse begins, and that lasts a second.
-        (void)support::eventually([this] { return settings_of(slave).c_lflag == 0; });
+        (void)eventually([this] { return settings_of(slave).c_lflag == 0; });
         for (const int signal : {SIGTERM, SIGQUIT, SIGPIPE, SIGHUP}) {
             kill(self, signal);
             usleep(50'000); // one at a time, for the order of the log
@@ -208,8 +206,8 @@ TEST_F(Serial, signals_during_the_set_up_are_logged_and_survived)
 
 TEST_F(Serial, device_that_hangs_while_it_is_set_up_is_given_up_after_five_seconds)
 {
-    support::filter_calls(SYS_ioctl, 1, TCSETSF, SECCOMP_RET_USER_NOTIF);
-    descriptors = support::open_descriptors();
+    filter_calls(SYS_ioctl, 1, TCSETSF, SECCOMP_RET_USER_NOTIF);
+    descriptors = open_descriptors();
     const Stopwatch watch;
     EXPECT_EQ(dev_init(path.c_str(), FLAGS, 115200), -1);
     EXPECT_GE(watch.seconds(), 6.0); // the alarm, and the pulse on DTR
@@ -221,8 +219,8 @@ TEST_F(Serial, device_that_hangs_while_it_is_closed_is_given_up_after_five_secon
 {
     const int fd = dev_init(path.c_str(), FLAGS, 115200);
     take_log();
-    support::filter_calls(SYS_ioctl, 1, TCSETSF, SECCOMP_RET_USER_NOTIF);
-    descriptors = support::open_descriptors() - 1;
+    filter_calls(SYS_ioctl, 1, TCSETSF, SECCOMP_RET_USER_NOTIF);
+    descriptors = open_descriptors() - 1;
     const Stopwatch watch;
     EXPECT_EQ(dev_close(fd), -1);
     EXPECT_GE(watch.seconds(), 5.0);
@@ -232,7 +230,7 @@ TEST_F(Serial, device_that_hangs_while_it_is_closed_is_given_up_after_five_secon
 
 TEST_F(Serial, calls_reach_the_kernel_in_the_order_that_drivers_expect)
 {
-    const auto describe = [](const support::Call &call) -> std::string {
+    const auto describe = [](const Call &call) -> std::string {
         if (call.number == SYS_rt_sigaction && call.args[1] != 0)
             return "signal " + std::to_string(call.args[0]);
         if (call.number == SYS_alarm)
@@ -250,7 +248,7 @@ TEST_F(Serial, calls_reach_the_kernel_in_the_order_that_drivers_expect)
         "signal 3", "signal 13", "signal 15", "alarm 5", "flush and set", "alarm 0", "signal 1", "signal 2",
         "signal 14", "signal 3", "signal 13", "signal 15"};
     const auto open_and_close = [this] { dev_close(dev_init(path.c_str(), FLAGS, 115200)); };
-    EXPECT_EQ(support::trace_calls(open_and_close, describe), expected);
+    EXPECT_EQ(trace_calls(open_and_close, describe), expected);
 }
 
 TEST(Speeds, tables_hold_the_rates_of_the_line)

@@ -5,14 +5,10 @@
 #include <linux/watchdog.h>
 #include <qzlib.h>
 
-#include <fcntl.h>
-
 namespace
 {
 
-using support::Table;
-using support::write_file;
-
+using namespace support;
 constexpr const char *DEVICE_INFO = "/tmp/device.info";
 constexpr const char *WATCHDOG = "/dev/mdm9x07_watchdog";
 
@@ -62,7 +58,7 @@ TEST(DeviceInfo, value_stands_between_the_first_two_colons)
 
 TEST(KernelFiles, versions_and_cpu_id)
 {
-    const support::Cover proc("/proc"); // this machine's /proc has no device tree
+    const Cover proc("/proc"); // this machine's /proc has no device tree
     EXPECT_EQ(text_of(qzlib_get_device_bootversion), "-1");
     EXPECT_EQ(text_of(qzlib_get_device_kernelversion), "-1");
     EXPECT_EQ(qzlib_get_cpuid(), 0U);
@@ -91,7 +87,7 @@ TEST(KernelFiles, versions_and_cpu_id)
 
 TEST(KernelFiles, module_and_board_from_the_device_tree)
 {
-    const support::Cover proc("/proc");
+    const Cover proc("/proc");
     EXPECT_EQ(qzlib_get_moduel_type(), 0);
     EXPECT_EQ(qzlib_get_board_type(), 0);
     const Table<std::string, int, int> cases = {
@@ -121,7 +117,7 @@ TEST(Files, web_version_and_temperature)
         EXPECT_EQ(text_of(qzlib_get_device_webversion), expected);
     }
 
-    const support::Cover devices("/sys/devices/virtual");
+    const Cover devices("/sys/devices/virtual");
     const std::string temperature = "/sys/devices/virtual/thermal/thermal_zone0/temp";
     EXPECT_EQ(qzlib_get_cputempture(), -1);
     for (const auto &[content, expected] : Table<const char *, int>{{"-7", -7}, {"45000\n1\n", 45000}}) {
@@ -141,7 +137,7 @@ TEST(Files, web_version_and_temperature)
 
 TEST(SerialNumber, is_taken_from_the_settings)
 {
-    const size_t descriptors = support::open_descriptors();
+    const size_t descriptors = open_descriptors();
     // What `nvram show` prints, the size given, and all of the buffer of '#' if it succeeds.
     const Table<std::string, int, std::string> cases = {
         {"echo a=1; echo 'hd_number= SN42 '; echo b=2", 16, std::string("SN42") + std::string(12, '\0')},
@@ -153,7 +149,7 @@ TEST(SerialNumber, is_taken_from_the_settings)
         {"exit 3", 16, ""},
     };
     for (const auto &[script, size, expected] : cases) {
-        support::fake_command("nvram", "#!/bin/sh\n[ \"$*\" = show ] || exit 1\n" + script);
+        fake_command("nvram", "#!/bin/sh\n[ \"$*\" = show ] || exit 1\n" + script);
         std::string out(16, '#');
         EXPECT_EQ(qzlib_get_dev_sn(out.data(), size), expected.empty() ? -1 : 0) << script;
         EXPECT_EQ(out, expected.empty() ? std::string(16, '#') : expected) << script;
@@ -162,7 +158,7 @@ TEST(SerialNumber, is_taken_from_the_settings)
     EXPECT_EQ(qzlib_get_dev_sn(out, 0), -257);
     EXPECT_EQ(qzlib_get_dev_sn(out, -1), -257);
     EXPECT_EQ(qzlib_get_dev_sn(nullptr, 16), -257);
-    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 TEST(Watchdog, one_byte_feeds_and_a_request_stops)
@@ -176,26 +172,26 @@ TEST(Watchdog, one_byte_feeds_and_a_request_stops)
     };
     const std::string name = "mdm9x07_watchdog";
     EXPECT_EQ(
-        support::trace_writes("/dev/", use),
+        trace_writes("/dev/", use),
         (std::vector<std::string>{name + "=\n", name + " ioctl " + std::to_string(WDIOC_SETOPTIONS) + " 1"}));
 }
 
 TEST(Watchdog, device_is_opened_once_and_a_failure_tried_again)
 {
-    const size_t descriptors = support::open_descriptors();
+    const size_t descriptors = open_descriptors();
     EXPECT_EQ(qzlib_watchdog_feed(), -1);
     EXPECT_EQ(qzlib_watchdog_stop(), -1);
-    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_EQ(open_descriptors(), descriptors);
     write_file(WATCHDOG, "");
     close(0); // descriptor 0, next to be given, means "not open"
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(qzlib_watchdog_feed(), 1);
-    EXPECT_EQ(support::read_file(WATCHDOG), "\n\n\n");
+    EXPECT_EQ(read_file(WATCHDOG), "\n\n\n");
     errno = 0;
     EXPECT_EQ(qzlib_watchdog_stop(), -1) << "a plain file knows no such request";
     EXPECT_EQ(errno, ENOTTY);
     EXPECT_LT(fcntl(0, F_GETFD), 0);
-    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 } // namespace

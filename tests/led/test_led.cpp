@@ -7,16 +7,14 @@
 namespace
 {
 
-using support::Table;
-using support::trace_writes;
-using support::write_file;
+using namespace support;
 using Writes = std::vector<std::string>;
 
 constexpr const char *CLASS = "/sys/class/";
 const std::string LEDS = "/sys/class/leds/";
 constexpr const char *NAMES[] = {"power", "data", "net", "rssi0", "rssi1", "rssi2", "rssi3"};
 
-struct Led : support::NothingLeft {
+struct Led : NothingLeft {
     Led()
     {
         for (const char *led : NAMES)
@@ -24,7 +22,7 @@ struct Led : support::NothingLeft {
                 write_file(LEDS + led + "/" + file, "");
         write_file("/sys/class/gpio/sim_select/value", "1\n");
     }
-    support::Cover classes{CLASS};
+    Cover classes{CLASS};
 };
 
 TEST_F(Led, modes_and_actions_are_written_in_order)

@@ -2,14 +2,10 @@
 
 #include <qzlib.h>
 
-#include <cstring>
-
 namespace
 {
 
-using support::Table;
-using support::write_file;
-
+using namespace support;
 constexpr const char *CLI_CONF = "/tmp/config/cli.conf";
 constexpr int WORDS = QZLIB_CLI_WORDS;
 constexpr int LINES = 0;
@@ -149,7 +145,7 @@ TEST(CliFindParemeter, looks_in_the_block_with_exactly_that_header)
 
 TEST(CliConfig, odd_files_give_no_block_and_leave_no_descriptor)
 {
-    const size_t descriptors = support::open_descriptors();
+    const size_t descriptors = open_descriptors();
     const auto look = [] {
         EXPECT_EQ(Lookup().get(LINES), -1);
         EXPECT_EQ(cli_find_paremeter("interface", "lan"), -1);
@@ -164,7 +160,7 @@ TEST(CliConfig, odd_files_give_no_block_and_leave_no_descriptor)
         write_file(CLI_CONF, file);
         look();
     }
-    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 } // namespace

@@ -9,12 +9,7 @@
 namespace
 {
 
-using support::read_file;
-using support::set_mtime;
-using support::SyslogSink;
-using support::Table;
-using support::write_file;
-
+using namespace support;
 constexpr const char *CLI_CONF = "/tmp/config/cli.conf";
 constexpr const char *LOG = "/tmp/daemon.log";
 
@@ -95,7 +90,7 @@ TEST_F(FileLog, line_is_time_level_ident_and_message)
         debug_msg(level, "module", 42, "rssi %d of %s", -71, "wwan0");
         const std::string line = "\\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\]" +
                                  std::string(prefixes[level]) + "id:rssi -71 of wwan0\n";
-        EXPECT_TRUE(support::matches(read_file(LOG), line)) << read_file(LOG);
+        EXPECT_TRUE(matches(read_file(LOG), line)) << read_file(LOG);
     }
     struct stat status {
     };
@@ -155,7 +150,7 @@ TEST_F(FileLog, file_that_cannot_be_opened_costs_one_message)
 
 TEST_F(FileLog, messages_of_threads_are_whole_lines_and_leak_nothing)
 {
-    const size_t descriptors = support::open_descriptors();
+    const size_t descriptors = open_descriptors();
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([t] {
@@ -169,10 +164,10 @@ TEST_F(FileLog, messages_of_threads_are_whole_lines_and_leak_nothing)
     for (std::thread &thread : threads)
         thread.join();
     const std::string log = read_file(LOG);
-    const support::Pattern line("\\[[-0-9: ]+\\]<ERROR>id:thread [0-9] message [0-9]{3} end\n");
+    const Pattern line("\\[[-0-9: ]+\\]<ERROR>id:thread [0-9] message [0-9]{3} end\n");
     EXPECT_EQ(line.count_in(log), 1000U);
     EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1000);
-    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 TEST(SyslogMode, priorities_and_formats)

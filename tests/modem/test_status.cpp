@@ -1,13 +1,9 @@
 #include "support/modem.h"
 
-#include <algorithm>
-#include <atomic>
-
 namespace
 {
 
-using support::write_file;
-
+using namespace support;
 constexpr const char *INFO = "/tmp/modem.info";
 
 int load(const std::string &content)
@@ -36,7 +32,7 @@ TEST(ModemStatus, values_are_found_by_their_exact_name)
     EXPECT_EQ(value("rssi"), "(null)") << "before the first update";
     EXPECT_EQ(value(""), "");
     EXPECT_EQ(load("rssi:-71\nsim:READY\nurl: http://a:80 \r\n:anonymous\nempty:\nsim:SECOND\n"), 0);
-    const support::Table<const char *, const char *> cases = {
+    const Table<const char *, const char *> cases = {
         {"rssi", "-71"}, {"sim", "READY"},   {"url", " http://a:80 \r"}, {"", "anonymous"},
         {"empty", ""},   {"RSSI", "(null)"}, {"rs", "(null)"},           {"rssi:", "(null)"}};
     for (const auto &[name, expected] : cases)
@@ -113,7 +109,7 @@ TEST(ModemStatus, long_names_and_values_stay_inside_the_table)
 
 TEST(ModemStatus, file_replaced_while_it_is_read_gives_one_table_or_the_other)
 {
-    const size_t descriptors = support::open_descriptors();
+    const size_t descriptors = open_descriptors();
     load(lines(64, "0 "));
     std::atomic<bool> stop = false;
     std::thread writer([&] {
@@ -129,19 +125,19 @@ TEST(ModemStatus, file_replaced_while_it_is_read_gives_one_table_or_the_other)
     }
     stop = true;
     writer.join();
-    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 TEST(ModemDaemon, publishes_what_the_modem_says_and_survives_the_tty)
 {
     const auto becomes = [](const char *name, const char *expected) {
-        return support::eventually([=] {
+        return eventually([=] {
             qzlib_update_modem_status_info_tab();
             return value(name) == expected;
         });
     };
-    support::Modem modem;
-    support::Program daemon({"modemd", support::Modem::TTY});
+    Modem modem;
+    Program daemon({"modemd", Modem::TTY});
     EXPECT_TRUE(becomes("sim", "READY"));
     modem.control("value csq = 31,99");
     EXPECT_TRUE(becomes("rssi", "-51"));

@@ -2,7 +2,6 @@
 #include "support/case.h"
 #include "support/syslog_sink.h"
 
-#include <fcntl.h>
 #include <linux/if_tun.h>
 #include <net/if.h>
 #include <qzlib.h>
@@ -11,9 +10,7 @@
 namespace
 {
 
-using support::sh;
-using support::SyslogSink;
-using support::Table;
+using namespace support;
 using Texts = std::vector<std::string>;
 
 // Result, address, mask and MAC address of an interface; the texts are "kept" where nothing was written.
@@ -107,7 +104,7 @@ int status(const char *name, Counters &c)
 
 TEST(InterfaceStatus, of_real_interfaces)
 {
-    const size_t descriptors = support::open_descriptors();
+    const size_t descriptors = open_descriptors();
     EXPECT_EQ(qzlib_get_tcp_latency("127.0.0.1", "9", 5000), -1); // two packets
     Counters c{};
     ASSERT_EQ(status("lo", c), 0);
@@ -121,18 +118,17 @@ TEST(InterfaceStatus, of_real_interfaces)
     EXPECT_EQ(qzlib_get_interface_status("lo", nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
                                          nullptr),
               0);
-    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 TEST(InterfaceStatus, of_the_first_line_that_has_the_name)
 {
-    support::write_file(
-        "/tmp/net/dev",
-        "Inter-| eth0: 1 2 3\n face | eth0: 9\n"
-        " veth0: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n"
-        "  eth0:9223372036854775807 4294967296 18446744073709551615 0 0 0 0 0 5000000000 1 2 3\n"
-        "  wan0: 21 22 23\n" +
-            std::string(600, ' ') + "far0: 31 32 33 34 35 36 37 38 39 40 41 42\nbare0 1 2\n");
+    write_file("/tmp/net/dev",
+               "Inter-| eth0: 1 2 3\n face | eth0: 9\n"
+               " veth0: 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16\n"
+               "  eth0:9223372036854775807 4294967296 18446744073709551615 0 0 0 0 0 5000000000 1 2 3\n"
+               "  wan0: 21 22 23\n" +
+                   std::string(600, ' ') + "far0: 31 32 33 34 35 36 37 38 39 40 41 42\nbare0 1 2\n");
     // The directory: the kernel drops what is mounted on a file in it.
     ASSERT_EQ(mount("/tmp/net", "/proc/self/net", nullptr, MS_BIND, nullptr), 0);
     const Table<const char *, Counters> cases = {
@@ -149,7 +145,7 @@ TEST(InterfaceStatus, of_the_first_line_that_has_the_name)
     }
     for (const char *name : {"bare0", "$(x)\xff", "Inter"}) // the heading does not count
         EXPECT_EQ(status(name, c), -272) << name;
-    support::write_file("/tmp/net/dev", "one line");
+    write_file("/tmp/net/dev", "one line");
     EXPECT_EQ(status("one", c), -272);
 }
 
@@ -181,7 +177,7 @@ TEST(InterfaceFlags, are_tested_set_and_cleared)
     EXPECT_EQ(results(nullptr), (std::array{-257, -257, -257}));
     EXPECT_EQ(results("nosuch0"), (std::array{-264, -264, -264}));
     {
-        const support::NoDescriptors none;
+        const NoDescriptors none;
         char ip[17];
         Counters c;
         EXPECT_EQ(qzlib_get_interface_info("lo", ip, 17, nullptr, 0, nullptr, 0), -264);

@@ -4,15 +4,13 @@
 #include <qzlib.h>
 
 #include <arpa/inet.h>
-#include <csignal>
 #include <sys/socket.h>
-#include <sys/time.h>
 
 namespace
 {
 
-using support::Stopwatch;
-using Latency = support::NothingLeft;
+using namespace support;
+using Latency = NothingLeft;
 
 int new_socket(int flags)
 {
@@ -48,7 +46,7 @@ private:
 
 TEST_F(Latency, of_a_listener_and_of_none)
 {
-    const support::FakeFile hosts("/etc/hosts", "127.0.0.9 server\n127.0.0.1 server\n");
+    const FakeFile hosts("/etc/hosts", "127.0.0.9 server\n127.0.0.1 server\n");
     const Listener listener(false);
     const auto latency = qzlib_get_tcp_latency;
     EXPECT_GE(latency("127.0.0.1", "22", 20000), 0);
@@ -61,7 +59,7 @@ TEST_F(Latency, of_a_listener_and_of_none)
         EXPECT_EQ(latency(host.c_str(), "22", 20000), -264);
     EXPECT_NE(access("/x", F_OK), 0);
     {
-        const support::NoDescriptors none;
+        const NoDescriptors none;
         EXPECT_EQ(latency("127.0.0.1", "22", 100), -1);
     }
     EXPECT_EQ(latency(nullptr, "22", 20000), -257);
@@ -81,7 +79,7 @@ TEST_F(Latency, of_a_silent_host_ends_at_the_limit_200_times)
         EXPECT_GE(watch.seconds() * 1000, limit_ms);
         late += watch.seconds() * 1000 > limit_ms + 200;
         ASSERT_LE(watch.seconds(), 10);
-        ASSERT_TRUE(support::has_no_child());
+        ASSERT_TRUE(has_no_child());
     }
     EXPECT_LE(late, 20);
 }
@@ -93,9 +91,7 @@ TEST_F(Latency, ends_on_time_with_sigterm_blocked_and_signals_coming)
     sigemptyset(&sigterm);
     sigaddset(&sigterm, SIGTERM);
     sigprocmask(SIG_BLOCK, &sigterm, nullptr);
-    qzlib_sys_signal(SIGALRM, [](int) {}); // without SA_RESTART
-    const itimerval every_5_ms = {{0, 5000}, {0, 5000}};
-    setitimer(ITIMER_REAL, &every_5_ms, nullptr);
+    const SignalStorm storm;
     const Stopwatch watch;
     EXPECT_EQ(qzlib_get_tcp_latency("127.0.0.1", "22", 100), -1);
     EXPECT_GE(watch.seconds(), 0.1);
@@ -106,8 +102,8 @@ TEST_F(Latency, ends_on_time_with_sigterm_blocked_and_signals_coming)
 
 TEST(DomainIp, of_addresses_and_names)
 {
-    const support::FakeFile hosts("/etc/hosts", "127.0.0.1 localhost\n10.1.2.3 modem.router\nfd00::1 six\n");
-    const support::Table<std::string, const char *> cases = {
+    const FakeFile hosts("/etc/hosts", "127.0.0.1 localhost\n10.1.2.3 modem.router\nfd00::1 six\n");
+    const Table<std::string, const char *> cases = {
         {"8.8.8.8", "8.8.8.8"},
         {"999.1.1.1", "999.1.1.1"}, // passes the validator: copied unchanged
         {"localhost", "127.0.0.1"},

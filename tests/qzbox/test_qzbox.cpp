@@ -2,14 +2,10 @@
 // QZBOX_PATH and ROUTER_TREE come from the build. Needs root or user namespaces.
 #include "support/case.h"
 
-#include <algorithm>
-#include <unistd.h>
-
 namespace
 {
 
-using support::read_file;
-using support::write_file;
+using namespace support;
 
 // Each case has a directory $D below /tmp, which the box covers, and may fill the tree $D/tree.
 struct Qzbox : testing::Test {
@@ -50,7 +46,7 @@ struct Qzbox : testing::Test {
 
 TEST_F(Qzbox, status_is_the_commands_or_the_one_shells_use)
 {
-    const support::Table<const char *, int> cases = {
+    const Table<const char *, int> cases = {
         {"-- sh -c 'exit 7'", 7},
         {"sh -c 'kill -9 $$'", 137}, // options after the command are the
                                      // command's

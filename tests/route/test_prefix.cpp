@@ -5,7 +5,7 @@
 namespace
 {
 
-using support::Table;
+using namespace support;
 
 const std::string LONG(4096, '1');
 

@@ -5,16 +5,13 @@
 
 #include <qzlib.h>
 
-#include <algorithm>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 namespace
 {
 
-using support::sh;
-using support::Table;
-
+using namespace support;
 constexpr unsigned ADD = 7;
 constexpr unsigned STATIC = 4;
 const sockaddr_un ADDRESS = {AF_UNIX, "/tmp/.zserv"};
@@ -25,7 +22,7 @@ int open_socket(int flags = 0)
 }
 
 // The routing daemon's socket. Requests fit its buffer, so that they are read after the call.
-struct Request : support::NothingLeft {
+struct Request : NothingLeft {
     Request()
     {
         EXPECT_EQ(bind(daemon, reinterpret_cast<const sockaddr *>(&ADDRESS), sizeof ADDRESS), 0);
@@ -152,7 +149,7 @@ TEST_F(Request, survives_a_daemon_that_closes)
 
 TEST_F(Request, failing_write_is_printed_and_the_result_is_0)
 {
-    support::filter_calls(SYS_write, 2, 18, SECCOMP_RET_ERRNO | ENOSPC); // those of the request's size
+    filter_calls(SYS_write, 2, 18, SECCOMP_RET_ERRNO | ENOSPC); // those of the request's size
     testing::internal::CaptureStdout();
     EXPECT_EQ(add_route("0.0.0.0/0", "10.64.0.1"), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "write failed[No space left on device]\n");
@@ -162,7 +159,7 @@ TEST_F(Request, failing_write_is_printed_and_the_result_is_0)
 
 std::string printed()
 {
-    return support::read_file("/tmp/sim");
+    return read_file("/tmp/sim");
 }
 
 void wait_for_lines(int count) // besides the first one
@@ -171,14 +168,14 @@ void wait_for_lines(int count) // besides the first one
         const std::string text = printed();
         return std::count(text.begin(), text.end(), '\n') > count;
     };
-    EXPECT_TRUE(support::eventually(there)) << printed();
+    EXPECT_TRUE(eventually(there)) << printed();
 }
 
 TEST(Simulator, puts_requested_routes_into_the_kernel)
 {
     sh("ip link add wan0 type veth peer name far0; ip link set wan0 up; ip link set far0 up\n"
        "ip addr add 10.64.0.2/30 dev wan0");
-    support::Program simulator({"zservsim", "--apply"}, "/tmp/sim");
+    Program simulator({"zservsim", "--apply"}, "/tmp/sim");
     wait_for_lines(0);
     EXPECT_EQ(add_route("0.0.0.0/0", "10.64.0.1"), 0);
     EXPECT_EQ(add_route("192.168.77.9/20", "wan0"), 0);
@@ -199,7 +196,7 @@ TEST(Simulator, puts_requested_routes_into_the_kernel)
 
 TEST(Simulator, takes_no_byte_that_the_format_does_not_allow)
 {
-    support::Program simulator({"zservsim"}, "/tmp/sim");
+    Program simulator({"zservsim"}, "/tmp/sim");
     wait_for_lines(0);
     int sent = 0;
     const auto send = [&sent](const std::string &message) {

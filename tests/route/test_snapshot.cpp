@@ -3,17 +3,12 @@
 
 #include <qzlib.h>
 
-#include <atomic>
-#include <csignal>
 #include <random>
-#include <sys/time.h>
 
 namespace
 {
 
-using support::fake_command;
-using support::sh;
-using support::Table;
+using namespace support;
 using Lines = std::vector<std::string>;
 
 // The records of a snapshot as text, one line each. Every field must end inside its width.
@@ -37,14 +32,14 @@ Lines snapshot()
 // An `ip` that prints files; every call is noted.
 void fake_ip(const std::string &rules, const std::string &routes)
 {
-    support::write_file("/tmp/rules", rules);
-    support::write_file("/tmp/routes", routes);
+    write_file("/tmp/rules", rules);
+    write_file("/tmp/routes", routes);
     fake_command("ip", "#!/bin/sh\n"
                        "printf '%s\\n' \"$#:$*\" >>/tmp/calls\n"
                        "case $1 in rule) cat /tmp/rules;; *) cat /tmp/routes;; esac\n");
 }
 
-using Snapshot = support::NothingLeft;
+using Snapshot = NothingLeft;
 
 TEST_F(Snapshot, of_real_rules_and_tables)
 {
@@ -110,8 +105,7 @@ TEST_F(Snapshot, of_scripted_lines_splits_them_by_position)
             expected.push_back(rule + route);
     }
     EXPECT_EQ(snapshot(), expected);
-    EXPECT_EQ(support::read_file("/tmp/calls"),
-              "2:rule ls\n4:route ls table 100\n4:route ls table abcdefg\n");
+    EXPECT_EQ(read_file("/tmp/calls"), "2:rule ls\n4:route ls table 100\n4:route ls table abcdefg\n");
 }
 
 TEST_F(Snapshot, never_runs_what_is_in_the_text)
@@ -122,7 +116,7 @@ TEST_F(Snapshot, never_runs_what_is_in_the_text)
             "");
     EXPECT_EQ(qz_srtinfo_stat(), nullptr);
     EXPECT_NE(access("/x", F_OK), 0);
-    EXPECT_EQ(support::read_file("/tmp/calls"),
+    EXPECT_EQ(read_file("/tmp/calls"),
               "2:rule ls\n4:route ls table ;id>/x\n4:route ls table `>/x`\n4:route ls table $(>/x)\n"
               "4:route ls table |>/x\n3:route ls table\n4:route ls table *\n4:route ls table \xff\xfe\n"
               "3:route ls table\n");
@@ -200,12 +194,7 @@ TEST_F(Snapshot, signals_do_not_cut_it_short)
 {
     fake_command("ip", "#!/bin/sh\nsleep 0.2; case $1 in rule) echo 1: from 10.0.0.1 lookup 5;; *) echo "
                        "default dev x; esac\n");
-    struct sigaction interrupt {
-    };
-    interrupt.sa_handler = [](int) {}; // without SA_RESTART
-    sigaction(SIGALRM, &interrupt, nullptr);
-    const itimerval every_10_ms = {{0, 10000}, {0, 10000}};
-    setitimer(ITIMER_REAL, &every_10_ms, nullptr);
+    const SignalStorm storm;
     EXPECT_EQ(snapshot().size(), 1U);
 }
 
@@ -229,7 +218,7 @@ TEST_F(Snapshot, route_interface_needs_length_and_metric_together)
     char ifname[32];
     for (const auto &[lines, device] : cases) {
         strcpy(ifname, "kept");
-        support::write_file("/tmp/route-n", "Kernel IP routing table\nDestination ...\n" + lines);
+        write_file("/tmp/route-n", "Kernel IP routing table\nDestination ...\n" + lines);
         EXPECT_EQ(qzlib_get_route_interface("10.1.1.1", ifname), device == "kept" ? -1 : 0) << lines;
         EXPECT_EQ(ifname, device) << lines;
     }
@@ -272,7 +261,7 @@ TEST(Note, is_kept_under_its_name)
     for (const auto &[name, ip, noted] : cases) {
         char read[17] = "";
         srt_iip_save(name.c_str(), ip.c_str());
-        EXPECT_EQ(support::read_file("/tmp/source_route/" + name + ".ip"), name + " " + ip + "\n");
+        EXPECT_EQ(read_file("/tmp/source_route/" + name + ".ip"), name + " " + ip + "\n");
         EXPECT_EQ(srt_iip_get(name.c_str(), read), 0) << name;
         EXPECT_EQ(read, noted) << name;
     }

@@ -3,17 +3,13 @@
 
 #include <qzlib.h>
 
-#include <algorithm>
 #include <optional>
 #include <random>
 
 namespace
 {
 
-using support::open_descriptors;
-using support::read_file;
-using support::Table;
-using support::write_file;
+using namespace support;
 using namespace std::string_literals;
 using Text = std::optional<std::string>;
 
@@ -194,7 +190,7 @@ TEST(Service, random_operations_equal_the_model)
 {
     std::optional<Store> store;
     Model model;
-    for (int step = 0; step < support::scaled(15'000); ++step) {
+    for (int step = 0; step < scaled(15'000); ++step) {
         if (step % 50 == 0) {
             store.emplace(random_file(model, step / 50 % 30));
             ASSERT_EQ(store->saved("/tmp/config/again.conf"), model.file());

@@ -4,17 +4,12 @@
 #include <qzlib.h>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <poll.h>
 
 namespace
 {
 
-using support::NoDescriptors;
-using support::open_descriptors;
-using support::SyslogSink;
-using support::Table;
-
+using namespace support;
 constexpr const char *PATH = "/tmp/test.sock";
 
 // One socket of a test, closed at its end.

@@ -9,13 +9,11 @@
 namespace
 {
 
-using support::FakeFile;
-using support::sh;
-using support::Table;
+using namespace support;
 
 TEST(Uptime, is_what_the_kernel_file_says_unscaled)
 {
-    const unsigned before = static_cast<unsigned>(std::stoul(support::read_file("/proc/uptime")));
+    const unsigned before = static_cast<unsigned>(std::stoul(read_file("/proc/uptime")));
     const unsigned long long ms = qzlib_get_system_uptime_ms();
     EXPECT_GE(ms / 1000, before);
     EXPECT_LE(ms / 1000, before + 60);
@@ -85,7 +83,7 @@ TEST(CpuUse, is_the_difference_of_two_samples_a_second_apart)
             (void)!read(watch, event, sizeof event);
             file.set(std::get<1>(row));
         });
-        const support::Stopwatch stopwatch;
+        const Stopwatch stopwatch;
         EXPECT_EQ(qzlib_get_cpu_use_percent(), std::get<2>(row)) << std::get<1>(row);
         EXPECT_GE(stopwatch.seconds(), 1.0);
         later.join();
@@ -95,11 +93,11 @@ TEST(CpuUse, is_the_difference_of_two_samples_a_second_apart)
 
 TEST(Statistics, without_files_are_logged_but_for_the_uptime_and_close_them)
 {
-    support::SyslogSink sink;
+    SyslogSink sink;
     syslog(LOG_ERR, "connects");
     sink.next();
     {
-        const support::NoDescriptors none;
+        const NoDescriptors none;
         EXPECT_EQ(qzlib_get_system_uptime(), 0U);
         EXPECT_EQ(qzlib_get_system_uptime_ms(), 0U);
         EXPECT_EQ(qzlib_get_total_mem_size(), -1);
@@ -109,13 +107,13 @@ TEST(Statistics, without_files_are_logged_but_for_the_uptime_and_close_them)
     }
     const std::string line = "<12>can't open /proc/meminfo{system_api\n"; // a warning
     EXPECT_EQ(sink.take(), line + line + line + "<12>fopen /proc/stat fail\n{system_api\n");
-    const size_t descriptors = support::open_descriptors();
+    const size_t descriptors = open_descriptors();
     const int percent = qzlib_get_cpu_use_percent() + qzlib_get_mem_use_percent();
     EXPECT_GE(percent, 0);
     EXPECT_LE(percent, 200);
     qzlib_get_system_uptime_ms();
     qzlib_get_free_mem_size();
-    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 } // namespace

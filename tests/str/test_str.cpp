@@ -2,12 +2,10 @@
 
 #include <qzlib.h>
 
-#include <cstring>
-
 namespace
 {
 
-using support::Table;
+using namespace support;
 
 // Applies an in-place routine to a copy in a heap block of exactly the text's size, so that
 // the address sanitizer sees a write or a read outside it.

@@ -5,13 +5,21 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <functional>
 #include <string>
 #include <sys/resource.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <thread>
 #include <tuple>
+#include <unistd.h>
 #include <vector>
 
 namespace support
@@ -44,6 +52,27 @@ bool eventually(Condition holds)
     }
     return false;
 }
+
+// Signals that come all the time and interrupt every wait of this process.
+class SignalStorm
+{
+public:
+    SignalStorm() { every(10'000); }
+    ~SignalStorm() { every(0); }
+    SignalStorm(const SignalStorm &) = delete;
+    SignalStorm &operator=(const SignalStorm &) = delete;
+
+private:
+    static void every(suseconds_t us)
+    {
+        struct sigaction interrupt {
+        };
+        interrupt.sa_handler = [](int) {}; // without SA_RESTART
+        sigaction(SIGALRM, &interrupt, nullptr);
+        const itimerval interval = {{0, us}, {0, us}};
+        setitimer(ITIMER_REAL, &interval, nullptr);
+    }
+};
 
 // True when this process has no child, running or dead.
 inline bool has_no_child()
