@@ -327,38 +327,31 @@ TEST_F(BootEnv, failed_open_or_read_never_becomes_an_empty_environment)
     EXPECT_EQ(value_of("precious"), "1");
 }
 
-// Puts a block device whose writes fail in the place of the partition: a loop device on a sparse
-// image in a full file system. It lives as long as the descriptor that this returns.
-int attach_full_device()
-{
-    write_file("/mnt/filler", std::string(64 * 1024, 'f')); // all of the space: no block is left
-    const int image = open("/mnt/image", O_RDWR | O_CREAT, 0600);
-    const int control = open("/dev/loop-control", O_RDWR);
-    const auto number = static_cast<unsigned>(ioctl(control, LOOP_CTL_GET_FREE));
-    remove(DEVICE);
-    EXPECT_EQ(ftruncate(image, static_cast<off_t>(OFFSET + BLOCK)), 0);
-    EXPECT_EQ(mknod(DEVICE, S_IFBLK | 0600, makedev(7, number)), 0);
-    const int loop = open(DEVICE, O_RDWR);
-    loop_config config{};
-    config.fd = static_cast<uint32_t>(image);
-    config.info.lo_flags = LO_FLAGS_AUTOCLEAR;
-    EXPECT_EQ(ioctl(loop, LOOP_CONFIGURE, &config), 0) << "no loop device: " << strerror(errno);
-    close(control);
-    close(image);
-    return loop;
-}
-
+// The device is a loop device on a sparse image in a full file system, whose writes fail.
 TEST_F(BootEnv, failed_write_is_reported)
 {
     const Cover space("/mnt", "size=64k");
-    const int loop = attach_full_device();
+    write_file("/mnt/filler", std::string(64 * 1024, 'f')); // no block is left
+    const int image = open("/mnt/image", O_RDWR | O_CREAT, 0600);
+    ASSERT_EQ(ftruncate(image, static_cast<off_t>(OFFSET + BLOCK)), 0);
+    const int control = open("/dev/loop-control", O_RDWR);
+    remove(DEVICE);
+    const auto number = static_cast<unsigned>(ioctl(control, LOOP_CTL_GET_FREE));
+    ASSERT_EQ(mknod(DEVICE, S_IFBLK | 0600, makedev(7, number)), 0);
+    const int loop = open(DEVICE, O_RDWR);
+    loop_config config{};
+    config.fd = static_cast<uint32_t>(image);
+    config.info.lo_flags = LO_FLAGS_AUTOCLEAR; // gone with the last descriptor, come what may
+    ASSERT_EQ(ioctl(loop, LOOP_CONFIGURE, &config), 0) << "no loop device: " << strerror(errno);
+
     EXPECT_EQ(printed_by_set(), "-1 write /dev/mtdblock1 fail\n");
     EXPECT_EQ(printed([] { return qzlib_clear_boot_env(); }), "-1 write /dev/mtdblock1 fail\n");
     EXPECT_EQ(value_of("a"), "-1");
     ASSERT_EQ(mount("test", "/mnt", "tmpfs", MS_REMOUNT, "size=4m"), 0);
     EXPECT_EQ(printed_by_set(), "0 ");
     EXPECT_EQ(value_of("a"), "1");
-    close(loop);
+    for (const int fd : {loop, control, image})
+        close(fd);
 }
 
 TEST_F(BootEnv, short_read_is_zeros_and_short_write_a_failure)

@@ -259,22 +259,23 @@ TEST(Service, listings_stop_at_1024_entries)
 TEST(Service, missing_arguments_are_refused)
 {
     const Store store("g\n k\n");
-    auto &out = Store::out;
-    const std::vector<int> refused = {qzlib_service_info_uninit(nullptr),
-                                      qzlib_service_info_empty(nullptr),
-                                      qzlib_service_saveto_file(nullptr, "/tmp/f"),
+    service_info *const none = nullptr;
+    auto *out = &Store::out;
+    const std::vector<int> refused = {qzlib_service_info_uninit(none),
+                                      qzlib_service_info_empty(none),
+                                      qzlib_service_saveto_file(none, "/tmp/f"),
                                       qzlib_service_saveto_file(store.info, nullptr),
-                                      qzlib_service_set_param(nullptr, "g", "k", "v"),
-                                      qzlib_service_del_param(nullptr, "g", "k", nullptr),
+                                      qzlib_service_set_param(none, "g", "k", "v"),
+                                      qzlib_service_del_param(none, "g", "k", nullptr),
                                       qzlib_service_find_param(nullptr, "g", "k"),
-                                      qzlib_service_get_group_param(nullptr, "g", &out),
+                                      qzlib_service_get_group_param(none, "g", out),
                                       qzlib_service_get_group_param(store.info, "g", nullptr),
-                                      qzlib_service_get_all_param(nullptr, &out),
+                                      qzlib_service_get_all_param(none, out),
                                       qzlib_service_get_all_param(store.info, nullptr)};
     EXPECT_EQ(refused, std::vector<int>(refused.size(), -1));
-    EXPECT_EQ(qzlib_service_get_group_name(nullptr, &out), 0); // 0, unlike the other listings
+    EXPECT_EQ(qzlib_service_get_group_name(none, out), 0); // 0, unlike the other listings
     EXPECT_EQ(qzlib_service_get_group_name(store.info, nullptr), 0);
-    EXPECT_EQ(qzlib_service_get_param_num(nullptr), 0);
+    EXPECT_EQ(qzlib_service_get_param_num(none), 0);
 }
 
 TEST(Service, files_of_any_kind_give_a_store_and_leave_no_descriptor)
