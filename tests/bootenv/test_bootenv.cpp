@@ -259,7 +259,7 @@ TEST_F(BootEnv, listing_an_empty_environment_keeps_the_device_until_the_next_cal
     flock(other, LOCK_UN);
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(listed(), Entries{});
-        ASSERT_EQ(flock(other, LOCK_EX | LOCK_NB), -1); // else the next call would wait for ever
+        ASSERT_EQ(flock(other, LOCK_SH | LOCK_NB), -1); // else the next call would wait for ever
         EXPECT_EQ(open_descriptors(), descriptors + 2);
     }
     flash(block_of({"a=1"}));

@@ -420,6 +420,9 @@ TEST_F(Channel, callback_may_close_or_replace_its_own_channel)
 TEST_F(Channel, forked_child_can_exit_without_the_thread_it_did_not_get)
 {
     ASSERT_EQ(qzlib_msg_init(Inbox::put, &inbox), 0);
+    send_message(3);
+    EXPECT_EQ(inbox.next().head.type, 3U);
+    usleep(50'000); // the thread is back in its read and holds its lock then
     EXPECT_EQ(run_child([] {
                   alarm(20);
                   qzlib_msg_exit();

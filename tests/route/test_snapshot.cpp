@@ -248,7 +248,8 @@ TEST_F(Snapshot, route_interface_of_the_real_table)
 
 TEST(Note, is_kept_under_its_name)
 {
-    const std::string longest(127 - strlen("/tmp/source_route/.ip"), 'n'), nines(4096, '9');
+    const std::string longest(127 - strlen("/tmp/source_route/.ip"), 'n'), too_long = longest + "n";
+    const std::string nines(4096, '9');
     const Table<std::string, std::string, std::string> cases = {
         {"wan1", "10.0.0.2", "10.0.0.2"},
         {"wan1", "10.3", "10.3"}, // an earlier note is replaced whole
@@ -271,13 +272,13 @@ TEST(Note, is_kept_under_its_name)
     srt_iip_save(nullptr, "1");
     srt_iip_save("wan1", nullptr);
     testing::internal::CaptureStderr();
-    for (const std::string &name : {longest + "n", std::string(4096, 'n'), std::string("no/such")})
+    for (const std::string &name : {too_long, nines, std::string("no/such")})
         srt_iip_save(name.c_str(), "1");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "fopen failed: File name too long\nfopen failed: File name too long\n"
               "fopen failed: No such file or directory\n");
     const char *const none = nullptr;
-    for (const char *name : {none, "wan2", "empty", (longest + "n").c_str(), "no/such"})
+    for (const char *name : {none, "wan2", "empty", too_long.c_str(), "no/such"})
         EXPECT_EQ(srt_iip_get(name, ip), -1) << (name ? name : "null");
     EXPECT_STREQ(ip, "kept");
     EXPECT_EQ(srt_iip_get("wan1", nullptr), -1);
