@@ -258,8 +258,9 @@ TEST(Speeds, tables_hold_the_rates_of_the_line)
                                    1200, 1800, 2400, 4800, 9600, 19200, 38400};
     const std::vector<int> fast = {57600,   115200,  230400, 460800,  500000,  576000,  921600, 1000000,
                                    1152000, 1500000, -1,     2500000, 3000000, 3500000, 4000000};
-    for (int i = 0; i < 15; ++i)
-        for (const auto &[baud, code] : {std::pair(slow[i], 1 + i), {fast[i], 0x1001 + i}}) {
+    for (size_t i = 0; i < 15; ++i)
+        for (const auto &[baud, code] :
+             {std::pair(slow[i], static_cast<int>(1 + i)), {fast[i], static_cast<int>(0x1001 + i)}}) {
             EXPECT_EQ(qzlib_uart_flag_to_baud(code), baud);
             EXPECT_EQ(qzlib_uart_baud_to_flag(baud), baud < 0 ? -1 : code) << baud;
         }
