@@ -598,7 +598,8 @@ int qzlib_connect_mbus_server(const char *name);
 
 /**
  * Leave the bus. A thread that waits in qzlib_mbus_read_pkg() gets null; the down cache
- * sleeps until the process connects again.
+ * sleeps until the process connects again. What was written before is still delivered.
+ * Logs at level 1; does nothing when not connected.
  * @return 0
  */
 int qzlib_disconnect_mbus_server(void);
@@ -608,7 +609,8 @@ int qzlib_disconnect_mbus_server(void);
  * A full ring drops the packet (counted, logged at level 0) and wakes the reader.
  * @param client  own record, or as bus server a record attached with qzlib_client_init()
  * @param pkg     type 0 to 3, length 1 to 4096, data; name as in the format
- * @return 0; -1 for a bad argument (nothing counted), a full ring or no connection
+ * @return 0; -1 for a bad argument (nothing counted), a full ring, or a ring that is not
+ *         attached (nothing counted, logged at level 2)
  */
 int qzlib_mbus_write_pkg(mbus_client *client, const mbus_pkg *pkg);
 
@@ -636,7 +638,8 @@ int qzlib_mbus_write_data(const void *data, int len);
  * 1 s while no packet comes, so that a packet whose writer failed to signal it (was
  * killed, or is built on older rules) is late by no more than the ring was idle, at most 1 s.
  * @param client  null or the own record; as bus server another record
- * @param nowait  0: wait for a packet; the server's side never waits and logs at level 2
+ * @param nowait  0: wait for a packet; the server's side never waits and logs at level 2, as
+ *                both do when the ring is not attached
  * @return header and payload, valid until the next call on the same ring (reads of other
  *         rings do not matter); null when there is none
  */
@@ -651,7 +654,8 @@ mbus_pkg *qzlib_mbus_read_pkg(mbus_client *client, int nowait);
  * the cap; a cached packet uses 83 bytes + its length until its callback has returned. Out of
  * memory drops it too (level 3).
  * @param max_bytes  cap; below 4097: 8388608
- * @param callback   may take its time and may write to the bus
+ * @param callback   may take its time and may write to the bus; runs with the signal mask
+ *                   of the caller
  * @return 0; -1 when not connected
  */
 int qzlib_mbus_down_cache_process(int max_bytes, mbus_pkg_callback callback);
@@ -1615,6 +1619,7 @@ int qzlib_create_connect_tcp(const char *host, const char *port, int nonblock);
  * @param force_block  above 0: switch the socket to blocking
  * @return descriptor; QZLIB_ERR_ARGUMENT (-257) for null; QZLIB_ERR_FAILED (-264) when the
  *         name is not resolved or the socket cannot be switched; -1 when nothing connects
+ *         (-264 with the flag set)
  */
 int qzlib_create_connect_addr(const char *node, const char *service, int force_block);
 

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <qzlib.h>
 #include <type_traits>
 
@@ -100,7 +101,8 @@ struct State {
 };
 extern State state; // zero at first, which takes no room in the image
 
-// Of the clients' attachments the one used last. Beside the state, as it is never null.
+// Of the clients' attachments the one used last; rings may be used by several threads. Beside the
+// state, as it is never null.
 extern Attachment *recent_attachment;
 
 inline mbus_client *self()
@@ -131,12 +133,27 @@ inline mbus_share_segment *share()
 Attachment *search_attachment(const mbus_client *record);
 inline Attachment *find_attachment(const mbus_client *record)
 {
-    Attachment *recent = recent_attachment;
+    Attachment *recent = __atomic_load_n(&recent_attachment, __ATOMIC_RELAXED);
     return recent->record == record ? recent : search_attachment(record);
 }
 
-// qzlib_client_uninit() with the side already decided.
-void uninit_client(mbus_client &record, bool own_side);
+// A record's name, terminated and safe from a peer that changes it meanwhile.
+class Name
+{
+public:
+    explicit Name(const mbus_client &record)
+    {
+        memcpy(text_, record.name, sizeof record.name);
+        text_[sizeof record.name] = '\0';
+    }
+    [[nodiscard]] const char *text() const { return text_; }
+
+private:
+    char text_[QZLIB_MBUS_NAME_SIZE + 1];
+};
+
+// qzlib_client_uninit() of the own record, whose name the server may have cleared by now.
+void uninit_own(const Name &name);
 
 // Blocks until the process is connected. At once when it is.
 void wait_connected();

@@ -120,6 +120,18 @@ void init_condition(pthread_cond_t &condition)
     pthread_condattr_destroy(&attributes);
 }
 
+bool is_initialised(const pthread_cond_t &condition)
+{
+#if defined(__GLIBC__)
+    constexpr size_t WORD = WAITERS;
+    constexpr uint32_t BITS = SHARED_MONOTONIC;
+#else
+    constexpr size_t WORD = SHARED;
+    constexpr uint32_t BITS = UINT32_MAX;
+#endif
+    return (load(words(const_cast<pthread_cond_t &>(condition))[WORD]) & BITS) != 0;
+}
+
 #if defined(__GLIBC__)
 
 // The sequence moves with every wait, so a sequence that this process has signalled already,

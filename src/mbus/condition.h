@@ -25,6 +25,9 @@ namespace qz::mbus
 // Initialises the field: process-shared, monotonic clock.
 void init_condition(pthread_cond_t &condition);
 
+// Whether the field was initialised, process-shared. Signals leave a zeroed one uninitialised.
+bool is_initialised(const pthread_cond_t &condition);
+
 // What one signalling process remembers of a condition, so that it wakes a sleeper once.
 struct SignalMemory {
     uint32_t epoch;

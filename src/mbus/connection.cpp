@@ -67,12 +67,20 @@ void send_command(int fd, const mbus_ctl_msg &message)
         (void)!write(fd, &message, sizeof message);
 }
 
-// The server needs a moment to fill the record.
+// A record whose condition a client initialised: of this name's former life, most likely, which
+// the server may still be using.
+bool is_new(const mbus_client *record)
+{
+    return record != nullptr && !is_initialised(record->down_cond);
+}
+
+// The server needs a moment to fill the record, or to make an old one new. One that stays as it
+// is will do: not every server clears what it fills.
 mbus_client *await_record(const char *name)
 {
     pause_ms(1);
     mbus_client *record = qzlib_find_client_by_name(name);
-    for (unsigned failed = 1; record == nullptr && failed < ATTEMPTS; ++failed) {
+    for (unsigned failed = 1; !is_new(record) && failed < ATTEMPTS; ++failed) {
         pause_ms(failed);
         record = qzlib_find_client_by_name(name);
     }
@@ -126,20 +134,21 @@ QZ_EXPORT int qzlib_connect_mbus_server(const char *name)
     return -1;
 }
 
-// Whoever waits for a packet leaves before the memory does.
+// Whoever waits for a packet leaves first: once the server has read the command, the record
+// may be another client's.
 QZ_EXPORT int qzlib_disconnect_mbus_server(void)
 {
     mbus_client *own = self();
     if (own == nullptr)
         return 0;
-    mbus_ctl_msg message = {MBUS_CTL_UNREGISTER, {}};
-    memcpy(message.name, own->name, sizeof message.name);
-    (void)qzlib_send_to_unixdomain(QZLIB_MBUS_SOCKET, &message, sizeof message); // the server may be gone
     set_connected(false);
     set_self(nullptr);
     force_condition(own->down_cond);
     wait_absence();
-    uninit_client(*own, true);
+    const Name name(*own);
+    const mbus_ctl_msg message = command(MBUS_CTL_UNREGISTER, name.text());
+    (void)qzlib_send_to_unixdomain(QZLIB_MBUS_SOCKET, &message, sizeof message); // the server may be gone
+    uninit_own(name);
     qzlib_mbus_share_uninit();
     return 0;
 }

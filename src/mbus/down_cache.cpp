@@ -153,15 +153,21 @@ void *down_cache_deliver(void *argument)
     return nullptr;
 }
 
-// A thread that is never joined. The process's signals stay with its own threads.
+// A thread that is never joined.
 void start(void *(*run)(void *), void *argument)
+{
+    pthread_t thread;
+    (void)pthread_create(&thread, nullptr, run, argument);
+}
+
+// The process's signals stay with its own threads.
+void start_reader()
 {
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    pthread_t thread;
-    (void)pthread_create(&thread, nullptr, run, argument);
+    start(down_cache_reader, nullptr);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
@@ -173,7 +179,8 @@ QZ_EXPORT int qzlib_mbus_down_cache_process(int max_bytes, mbus_pkg_callback cal
         return -1;
     const uint32_t cap = max_bytes < SMALLEST_CAP ? DEFAULT_CAP : static_cast<uint32_t>(max_bytes);
     __atomic_store_n(&cap_bytes, cap, __ATOMIC_RELAXED);
-    start(down_cache_reader, nullptr);
+    start_reader();
+    // With the caller's signal mask: the callback may start programs, which inherit it.
     start(down_cache_deliver, reinterpret_cast<void *>(callback));
     return 0;
 }

@@ -45,11 +45,18 @@ uint32_t following(uint32_t slot)
     return (slot + 1) % SLOTS;
 }
 
+enum class Side { CLIENT, SERVER };
+
 // Sequentially consistent against begin_wait(): either the sleeper sees the packet or the
-// writer sees the sleeper.
-void publish(uint32_t &index, uint32_t slot)
+// writer sees the sleeper. False when the server's index moved meanwhile: a client that connects
+// anew has emptied the ring, and what lies before this packet is old.
+template <Side SIDE>
+bool publish(uint32_t &index, uint32_t before, uint32_t slot)
 {
+    if constexpr (SIDE == Side::SERVER)
+        return __atomic_compare_exchange_n(&index, &before, slot, false, __ATOMIC_SEQ_CST, __ATOMIC_RELAXED);
     __atomic_store_n(&index, slot, __ATOMIC_SEQ_CST);
+    return true;
 }
 
 bool is_empty(const Ring &ring)
@@ -100,10 +107,12 @@ struct Outgoing {
     }
 };
 
-// False when the ring is full.
+// False when the ring is full, or was emptied meanwhile.
+template <Side SIDE>
 PACKET_PATH bool put(const Ring &ring, const Outgoing &packet)
 {
-    const uint32_t at = load_index(ring.write);
+    const uint32_t before = load_relaxed(ring.write); // this side's own
+    const uint32_t at = before % SLOTS;
     const uint32_t next = following(at);
     if (next == load_index(ring.read))
         return false;
@@ -113,8 +122,7 @@ PACKET_PATH bool put(const Ring &ring, const Outgoing &packet)
     slot.data_address = mark_of(slot) | FRESH;
     copy_name(slot.name, packet.header.name);
     memcpy(slot.payload, packet.data, packet.length);
-    publish(ring.write, next);
-    return true;
+    return publish<SIDE>(ring.write, before, next);
 }
 
 ASIDE int drop(const mbus_client &client, pthread_cond_t &condition, uint64_t &dropped, uint32_t length)
@@ -139,7 +147,7 @@ int write_up(mbus_client &client, const Outgoing &packet)
     if (segment == nullptr || own.base == nullptr)
         return fail(client);
     client.client_offered += packet.length;
-    if (!put({own.up_ring(), client.up_write, client.up_read}, packet))
+    if (!put<Side::CLIENT>({own.up_ring(), client.up_write, client.up_read}, packet))
         return drop(client, segment->up_cond, client.client_dropped, packet.length);
     signal_condition(segment->up_cond, own.signals);
     return 0;
@@ -151,7 +159,7 @@ int write_down(mbus_client &client, const Outgoing &packet)
     if (attachment == nullptr || attachment->base == nullptr)
         return fail(client);
     client.server_offered += packet.length;
-    if (!put({attachment->down_ring(), client.down_write, client.down_read}, packet))
+    if (!put<Side::SERVER>({attachment->down_ring(), client.down_write, client.down_read}, packet))
         return drop(client, client.down_cond, client.server_dropped, packet.length);
     signal_condition(client.down_cond, attachment->signals);
     return 0;
@@ -183,10 +191,12 @@ PACKET_PATH mbus_pkg *hand_out(Slot &slot, Attachment &attachment, uint8_t type,
     return &attachment.header;
 }
 
-ASIDE mbus_pkg *skip(Slot &slot, uint32_t &read, uint32_t at, const mbus_client &client)
+// Its arguments are what the packet path has in registers anyway.
+ASIDE mbus_pkg *skip(Slot &slot, uint32_t &read, uint32_t at, const mbus_client &client, uint8_t type,
+                     uint32_t length)
 {
-    MBUS_LOG(QZLIB_LOG_WARNING, "mbus read fail, name:%.32s, type:%d, len:%d", client.name,
-             load_relaxed(slot.type), static_cast<int>(load_relaxed(slot.length)));
+    MBUS_LOG(QZLIB_LOG_WARNING, "mbus read fail, name:%.32s, type:%d, len:%d", client.name, type,
+             static_cast<int>(length));
     __atomic_store_n(&slot.data_address, 0, __ATOMIC_RELAXED);
     __atomic_store_n(&read, following(at), __ATOMIC_RELEASE);
     return nullptr;
@@ -203,7 +213,7 @@ PACKET_PATH mbus_pkg *take(const Ring &ring, uint32_t at, Attachment &attachment
     const uint8_t type = load_relaxed(slot.type);
     const uint32_t length = load_relaxed(slot.length);
     if (type >= TYPES || length < 1 || length > READ_LENGTH_MAX)
-        return skip(slot, ring.read, at, client);
+        return skip(slot, ring.read, at, client, type, length);
     __atomic_store_n(&slot.data_address, mark_of(slot), __ATOMIC_RELAXED);
     attachment.handed_out = at;
     bytes_read += length;

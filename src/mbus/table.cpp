@@ -23,21 +23,6 @@ namespace
 constexpr int SEGMENT_FLAGS = IPC_CREAT | 0666;
 constexpr int LEAVE_PATIENCE_MS = 2000;
 
-// A record's name, safe from a peer that changes it meanwhile.
-class Name
-{
-public:
-    explicit Name(const mbus_client &record)
-    {
-        memcpy(text_, record.name, sizeof record.name);
-        text_[sizeof record.name] = '\0';
-    }
-    [[nodiscard]] const char *text() const { return text_; }
-
-private:
-    char text_[QZLIB_MBUS_NAME_SIZE + 1];
-};
-
 int key_of(const char *name)
 {
     unsigned sum = 0;
@@ -144,6 +129,12 @@ bool same_name(const mbus_client &record, const char *name)
            strnlen(name, sizeof record.name + 1) <= sizeof record.name;
 }
 
+Attachment *remember(Attachment *attachment)
+{
+    __atomic_store_n(&recent_attachment, attachment, __ATOMIC_RELAXED);
+    return attachment;
+}
+
 } // namespace
 
 // A record is normally found where it lies in the table. A copy of one is found by its
@@ -152,13 +143,13 @@ Attachment *search_attachment(const mbus_client *record)
 {
     const size_t index = table_index(record);
     if (index < QZLIB_MBUS_CLIENTS && state.clients[index].record == record)
-        return recent_attachment = &state.clients[index];
+        return remember(&state.clients[index]);
     for (Attachment &attachment : state.clients) {
         if (attachment.record == nullptr)
             continue;
         if (attachment.record == record ||
             memcmp(&attachment.handle, &record->server_handle, sizeof attachment.handle) == 0)
-            return recent_attachment = &attachment;
+            return remember(&attachment);
     }
     return nullptr;
 }
@@ -181,17 +172,11 @@ void wait_absence()
         (void)nanosleep(&pause, nullptr);
 }
 
-void uninit_client(mbus_client &record, bool own_side)
+void uninit_own(const Name &name)
 {
-    const Name name(record);
-    MBUS_LOG(QZLIB_LOG_INFO, own_side ? "remove %s on client" : "remove %s on server", name.text());
-    Attachment *attachment = own_side ? &state.own : find_attachment(&record);
-    if (attachment != nullptr) {
-        detach(*attachment);
-        *attachment = {};
-    }
-    if (!own_side)
-        record.server_handle = {};
+    MBUS_LOG(QZLIB_LOG_INFO, "remove %s on client", name.text());
+    detach(state.own);
+    state.own = {};
 }
 
 } // namespace qz::mbus
@@ -243,8 +228,20 @@ QZ_EXPORT int qzlib_client_init(mbus_client *client)
 
 QZ_EXPORT void qzlib_client_uninit(mbus_client *client)
 {
-    if (client != nullptr)
-        uninit_client(*client, client == self());
+    if (client == nullptr)
+        return;
+    const Name name(*client);
+    if (client == self()) {
+        uninit_own(name);
+        return;
+    }
+    MBUS_LOG(QZLIB_LOG_INFO, "remove %s on server", name.text());
+    Attachment *attachment = find_attachment(client);
+    if (attachment != nullptr) {
+        detach(*attachment);
+        *attachment = {};
+    }
+    client->server_handle = {};
 }
 
 QZ_EXPORT int qzlib_mbus_share_init(void)

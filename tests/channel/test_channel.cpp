@@ -1,27 +1,20 @@
 #include "support/box.h"
-#include "support/files.h"
+#include "support/case.h"
 
-#include <gtest/gtest.h>
 #include <linux/netlink.h>
 #include <qzlib.h>
 
-#include <atomic>
 #include <condition_variable>
-#include <cstring>
-#include <fcntl.h>
 #include <malloc.h>
 #include <mutex>
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
-#include <thread>
-#include <vector>
 
 namespace
 {
 
+using namespace support;
 using namespace std::chrono_literals;
 constexpr int MAX_DATA = 3936;
 
@@ -66,12 +59,9 @@ class Peer
 public:
     Peer()
     {
-        sockaddr_nl address{};
-        address.nl_family = AF_NETLINK;
-        address.nl_groups = 5;
         const int large = 1 << 20;
         setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &large, sizeof large);
-        if (bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0)
+        if (bind(fd_, reinterpret_cast<const sockaddr *>(&GROUP), sizeof GROUP) != 0)
             ADD_FAILURE() << "netlink multicast: " << strerror(errno);
     }
     ~Peer() { close(fd_); }
@@ -80,11 +70,8 @@ public:
 
     void send(const std::string &datagram) const
     {
-        sockaddr_nl address{};
-        address.nl_family = AF_NETLINK;
-        address.nl_groups = 5;
-        (void)sendto(fd_, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr *>(&address),
-                     sizeof address);
+        (void)sendto(fd_, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&GROUP),
+                     sizeof GROUP);
     }
 
     // The next datagram of somebody else; empty when there is none.
@@ -96,6 +83,7 @@ public:
     }
 
 private:
+    static constexpr sockaddr_nl GROUP = {AF_NETLINK, 0, 0, 5};
     int fd_ = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_USERSOCK);
 };
 
@@ -140,18 +128,14 @@ int send_message(uint32_t type, const std::string &data = "", int dst_pid = 0,
 
 size_t threads()
 {
-    size_t count = 0;
-    for ([[maybe_unused]] const auto &entry : std::filesystem::directory_iterator("/proc/self/task"))
-        ++count;
-    return count;
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
 }
 
 // Waits until the process has so many threads: a cancelled one takes its time to go.
 bool threads_become(size_t count)
 {
-    for (int i = 0; i < 2000 && threads() != count; ++i)
-        usleep(5000);
-    return threads() == count;
+    return eventually([count] { return threads() == count; });
 }
 
 size_t threads_after_the_first()
@@ -162,68 +146,59 @@ size_t threads_after_the_first()
     return threads();
 }
 
-struct Channel : testing::Test {
+struct Channel : NothingLeft {
     Channel() { prctl(PR_SET_NAME, "self"); }
-    size_t descriptors = support::open_descriptors();
     size_t threads_before = threads_after_the_first(); // sanitizers start one of their own then
     ~Channel() override
     {
         qzlib_msg_exit();
-        EXPECT_EQ(support::open_descriptors(), descriptors);
         EXPECT_TRUE(threads_become(threads_before));
     }
     Inbox inbox; // outlives the threads
+    const Peer peer;
 };
 
 TEST_F(Channel, sent_bytes_are_the_format)
 {
-    {
-        const Peer peer;
-        EXPECT_EQ(send_message(1), -264) << "not open";
-        EXPECT_EQ(qzlib_msg_send(nullptr), -257);
-        ASSERT_EQ(qzlib_msg_init(nullptr, nullptr), 0);
-        EXPECT_EQ(threads(), threads_before) << "a channel for sending only";
-        EXPECT_EQ(qzlib_msg_send(nullptr), -257);
+    EXPECT_EQ(send_message(1), -264) << "not open";
+    EXPECT_EQ(qzlib_msg_send(nullptr), -257);
+    ASSERT_EQ(qzlib_msg_init(nullptr, nullptr), 0);
+    EXPECT_EQ(threads(), threads_before) << "a channel for sending only";
+    EXPECT_EQ(qzlib_msg_send(nullptr), -257);
 
-        const std::string five = "12345", most(MAX_DATA, 'm');
-        EXPECT_EQ(send_message(7), 0);
-        EXPECT_EQ(peer.receive(), wire(160, 7, 0, "", getpid(), "self", ""));
-        EXPECT_EQ(send_message(0xFFFFFFFF, five, 99, "other"), 0);
-        const std::string padded = peer.receive();
-        EXPECT_EQ(padded.size(), 168U);
-        EXPECT_EQ(padded.substr(0, 165), wire(165, 0xFFFFFFFF, 99, "other", getpid(), "self", five));
-        EXPECT_EQ(send_message(8, most), 0);
-        EXPECT_EQ(peer.receive(), wire(4096, 8, 0, "", getpid(), "self", most));
-        EXPECT_EQ(send_message(8, most + "m"), -257);
-        EXPECT_EQ(send_message(9, "", -1, std::string(64, 'n')), 0); // a name that fills its field
-        EXPECT_EQ(peer.receive(), wire(160, 9, -1, std::string(64, 'n'), getpid(), "self", ""));
-        EXPECT_EQ(peer.receive(), "");
+    const std::string most(MAX_DATA, 'm'), long_name(64, 'n'); // a name that fills its field
+    EXPECT_EQ(send_message(7), 0);
+    EXPECT_EQ(peer.receive(), wire(160, 7, 0, "", getpid(), "self", ""));
+    EXPECT_EQ(send_message(0xFFFFFFFF, "12345", 99, "other"), 0);
+    const std::string padded = peer.receive();
+    EXPECT_EQ(padded.size(), 168U);
+    EXPECT_EQ(padded.substr(0, 165), wire(165, 0xFFFFFFFF, 99, "other", getpid(), "self", "12345"));
+    EXPECT_EQ(send_message(8, most), 0);
+    EXPECT_EQ(peer.receive(), wire(4096, 8, 0, "", getpid(), "self", most));
+    EXPECT_EQ(send_message(8, most + "m"), -257);
+    EXPECT_EQ(send_message(9, "", -1, long_name), 0);
+    EXPECT_EQ(peer.receive(), wire(160, 9, -1, long_name, getpid(), "self", ""));
+    EXPECT_EQ(peer.receive(), "");
 
-        local_msg msg{};
-        msg.data_len = 100; // without data
-        EXPECT_EQ(qzlib_msg_send(&msg), 0);
-        EXPECT_EQ(peer.receive().size(), 160U);
-        EXPECT_EQ(msg.magic, 0x515A4D53U);
-        EXPECT_EQ(msg.src_pid, getpid());
-        EXPECT_STREQ(msg.src_name, "self");
-        msg.data = &msg;
-        msg.data_len = -5;
-        EXPECT_EQ(qzlib_msg_send(&msg), 0);
-        EXPECT_EQ(peer.receive().size(), 160U);
-    }
+    local_msg msg{};
+    msg.data_len = 100; // without data
+    EXPECT_EQ(qzlib_msg_send(&msg), 0);
+    EXPECT_EQ(peer.receive().size(), 160U);
+    EXPECT_EQ(msg.magic, 0x515A4D53U);
+    EXPECT_EQ(msg.src_pid, getpid());
+    EXPECT_STREQ(msg.src_name, "self");
+    msg.data = &msg;
+    msg.data_len = -5;
+    EXPECT_EQ(qzlib_msg_send(&msg), 0);
+    EXPECT_EQ(peer.receive().size(), 160U);
     qzlib_msg_exit();
     EXPECT_EQ(send_message(1), -264);
 }
 
 TEST_F(Channel, received_is_what_is_addressed_here)
 {
-    const Peer peer;
     ASSERT_EQ(qzlib_msg_init(Inbox::put, &inbox), 0);
-    const struct {
-        int dst_pid;
-        std::string dst_name;
-        bool delivered;
-    } cases[] = {
+    const Table<int, std::string, bool> cases = {
         {0, "", true},
         {-3, "", true},
         {getpid(), "", true},
@@ -232,7 +207,6 @@ TEST_F(Channel, received_is_what_is_addressed_here)
         {getpid(), "self", true},
         {getpid() + 1, "self", false},
         {getpid(), "other", false},
-        {0, "other", false},
         {0, "sel", false},
         {0, "self2", false},
         {0, std::string("\0\0\0\0other", 9), true}, // four zeros: no name
@@ -240,13 +214,11 @@ TEST_F(Channel, received_is_what_is_addressed_here)
         {0, std::string(64, 's'), false},
     };
     uint32_t type = 100;
-    for (const auto &c : cases) {
-        ++type;
-        peer.send(from_peer(type, "data", c.dst_pid, c.dst_name));
+    for (const auto &[dst_pid, dst_name, delivered] : cases) {
+        peer.send(from_peer(++type, "data", dst_pid, dst_name));
         peer.send(from_peer(1)); // ends the wait for what is not delivered
-        const Message first = inbox.next();
-        EXPECT_EQ(first.head.type == type, c.delivered) << c.dst_pid << " " << c.dst_name;
-        if (c.delivered) {
+        EXPECT_EQ(inbox.next().head.type, delivered ? type : 1U) << dst_pid << " " << dst_name;
+        if (delivered) {
             EXPECT_EQ(inbox.next().head.type, 1U);
         }
     }
@@ -261,20 +233,20 @@ TEST_F(Channel, received_is_what_is_addressed_here)
 
 TEST_F(Channel, crooked_datagrams_are_dropped_or_bounded)
 {
-    const Peer peer;
     ASSERT_EQ(qzlib_msg_init(Inbox::put, &inbox), 0);
     std::string wrong_magic = from_peer(2);
     wrong_magic[16] = 'X';
     peer.send(wrong_magic);
     peer.send(from_peer(3).substr(0, 159)); // one byte short
     peer.send("x");
-    const uint32_t lengths[] = {160, 0, 159, 161, 4096, 4097, 0x80000000, 100};
-    const int expected[] = {0, 0, 0, 1, MAX_DATA, MAX_DATA, MAX_DATA, 0};
-    for (size_t i = 0; i < std::size(lengths); ++i) {
-        peer.send(wire(lengths[i], 10 + static_cast<uint32_t>(i), 0, "", 1, "", "d"));
+    const Table<uint32_t, int> lengths = {
+        {160, 0}, {0, 0}, {159, 0}, {161, 1}, {4096, MAX_DATA}, {4097, MAX_DATA}, {0x80000000, MAX_DATA}};
+    uint32_t type = 10;
+    for (const auto &[length, expected] : lengths) {
+        peer.send(wire(length, ++type, 0, "", 1, "", "d"));
         const Message message = inbox.next();
-        EXPECT_EQ(message.head.type, 10 + i);
-        EXPECT_EQ(message.head.data_len, expected[i]) << lengths[i];
+        EXPECT_EQ(message.head.type, type);
+        EXPECT_EQ(message.head.data_len, expected) << length;
     }
     std::string most(MAX_DATA, '\0');
     for (size_t i = 0; i < most.size(); ++i)
@@ -303,8 +275,8 @@ TEST_F(Channel, processes_reach_each_other_by_pid_by_name_and_all)
         return seen;
     };
     const int ready = eventfd(0, EFD_SEMAPHORE);
-    const pid_t one = support::start_child([&] { return listen("one", ready); });
-    const pid_t two = support::start_child([&] { return listen("two", ready); });
+    const pid_t one = start_child([&] { return listen("one", ready); });
+    const pid_t two = start_child([&] { return listen("two", ready); });
     eventfd_t count;
     eventfd_read(ready, &count);
     eventfd_read(ready, &count);
@@ -316,8 +288,8 @@ TEST_F(Channel, processes_reach_each_other_by_pid_by_name_and_all)
     send_message(4, "x", one, "two");
     send_message(5, "x", getpid());
     send_message(9);
-    EXPECT_EQ(support::wait_child(one), 1 << 1 | 1 << 2);
-    EXPECT_EQ(support::wait_child(two), 1 << 1 | 1 << 3);
+    EXPECT_EQ(wait_child(one), 1 << 1 | 1 << 2);
+    EXPECT_EQ(wait_child(two), 1 << 1 | 1 << 3);
     for (const uint32_t type : {1U, 5U, 9U})
         EXPECT_EQ(inbox.next().head.type, type) << "the sender receives, too";
 }
@@ -336,21 +308,26 @@ struct Gate {
         }
         Inbox::put(msg, &gate.inbox);
     }
-    void wait_entered() const
-    {
-        while (!entered)
-            std::this_thread::yield();
-    }
 };
 
-TEST_F(Channel, read_error_delivers_the_message_before_once_more)
-{
+struct GatedChannel : Channel {
+    GatedChannel()
+    {
+        gate.closed.lock();
+        EXPECT_EQ(qzlib_msg_init(Gate::pass, &gate), 0);
+        peer.send(from_peer(1, "first"));
+        EXPECT_TRUE(eventually([this] { return gate.entered.load(); }));
+    }
+    ~GatedChannel() override
+    {
+        qzlib_msg_exit();
+        EXPECT_TRUE(threads_become(threads_before)) << "the gate is still in use";
+    }
     Gate gate;
-    const Peer peer;
-    gate.closed.lock();
-    ASSERT_EQ(qzlib_msg_init(Gate::pass, &gate), 0);
-    peer.send(from_peer(1, "first"));
-    gate.wait_entered();
+};
+
+TEST_F(GatedChannel, read_error_delivers_the_message_before_once_more)
+{
     for (int i = 0; i < 2000; ++i) // more than the socket holds: its next read fails
         peer.send(from_peer(2, std::string(2000, 'x')));
     gate.closed.unlock();
@@ -360,39 +337,29 @@ TEST_F(Channel, read_error_delivers_the_message_before_once_more)
         EXPECT_EQ(message.data, "first");
     }
     EXPECT_EQ(gate.inbox.next().head.type, 2U);
-    qzlib_msg_exit();
-    ASSERT_TRUE(threads_become(threads_before)) << "the gate is still in use";
 }
 
-TEST_F(Channel, exit_during_a_callback_neither_waits_nor_takes_its_message)
+TEST_F(GatedChannel, exit_during_a_callback_neither_waits_nor_takes_its_message)
 {
-    Gate gate;
-    const Peer peer;
-    gate.closed.lock();
-    ASSERT_EQ(qzlib_msg_init(Gate::pass, &gate), 0);
-    peer.send(from_peer(1, "message"));
-    gate.wait_entered();
     qzlib_msg_exit();
-    EXPECT_EQ(support::open_descriptors(), descriptors + 1) << "the peer's only";
+    EXPECT_EQ(open_descriptors(), descriptors + 1) << "the peer's only";
     gate.closed.unlock();
-    ASSERT_TRUE(threads_become(threads_before));
-    EXPECT_EQ(gate.inbox.next().data, "message");
+    EXPECT_EQ(gate.inbox.next().data, "first");
 }
 
 TEST_F(Channel, exit_while_receiving_leaves_nothing_behind_a_thousand_times)
 {
-    const auto round = [&] {
-        ASSERT_EQ(qzlib_msg_init(Inbox::put, &inbox), 0);
-        qzlib_msg_exit();
-        ASSERT_EQ(support::open_descriptors(), descriptors);
+    const auto rounds = [this](int count) {
+        for (; count > 0; --count) {
+            ASSERT_EQ(qzlib_msg_init(Inbox::put, &inbox), 0);
+            qzlib_msg_exit();
+            ASSERT_EQ(open_descriptors(), descriptors + 1) << "the peer's only";
+        }
+        ASSERT_TRUE(threads_become(threads_before));
     };
-    for (int i = 0; i < 20; ++i)
-        round();
-    ASSERT_TRUE(threads_become(threads_before));
+    rounds(20);
     const auto before = mallinfo2();
-    for (int i = 0; i < 1000; ++i)
-        round();
-    EXPECT_TRUE(threads_become(threads_before));
+    rounds(1000);
     const auto after = mallinfo2();
     EXPECT_LT(after.uordblks + after.hblkhd, before.uordblks + before.hblkhd + 64 * 1024)
         << "a thousand buffers are 4 MiB";
@@ -401,7 +368,6 @@ TEST_F(Channel, exit_while_receiving_leaves_nothing_behind_a_thousand_times)
 
 TEST_F(Channel, exit_in_a_storm_of_messages_ends_the_deliveries)
 {
-    const Peer peer;
     std::atomic<bool> stop = false;
     std::thread storm([&] {
         while (!stop)
@@ -437,7 +403,6 @@ TEST_F(Channel, callback_may_close_or_replace_its_own_channel)
         EXPECT_EQ(qzlib_msg_init(Inbox::put, ctx), 0);
         Inbox::put(msg, ctx);
     };
-    const Peer peer;
     for (int i = 0; i < 20; ++i) {
         ASSERT_EQ(qzlib_msg_init(close_it, &inbox), 0);
         peer.send(from_peer(1));
@@ -455,7 +420,10 @@ TEST_F(Channel, callback_may_close_or_replace_its_own_channel)
 TEST_F(Channel, forked_child_can_exit_without_the_thread_it_did_not_get)
 {
     ASSERT_EQ(qzlib_msg_init(Inbox::put, &inbox), 0);
-    EXPECT_EQ(support::run_child([] {
+    send_message(3);
+    EXPECT_EQ(inbox.next().head.type, 3U);
+    usleep(50'000); // the thread is back in its read and holds its lock then
+    EXPECT_EQ(run_child([] {
                   alarm(20);
                   qzlib_msg_exit();
                   return qzlib_msg_init(nullptr, nullptr);
@@ -467,24 +435,18 @@ TEST_F(Channel, forked_child_can_exit_without_the_thread_it_did_not_get)
 
 TEST_F(Channel, failed_init_leaves_nothing)
 {
-    EXPECT_EQ(support::run_child([] {
-                  rlimit limit{};
-                  getrlimit(RLIMIT_NOFILE, &limit);
-                  int failures = 0;
-                  const int next = dup(0);
-                  close(next);
-                  for (unsigned room = 0; room < 2; ++room) {
-                      limit.rlim_cur = static_cast<rlim_t>(next) + room;
-                      setrlimit(RLIMIT_NOFILE, &limit);
-                      failures += qzlib_msg_init(Inbox::put, nullptr) < 0;
-                      failures += send_message(1) == -264;
-                      const int again = dup(0);
-                      failures += room == 0 ? again < 0 : again == next;
-                      close(again);
-                  }
-                  return failures;
-              }),
-              6);
+    for (const rlim_t room : {0U, 1U}) { // for descriptors
+        const int next = dup(0);
+        close(next);
+        EXPECT_EQ(
+            run_child([=] {
+                const rlimit limit = {static_cast<rlim_t>(next) + room, static_cast<rlim_t>(next) + room};
+                setrlimit(RLIMIT_NOFILE, &limit);
+                const bool refused = qzlib_msg_init(Inbox::put, nullptr) < 0 && send_message(1) == -264;
+                return refused && dup(0) == (room == 0 ? -1 : next) ? 42 : 1;
+            }),
+            42);
+    }
 }
 
 } // namespace

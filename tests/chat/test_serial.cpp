@@ -1,22 +1,15 @@
 #include "support/modem.h"
+#include "support/seccomp.h"
+#include "support/syscall_trace.h"
 
-#include <cstddef>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <pty.h>
-#include <span>
 #include <sys/ioctl.h>
-#include <sys/prctl.h>
-#include <sys/ptrace.h>
-#include <sys/syscall.h>
 #include <termios.h>
 
 namespace
 {
 
-using support::Stopwatch;
-using support::take_log;
-
+using namespace support;
 constexpr int FLAGS = O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC;
 constexpr int SIGNALS[] = {SIGHUP, SIGINT, SIGALRM, SIGQUIT, SIGPIPE, SIGTERM};
 
@@ -41,10 +34,19 @@ termios settings_of(int fd)
     return settings;
 }
 
+std::string received(const std::vector<int> &signals)
+{
+    std::string log;
+    for (const int signal : signals)
+        log += "<ERROR>vq_chat receive the signal(" + std::to_string(signal) + ")\n";
+    return log;
+}
+
+// A line on which every case leaves the signals and the descriptors as they were.
 struct Serial : testing::Test {
     Serial()
     {
-        support::start_log();
+        start_log();
         for (const int signal : SIGNALS) {
             struct sigaction action = {};
             action.sa_handler = own_handler;
@@ -54,15 +56,31 @@ struct Serial : testing::Test {
         char name[64];
         EXPECT_EQ(openpty(&master, &slave, name, nullptr, nullptr), 0);
         path = name;
+        descriptors = open_descriptors();
     }
-    ~Serial() override { EXPECT_EQ(alarm(0), 0U) << "an alarm is left"; }
+    ~Serial() override
+    {
+        EXPECT_EQ(alarm(0), 0U) << "an alarm is left";
+        EXPECT_EQ(handlers(), "oooooo");
+        EXPECT_EQ(open_descriptors(), descriptors);
+    }
 
     [[nodiscard]] std::string opened() const { return "<INFO>open the device(" + path + ") succeed\n"; }
 
+    size_t descriptors = 0;
     int master = -1;
     int slave = -1; // a second descriptor of the device, to look at its settings
     std::string path;
 };
+
+// The settings of a line that the library changes, and one that it does not.
+std::string shown(const termios &t)
+{
+    char text[128];
+    snprintf(text, sizeof text, "in %x out %x control %x local %x min %d time %d intr %d", t.c_iflag,
+             t.c_oflag, t.c_cflag, t.c_lflag, t.c_cc[VMIN], t.c_cc[VTIME], t.c_cc[VINTR]);
+    return text;
+}
 
 TEST_F(Serial, opening_makes_the_line_raw_and_closing_puts_everything_back)
 {
@@ -75,21 +93,19 @@ TEST_F(Serial, opening_makes_the_line_raw_and_closing_puts_everything_back)
     cfsetspeed(&odd, B9600);
     ASSERT_EQ(tcsetattr(slave, TCSANOW, &odd), 0);
     odd = settings_of(slave);
-    const size_t descriptors = support::open_descriptors();
 
     const Stopwatch watch;
     const int fd = dev_init(path.c_str(), FLAGS, 921600);
     ASSERT_GT(fd, 0);
     EXPECT_GE(watch.seconds(), 1.0) << "the pulse on DTR";
     EXPECT_EQ(take_log(), opened());
-    const termios raw = settings_of(slave);
-    EXPECT_EQ(raw.c_iflag, static_cast<tcflag_t>(IGNBRK | IGNPAR));
-    EXPECT_EQ(raw.c_oflag, 0U);
-    EXPECT_EQ(raw.c_lflag, 0U);
-    EXPECT_EQ(raw.c_cflag, static_cast<tcflag_t>(0x1007 | CS8 | CREAD | CLOCAL | CRTSCTS | PARODD));
-    EXPECT_EQ(raw.c_cc[VMIN], 1);
-    EXPECT_EQ(raw.c_cc[VTIME], 0);
-    EXPECT_EQ(raw.c_cc[VINTR], odd.c_cc[VINTR]);
+    termios raw = odd;
+    raw.c_iflag = IGNBRK | IGNPAR;
+    raw.c_oflag = raw.c_lflag = 0;
+    raw.c_cflag = 0x1007 | CS8 | CREAD | CLOCAL | CRTSCTS | PARODD;
+    raw.c_cc[VMIN] = 1;
+    raw.c_cc[VTIME] = 0;
+    EXPECT_EQ(shown(settings_of(slave)), shown(raw));
     EXPECT_EQ(handlers(), "cccooo");
     struct sigaction installed = {};
     sigaction(SIGALRM, nullptr, &installed);
@@ -99,25 +115,14 @@ TEST_F(Serial, opening_makes_the_line_raw_and_closing_puts_everything_back)
         EXPECT_EQ(old->sa_flags & SA_RESTART, SA_RESTART);
     }
 
+    EXPECT_EQ(dev_close(-1), 0);
+    EXPECT_EQ(handlers(), "cccooo") << "closing nothing touches nothing";
     for (const int signal : {SIGHUP, SIGINT, SIGALRM, SIGTERM}) // the last one is the test's again
         raise(signal);
-    EXPECT_EQ(take_log(), "<ERROR>vq_chat receive the signal(1)\n<ERROR>vq_chat receive the signal(2)\n"
-                          "<ERROR>vq_chat receive the signal(14)\n");
-
-    EXPECT_EQ(dev_close(-1), 0);
-    EXPECT_EQ(take_log(), "");
-    EXPECT_EQ(handlers(), "cccooo") << "closing nothing touches nothing";
-
+    EXPECT_EQ(take_log(), received({1, 2, 14}));
     EXPECT_EQ(dev_close(fd), 0);
     EXPECT_EQ(take_log(), "<INFO>close the device(" + std::to_string(fd) + ") succeed\n");
-    EXPECT_EQ(handlers(), "oooooo");
-    const termios restored = settings_of(slave);
-    EXPECT_EQ(restored.c_iflag, odd.c_iflag);
-    EXPECT_EQ(restored.c_oflag, odd.c_oflag);
-    EXPECT_EQ(restored.c_cflag, odd.c_cflag);
-    EXPECT_EQ(restored.c_lflag, odd.c_lflag);
-    EXPECT_EQ(memcmp(restored.c_cc, odd.c_cc, sizeof odd.c_cc), 0);
-    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_EQ(shown(settings_of(slave)), shown(odd));
 }
 
 TEST_F(Serial, unknown_speed_is_logged_and_kept)
@@ -146,19 +151,16 @@ TEST_F(Serial, unknown_speed_is_logged_and_kept)
 
 TEST_F(Serial, device_that_cannot_be_opened_is_tried_four_times)
 {
-    const size_t descriptors = support::open_descriptors();
     const Stopwatch watch;
     EXPECT_EQ(dev_init("/dev/ttyNone", FLAGS, 115200), -1);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_GE(watch.seconds(), 12.0);
     EXPECT_LT(watch.seconds(), 14.0); // a fifth attempt or pause would take 15 s
+    const std::string error = "<ERROR>open the device(/dev/ttyNone) error";
     std::string expected;
     for (const char *count : {"0", "1", "2", "3"})
-        expected +=
-            std::string("<ERROR>open the device(/dev/ttyNone) error, try again ") + count + " times\n";
-    EXPECT_EQ(take_log(), expected + "<ERROR>open the device(/dev/ttyNone) error\n");
-    EXPECT_EQ(handlers(), "oooooo");
-    EXPECT_EQ(support::open_descriptors(), descriptors);
+        expected += error + ", try again " + count + " times\n";
+    EXPECT_EQ(take_log(), expected + error + "\n");
 }
 
 TEST_F(Serial, descriptor_zero_counts_as_a_failure_and_is_not_kept)
@@ -167,20 +169,18 @@ TEST_F(Serial, descriptor_zero_counts_as_a_failure_and_is_not_kept)
     const int fd = dev_init(path.c_str(), FLAGS, 0);
     EXPECT_GT(fd, 0);
     EXPECT_EQ(take_log(), "<ERROR>open the device(" + path + ") error, try again 0 times\n" + opened());
-    EXPECT_EQ(fcntl(0, F_GETFD), -1);
     dev_close(fd);
+    EXPECT_EQ(open("/", O_PATH), 0) << "kept";
 }
 
 TEST_F(Serial, device_without_terminal_settings_is_opened_all_the_same)
 {
     const Stopwatch watch;
     const int fd = dev_init("/dev/null", FLAGS, 115200);
-    ASSERT_GT(fd, 0);
     EXPECT_GE(watch.seconds(), 1.0) << "the pulse on DTR is given, too";
     EXPECT_EQ(take_log(), "<ERROR>tcgetattr tty(" + std::to_string(fd) +
                               ") error\n<INFO>open the device(/dev/null) succeed\n");
     EXPECT_EQ(dev_close(fd), 0);
-    EXPECT_EQ(handlers(), "oooooo");
 }
 
 TEST_F(Serial, signals_during_the_set_up_are_logged_and_survived)
@@ -189,7 +189,7 @@ TEST_F(Serial, signals_during_the_set_up_are_logged_and_survived)
     const pid_t sender = fork();
     if (sender == 0) {
         // The line is raw as soon as the pulse begins, and that lasts a second.
-        (void)support::eventually([this] { return settings_of(slave).c_lflag == 0; });
+        (void)eventually([this] { return settings_of(slave).c_lflag == 0; });
         for (const int signal : {SIGTERM, SIGQUIT, SIGPIPE, SIGHUP}) {
             kill(self, signal);
             usleep(50'000); // one at a time, for the order of the log
@@ -200,141 +200,82 @@ TEST_F(Serial, signals_during_the_set_up_are_logged_and_survived)
     const int fd = dev_init(path.c_str(), FLAGS, 0);
     EXPECT_GE(watch.seconds(), 1.0) << "signals do not shorten the pulse";
     waitpid(sender, nullptr, 0);
-    ASSERT_GT(fd, 0);
-    EXPECT_EQ(take_log(), "<ERROR>vq_chat receive the signal(15)\n<ERROR>vq_chat receive the signal(3)\n"
-                          "<ERROR>vq_chat receive the signal(13)\n<ERROR>vq_chat receive the signal(1)\n" +
-                              opened());
+    EXPECT_EQ(take_log(), received({15, 3, 13, 1}) + opened());
     EXPECT_EQ(dev_close(fd), 0);
-}
-
-// ---- A device that hangs --------------------------------------------------------------
-
-// From now on, for the rest of this process, setting a terminal's attributes blocks until a
-// signal comes: the kernel holds the call back for a supervisor that never answers.
-void let_terminals_hang()
-{
-    sock_filter program[] = {
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_ioctl, 0, 3),
-        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args[1])),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, TCSETSF, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-    };
-    const sock_fprog filter{static_cast<unsigned short>(std::size(program)), program};
-    ASSERT_EQ(prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0), 0);
-    ASSERT_GE(syscall(SYS_seccomp, SECCOMP_SET_MODE_FILTER, SECCOMP_FILTER_FLAG_NEW_LISTENER, &filter), 0);
 }
 
 TEST_F(Serial, device_that_hangs_while_it_is_set_up_is_given_up_after_five_seconds)
 {
-    let_terminals_hang();
-    const size_t descriptors = support::open_descriptors();
+    filter_calls(SYS_ioctl, 1, TCSETSF, SECCOMP_RET_USER_NOTIF);
+    descriptors = open_descriptors();
     const Stopwatch watch;
     EXPECT_EQ(dev_init(path.c_str(), FLAGS, 115200), -1);
     EXPECT_GE(watch.seconds(), 6.0); // the alarm, and the pulse on DTR
     EXPECT_LT(watch.seconds(), 8.0);
-    EXPECT_EQ(take_log(), "<ERROR>vq_chat receive the signal(14)\n<ERROR>device(" + path + ") maybe die\n");
-    EXPECT_EQ(handlers(), "oooooo");
-    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_EQ(take_log(), received({14}) + "<ERROR>device(" + path + ") maybe die\n");
 }
 
 TEST_F(Serial, device_that_hangs_while_it_is_closed_is_given_up_after_five_seconds)
 {
     const int fd = dev_init(path.c_str(), FLAGS, 115200);
     take_log();
-    let_terminals_hang();
-    const size_t descriptors = support::open_descriptors();
+    filter_calls(SYS_ioctl, 1, TCSETSF, SECCOMP_RET_USER_NOTIF);
+    descriptors = open_descriptors() - 1;
     const Stopwatch watch;
     EXPECT_EQ(dev_close(fd), -1);
     EXPECT_GE(watch.seconds(), 5.0);
     EXPECT_LT(watch.seconds(), 7.0);
-    EXPECT_EQ(take_log(), "<ERROR>vq_chat receive the signal(14)\n"
-                          "<ERROR>receive the alarm signal, device maybe die\n");
-    EXPECT_EQ(handlers(), "oooooo");
-    EXPECT_EQ(support::open_descriptors(), descriptors - 1);
-}
-
-// ---- What reaches the kernel ----------------------------------------------------------
-
-std::string describe(const __ptrace_syscall_info &info, pid_t pid)
-{
-    const auto *args = info.entry.args;
-    if (info.entry.nr == SYS_rt_sigaction && args[1] != 0)
-        return "signal " + std::to_string(args[0]);
-    if (info.entry.nr == SYS_alarm)
-        return "alarm " + std::to_string(args[0]);
-    if (info.entry.nr != SYS_ioctl)
-        return {};
-    if (args[1] == TIOCMBIS || args[1] == TIOCMBIC) {
-        const long bits = ptrace(PTRACE_PEEKDATA, pid, args[2], nullptr) & 0xffffffff;
-        return (args[1] == TIOCMBIS ? "raise " : "drop ") + std::string(bits == TIOCM_DTR ? "DTR" : "?");
-    }
-    return args[1] == TCSETSF ? "flush and set" : ""; // libc looks at the settings as it likes
-}
-
-// The calls of interest that a function makes, in order.
-template <typename Function>
-std::vector<std::string> system_calls(Function function)
-{
-    std::vector<std::string> calls;
-    const pid_t child = fork();
-    if (child == 0) {
-        ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
-        raise(SIGSTOP);
-        function();
-        _exit(0);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD);
-    while (ptrace(PTRACE_SYSCALL, child, nullptr, nullptr) == 0 && waitpid(child, &status, 0) == child &&
-           WIFSTOPPED(status)) {
-        __ptrace_syscall_info info = {};
-        ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof info, &info);
-        if (info.op == PTRACE_SYSCALL_INFO_ENTRY && !describe(info, child).empty())
-            calls.push_back(describe(info, child));
-    }
-    return calls;
+    EXPECT_EQ(take_log(), received({14}) + "<ERROR>receive the alarm signal, device maybe die\n");
 }
 
 TEST_F(Serial, calls_reach_the_kernel_in_the_order_that_drivers_expect)
 {
-    const auto calls = system_calls([this] { dev_close(dev_init(path.c_str(), FLAGS, 115200)); });
+    const auto describe = [](const Call &call) -> std::string {
+        if (call.number == SYS_rt_sigaction && call.args[1] != 0)
+            return "signal " + std::to_string(call.args[0]);
+        if (call.number == SYS_alarm)
+            return "alarm " + std::to_string(call.args[0]);
+        if (call.number != SYS_ioctl)
+            return "";
+        if ((call.args[1] == TIOCMBIS || call.args[1] == TIOCMBIC) && call.ioctl_value() == TIOCM_DTR)
+            return call.args[1] == TIOCMBIS ? "raise DTR" : "drop DTR";
+        return call.args[1] == TCSETSF ? "flush and set" : ""; // libc looks at the settings as it likes
+    };
     const std::vector<std::string> expected = {
         "signal 1", "signal 14", "signal 2", "signal 3", "signal 13", "signal 15", "alarm 5", "raise DTR",
         "flush and set", "drop DTR", "raise DTR", "alarm 0", "signal 3", "signal 13", "signal 15",
         // closing
         "signal 3", "signal 13", "signal 15", "alarm 5", "flush and set", "alarm 0", "signal 1", "signal 2",
         "signal 14", "signal 3", "signal 13", "signal 15"};
-    EXPECT_EQ(calls, expected);
+    const auto open_and_close = [this] { dev_close(dev_init(path.c_str(), FLAGS, 115200)); };
+    EXPECT_EQ(trace_calls(open_and_close, describe), expected);
 }
-
-// ---- Tables ---------------------------------------------------------------------------
 
 TEST(Speeds, tables_hold_the_rates_of_the_line)
 {
-    const qzlib_speed listed[] = {{50, 1},          {75, 2},          {110, 3},    {134, 4},
-                                  {150, 5},         {200, 6},         {300, 7},    {600, 8},
-                                  {1200, 9},        {1800, 10},       {2400, 11},  {4800, 12},
-                                  {9600, 13},       {19200, 14},      {38400, 15}, {57600, 0x1001},
-                                  {115200, 0x1002}, {19200, 14},      {38400, 15}, {230400, 0x1003},
-                                  {460800, 0x1004}, {921600, 0x1007}, {0, 0}};
-    static_assert(sizeof listed == sizeof speeds_list);
-    EXPECT_EQ(memcmp(listed, speeds_list, sizeof listed), 0);
-
-    const qzlib_speed more[] = {{500000, 0x1005},  {576000, 0x1006},  {1000000, 0x1008},
-                                {1152000, 0x1009}, {1500000, 0x100a}, {2500000, 0x100c},
-                                {3000000, 0x100d}, {3500000, 0x100e}, {4000000, 0x100f}};
-    for (const auto &table : {std::span<const qzlib_speed>(listed), std::span<const qzlib_speed>(more)})
-        for (const qzlib_speed &row : table) {
-            EXPECT_EQ(qzlib_uart_baud_to_flag(static_cast<int>(row.baud)), static_cast<int>(row.code));
-            EXPECT_EQ(qzlib_uart_flag_to_baud(static_cast<int>(row.code)), static_cast<int>(row.baud));
+    // The rates from code 1 and from code 0x1001 on; there is none for 0x100b.
+    const std::vector<int> slow = {50,   75,   110,  134,  150,  200,   300,  600,
+                                   1200, 1800, 2400, 4800, 9600, 19200, 38400};
+    const std::vector<int> fast = {57600,   115200,  230400, 460800,  500000,  576000,  921600, 1000000,
+                                   1152000, 1500000, -1,     2500000, 3000000, 3500000, 4000000};
+    for (size_t i = 0; i < 15; ++i)
+        for (const auto &[baud, code] :
+             {std::pair(slow[i], static_cast<int>(1 + i)), {fast[i], static_cast<int>(0x1001 + i)}}) {
+            EXPECT_EQ(qzlib_uart_flag_to_baud(code), baud);
+            EXPECT_EQ(qzlib_uart_baud_to_flag(baud), baud < 0 ? -1 : code) << baud;
         }
-    for (const int absent : {2000000, 51, -1, 4000001})
+    for (const int absent : {2000000, 51, 16, 0x1010}) {
         EXPECT_EQ(qzlib_uart_baud_to_flag(absent), -1) << absent;
-    for (const int absent : {0x100b, 16, -1, 0x1010})
         EXPECT_EQ(qzlib_uart_flag_to_baud(absent), -1) << absent;
+    }
+    std::vector<int> listed = slow;
+    listed.insert(listed.end(), {57600, 115200, 19200, 38400, 230400, 460800, 921600, 0});
+    ASSERT_EQ(std::size(speeds_list), listed.size());
+    for (size_t i = 0; i < listed.size(); ++i) {
+        EXPECT_EQ(static_cast<int>(speeds_list[i].baud), listed[i]);
+        EXPECT_EQ(static_cast<int>(speeds_list[i].code),
+                  listed[i] == 0 ? 0 : qzlib_uart_baud_to_flag(listed[i]));
+    }
     EXPECT_EQ(qzlib_set_uart_baud_rate(3, 115200), 0);
     EXPECT_EQ(qzlib_get_uart_baud_rate(-1), 0);
 }

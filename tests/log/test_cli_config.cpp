@@ -1,15 +1,11 @@
-#include "support/files.h"
+#include "support/case.h"
 
-#include <gtest/gtest.h>
 #include <qzlib.h>
-
-#include <cstring>
 
 namespace
 {
 
-using support::write_file;
-
+using namespace support;
 constexpr const char *CLI_CONF = "/tmp/config/cli.conf";
 constexpr int WORDS = QZLIB_CLI_WORDS;
 constexpr int LINES = 0;
@@ -17,10 +13,10 @@ alignas(256) constexpr char KEY_OF_A_ZERO_BYTE[] = "mtu"; // its address in the 
 
 // A lookup table as a daemon builds it. The rooms of 13 and 22 bytes put keys on every kind of
 // 4-byte boundary, aligned to a 64-bit word and not.
-class Table
+class Lookup
 {
 public:
-    explicit Table(const char *preset = "")
+    explicit Lookup(const char *preset = "")
     {
         add("interface", 13);
         strcpy(value(0), preset);
@@ -29,9 +25,9 @@ public:
         add("up", 13);
         memset(bytes_ + size_, '#', sizeof bytes_ - size_);
     }
-    ~Table() { EXPECT_EQ(std::string(bytes_ + size_, bytes_ + 256), std::string(256 - size_, '#')); }
-    Table(const Table &) = delete;
-    Table &operator=(const Table &) = delete;
+    ~Lookup() { EXPECT_EQ(std::string(bytes_ + size_, bytes_ + 256), std::string(256 - size_, '#')); }
+    Lookup(const Lookup &) = delete;
+    Lookup &operator=(const Lookup &) = delete;
 
     char *value(size_t entry) { return bytes_ + values_[entry]; }
     int get(int mode) { return get(mode, static_cast<int>(size_)); }
@@ -52,13 +48,8 @@ private:
 
 TEST(CliConfigGet, takes_one_block_and_its_values)
 {
-    const struct {
-        std::string file;
-        int mode;
-        const char *preset;
-        int result;
-        const char *values; // header, ip address, mtu, up
-    } cases[] = {
+    // File, mode, preset, result, values of header, ip address, mtu and up.
+    const Table<std::string, int, const char *, int, const char *> cases = {
         {"interface lan\n ip address 1.2.3.4 24\n mtu 1500\n!\n", WORDS, "", 0, "lan|1.2.3.4|1500|"},
         {"interface lan\r\n ip address 1.2.3.4 24\r\n!\r\n", LINES, "", 0, "lan|1.2.3.4 24||"},
         {"interface lan\n mtu   1\n mtu 2\n!\n", WORDS, "", 0, "lan||2|"},   // last line wins
@@ -94,11 +85,11 @@ TEST(CliConfigGet, takes_one_block_and_its_values)
         {"interface a\n!\ninterface b c\n mtu 1\n!\ninterface d\n mtu 2\n!\n", WORDS, "a", 0, "d||2|"},
         {"interface a\n!\ninterface b \n mtu 1\n!\n", WORDS, "a", -1, "b \n|||"},
     };
-    for (const auto &c : cases) {
-        write_file(CLI_CONF, c.file);
-        Table table(c.preset);
-        EXPECT_EQ(table.get(c.mode), c.result) << c.file;
-        EXPECT_EQ(table.values(), c.values) << c.file;
+    for (const auto &[file, mode, preset, result, values] : cases) {
+        write_file(CLI_CONF, file);
+        Lookup table(preset);
+        EXPECT_EQ(table.get(mode), result) << file;
+        EXPECT_EQ(table.values(), values) << file;
     }
 }
 
@@ -106,7 +97,7 @@ TEST(CliConfigGet, enumerates_all_blocks_with_one_header_word)
 {
     write_file(CLI_CONF, "hostname r\ninterface wan0\n mtu 1400\n up yes\n!\nroute x\n mtu 9\n!\n"
                          "interface lo\n ip address 127.0.0.1\n!\ninterface lan\n!\n");
-    Table table;
+    Lookup table;
     for (const auto &[result, values] :
          {std::pair(0, "wan0||1400|yes"), {0, "lo|127.0.0.1||"}, {2, "lan|||"}, {-1, "lan|||"}}) {
         EXPECT_EQ(table.get(WORDS), result);
@@ -117,13 +108,13 @@ TEST(CliConfigGet, enumerates_all_blocks_with_one_header_word)
 TEST(CliConfigGet, stays_inside_the_table)
 {
     write_file(CLI_CONF, "interface lan\n mtu 15\n ip address " + std::string(300, '1') + "\n!\n");
-    Table table, header_only;
+    Lookup table, header_only;
     EXPECT_EQ(table.get(LINES), 0);
     EXPECT_STREQ(table.value(2), "15") << "the long value ran into the next entry";
     EXPECT_EQ(header_only.get(LINES, sizeof(char *) + 13), 2);
     EXPECT_EQ(header_only.values(), "lan|||");
     for (const int size : {static_cast<int>(sizeof(char *)) - 1, 0, -1})
-        EXPECT_EQ(Table().get(LINES, size), -1);
+        EXPECT_EQ(Lookup().get(LINES, size), -1);
     EXPECT_EQ(cli_config_get(nullptr, 64, LINES), -1);
     char zeros[64] = {};
     EXPECT_EQ(cli_config_get(zeros, sizeof zeros, LINES), -1);
@@ -131,11 +122,7 @@ TEST(CliConfigGet, stays_inside_the_table)
 
 TEST(CliFindParemeter, looks_in_the_block_with_exactly_that_header)
 {
-    const struct {
-        std::string file;
-        const char *block, *text;
-        int result;
-    } cases[] = {
+    const Table<std::string, const char *, const char *, int> cases = {
         {"a b\r\n mtu 1\r\n!\r\n", "a b", "tu 1", 0},
         {"a b\n mtu 1\n!\n", "a", "mtu", -1},
         {" a b\n mtu 1\n!\n", "a b", "mtu", -1},
@@ -150,17 +137,17 @@ TEST(CliFindParemeter, looks_in_the_block_with_exactly_that_header)
         {"a\n\n!\n", nullptr, "", -1},
         {"a\n\n!\n", "a", nullptr, -1},
     };
-    for (const auto &c : cases) {
-        write_file(CLI_CONF, c.file);
-        EXPECT_EQ(cli_find_paremeter(c.block, c.text), c.result) << c.file << " <" << c.block << ">";
+    for (const auto &[file, block, text, result] : cases) {
+        write_file(CLI_CONF, file);
+        EXPECT_EQ(cli_find_paremeter(block, text), result) << file;
     }
 }
 
 TEST(CliConfig, odd_files_give_no_block_and_leave_no_descriptor)
 {
-    const size_t descriptors = support::open_descriptors();
+    const size_t descriptors = open_descriptors();
     const auto look = [] {
-        EXPECT_EQ(Table().get(LINES), -1);
+        EXPECT_EQ(Lookup().get(LINES), -1);
         EXPECT_EQ(cli_find_paremeter("interface", "lan"), -1);
     };
     look();
@@ -173,7 +160,7 @@ TEST(CliConfig, odd_files_give_no_block_and_leave_no_descriptor)
         write_file(CLI_CONF, file);
         look();
     }
-    EXPECT_EQ(support::open_descriptors(), descriptors);
+    EXPECT_EQ(open_descriptors(), descriptors);
 }
 
 } // namespace

@@ -53,6 +53,36 @@ void await_count(uint32_t count)
         usleep(100);
 }
 
+int mask_seen = -1;
+
+int look_at_mask(unsigned /*type*/, const char * /*name*/, const void * /*data*/, unsigned /*len*/)
+{
+    sigset_t mask;
+    pthread_sigmask(SIG_SETMASK, nullptr, &mask);
+    mask_seen = sigismember(&mask, SIGUSR1) * 2 + sigismember(&mask, SIGTERM);
+    seen.count = 1;
+    return 0;
+}
+
+// Which the programs that it starts inherit.
+TEST(DownCache, calls_back_with_the_callers_signal_mask)
+{
+    ServerEnd server;
+    mbus_client *record = server.add("demo");
+    const Child client([] {
+        sigset_t mask;
+        sigemptyset(&mask);
+        sigaddset(&mask, SIGUSR1);
+        pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+        connect_as("demo");
+        ASSERT_EQ(qzlib_mbus_down_cache_process(0, look_at_mask), 0);
+        await_count(1);
+        EXPECT_EQ(mask_seen, 2);
+    });
+    await_connected(record);
+    ASSERT_EQ(qzlib_mbus_write(record, 0, nullptr, "x", 1), 1);
+}
+
 TEST(DownCache, needs_a_connection)
 {
     EXPECT_EQ(qzlib_mbus_down_cache_process(0, check_order), -1);

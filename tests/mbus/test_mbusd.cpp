@@ -61,6 +61,7 @@ public:
     Mbusd(const Mbusd &) = delete;
     Mbusd &operator=(const Mbusd &) = delete;
 
+    void signal(int number) const { kill(pid_, number); }
     int end(int signal)
     {
         if (signal != 0)
@@ -237,10 +238,36 @@ TEST(Mbusd, frees_what_a_killed_client_held_and_lets_it_return_at_once)
     EXPECT_EQ(std::string(table.at(48), 8400), std::string(8400, '\0')) << "all records are free";
 }
 
+// The client is not told when the server has read its commands: it finds its old record, and
+// must not be left with it.
+TEST(Mbusd, being_late_does_not_cut_off_a_client_that_connects_again)
+{
+    const Mbusd mbusd;
+    for (const bool unregisters : {true, false}) {
+        Child before([&] {
+            connect_as("daemon");
+            EXPECT_EQ(qzlib_mbus_write(nullptr, 0, "daemon", "old", 3), 3);
+            EXPECT_EQ(next_packet(), "0 daemon old");
+            mbusd.signal(SIGSTOP);
+            if (unregisters)
+                qzlib_disconnect_mbus_server();
+        });
+        EXPECT_EQ(before.wait(), 0);
+        const Child again([&] {
+            connect_as("daemon");
+            mbusd.signal(SIGCONT);
+            EXPECT_EQ(qzlib_mbus_write(nullptr, 0, "daemon", "new", 3), 3);
+            EXPECT_EQ(next_packet(), "0 daemon new");
+        });
+    }
+    EXPECT_TRUE(happens([] { return shared_segments() == 1; }));
+}
+
 TEST(Mbusd, starts_over_remains_ends_without_any_and_refuses_a_twin)
 {
     write_file("/tmp/mbus.sock", "no socket at all");
     const int stale = shmget(SHARE_KEY, 100, IPC_CREAT | 0666); // of another size
+    EXPECT_GE(shmget(qzlib_mbus_name_to_key("client"), 100, IPC_CREAT | 0666), 0);
     Mbusd mbusd;
     EXPECT_NE(shmget(SHARE_KEY, 0, 0), stale);
     Mbusd twin(false);
@@ -352,6 +379,30 @@ TEST(Mbusd, loses_nothing_to_a_slow_receiver_and_does_not_wait_for_a_stopped_one
     });
     const_cast<Child &>(sender).wait();
     receiver.kill();
+}
+
+TEST(Mbusd, delivers_what_was_sent_before_the_sender_left)
+{
+    constexpr int PACKETS = 120; // what both rings hold
+    const Mbusd mbusd;
+    Board *board = new_board();
+    const Child receiver([=] {
+        connect_as("receiver");
+        board->ready[0] = 1;
+        EXPECT_TRUE(happens([] { return logged("sender: unregistered"); }));
+        for (int i = 0; i < PACKETS; ++i)
+            ASSERT_EQ(next_packet(), "0 receiver " + std::to_string(i));
+    });
+    ASSERT_TRUE(happens([=] { return board->ready[0]; }));
+    const Child sender([] {
+        connect_as("sender");
+        for (int i = 0; i < PACKETS; ++i) {
+            const std::string text = std::to_string(i);
+            while (qzlib_mbus_write(nullptr, 0, "receiver", text.data(), static_cast<int>(text.size())) == 0)
+                usleep(20);
+        }
+        qzlib_disconnect_mbus_server();
+    });
 }
 
 // Two clients talk while a third is killed after every number of instructions of its way

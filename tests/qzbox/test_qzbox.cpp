@@ -1,253 +1,174 @@
 // qzbox itself, run on the host: the boxes are real, and so is what must not be left behind.
 // QZBOX_PATH and ROUTER_TREE come from the build. Needs root or user namespaces.
-#include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <grp.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <vector>
+#include "support/case.h"
 
 namespace
 {
 
-namespace fs = std::filesystem;
-using Words = std::vector<std::string>;
+using namespace support;
 
-struct Outcome {
-    int status;
-    std::string output; // standard output and standard error
-};
-
-std::string read_file(const fs::path &path)
-{
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void write_file(const fs::path &path, const std::string &text)
-{
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-struct Running {
-    pid_t pid;
-    int output; // read end of a pipe
-};
-
-Running start(Words words, bool as_nobody = false)
-{
-    int ends[2];
-    EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    const int program = open(QZBOX_PATH, O_PATH | O_CLOEXEC); // the user below may not reach the path
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(ends[1], STDOUT_FILENO);
-        dup2(ends[1], STDERR_FILENO);
-        if (as_nobody && (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0))
-            _exit(1);
-        std::vector<char *> arguments;
-        for (std::string &word : words)
-            arguments.push_back(word.data());
-        arguments.push_back(nullptr);
-        fexecve(program, arguments.data(), environ);
-        _exit(1);
-    }
-    close(program);
-    close(ends[1]);
-    return {pid, ends[0]};
-}
-
-Outcome finish(const Running &running)
-{
-    std::string output;
-    char buffer[4096];
-    ssize_t length = 0;
-    while ((length = read(running.output, buffer, sizeof(buffer))) > 0)
-        output.append(buffer, static_cast<size_t>(length));
-    close(running.output);
-    int status = 0;
-    waitpid(running.pid, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status), output};
-}
-
-Outcome box(Words options, const Words &command, bool as_nobody = false)
-{
-    options.insert(options.begin(), "qzbox");
-    options.insert(options.end(), command.begin(), command.end());
-    return finish(start(options, as_nobody));
-}
-
-// Output of a script that must succeed in the box.
-std::string script(const Words &options, const std::string &text, bool as_nobody = false)
-{
-    const Outcome outcome = box(options, {"--", "sh", "-ec", text}, as_nobody);
-    EXPECT_EQ(outcome.status, 0) << text << "\n" << outcome.output;
-    return outcome.output;
-}
-
-// A directory below /tmp, which the box covers.
-class QzboxTest : public testing::Test
-{
-protected:
-    QzboxTest()
+// Each case has a directory $D below /tmp, which the box covers, and may fill the tree $D/tree.
+struct Qzbox : testing::Test {
+    Qzbox()
     {
-        std::string name = "/tmp/test_qzbox.XXXXXX";
-        directory_ = mkdtemp(name.data());
-        chmod(directory_.c_str(), 0755);
-        fs::current_path("/"); // else the box might show it below /tmp
+        setenv("QZBOX", QZBOX_PATH, 1);
+        setenv("ROUTER", ROUTER_TREE, 1);
+        setenv("D", mkdtemp(directory.data()), 1);
+        std::filesystem::permissions(directory, std::filesystem::perms(0755));
+        std::filesystem::current_path("/"); // else the box might show it below /tmp
         unsetenv("LD_LIBRARY_PATH");
     }
-    ~QzboxTest() override { fs::remove_all(directory_); }
+    ~Qzbox() override { std::filesystem::remove_all(directory); }
 
-    [[nodiscard]] Words tree() const { return {"--root", directory_ / "tree"}; }
+    // What a shell script of the host prints on both outputs; its status behind that, unless 0.
+    static std::string host(const std::string &script)
+    {
+        FILE *pipe = popen(("exec 2>&1\n" + script).c_str(), "re");
+        std::string output;
+        for (int c = 0; (c = fgetc(pipe)) != EOF;)
+            output += static_cast<char>(c);
+        const int status = pclose(pipe);
+        return output + (status != 0 ? "status " + std::to_string(WEXITSTATUS(status)) + "\n" : "");
+    }
+    // The same of a script in the box.
+    static std::string box(const std::string &script, const std::string &options = "")
+    {
+        setenv("SCRIPT", script.c_str(), 1);
+        return host("exec $QZBOX " + options + " -- sh -ec \"$SCRIPT\"");
+    }
+    void tree(const std::string &path, const std::string &text) const
+    {
+        write_file(directory + "/tree" + path, text);
+    }
 
-    fs::path directory_;
+    std::string directory = "/tmp/test_qzbox.XXXXXX";
 };
 
-TEST_F(QzboxTest, status_is_the_commands_or_the_one_shells_use)
+TEST_F(Qzbox, status_is_the_commands_or_the_one_shells_use)
 {
-    const struct {
-        Words command;
-        int status;
-    } cases[] = {
-        {{"--", "sh", "-c", "exit 7"}, 7},
-        {{"sh", "-c", "kill -9 $$"}, 137}, // options after the command are the command's
-        {{"/etc/passwd"}, 126},
-        {{"no-such-command"}, 127},
-        {{}, 125},
-        {{"--no-such-option", "true"}, 125},
-        {{"--root", "/no/such/tree", "true"}, 125},
-        {{"--bind", "/tmp", "true"}, 125},
+    const Table<const char *, int> cases = {
+        {"-- sh -c 'exit 7'", 7},
+        {"sh -c 'kill -9 $$'", 137}, // options after the command are the
+                                     // command's
+        {"/etc/passwd", 126},
+        {"no-such-command", 127},
+        {"", 125},
+        {"--no-such-option true", 125},
+        {"--root /no/such/tree true", 125},
+        {"--bind /tmp true", 125},
     };
-    for (const auto &wanted : cases)
-        EXPECT_EQ(box({}, wanted.command).status, wanted.status) << testing::PrintToString(wanted.command);
+    for (const auto &[arguments, status] : cases)
+        EXPECT_EQ(host("$QZBOX " + std::string(arguments) + " >/dev/null 2>&1"),
+                  "status " + std::to_string(status) + "\n")
+            << arguments;
 }
 
-TEST_F(QzboxTest, box_is_a_router_of_its_own)
+TEST_F(Qzbox, box_is_a_router_of_its_own)
 {
-    EXPECT_EQ(script({}, "cat /proc/1/comm; hostname; cat /sys/class/net/lo/flags; ls /sys/class/net"),
+    EXPECT_EQ(box("cat /proc/1/comm; hostname; cat /sys/class/net/lo/flags; ls /sys/class/net"),
               "init\nrouter\n0x9\nlo\n");
     EXPECT_EQ(
-        script({},
-               "cd /; test -c /dev/null; test ! -e /dev/kmsg; ls /tmp /data /mnt; stat -c %a /tmp; echo $$"),
+        box("cd /; test -c /dev/null; test ! -e /dev/kmsg; ls /tmp /data /mnt; stat -c %a /tmp; echo $$"),
         "/data:\n\n/mnt:\n\n/tmp:\n1777\n2\n");
-    EXPECT_EQ(script({}, "script -qec 'tty' /dev/null | tr -d '\\r'"), "/dev/pts/0\n");
+    EXPECT_EQ(box("script -qec 'tty' /dev/null | tr -d '\\r'"), "/dev/pts/0\n");
+    // Messages to /dev/log become lines of a file.
+    EXPECT_EQ(box("for t in one two; do logger -u /dev/log -t $t text; done\n"
+                  "until grep two /var/log/messages; do :; done >/dev/null\n"
+                  "sed 's/.* \\(...: text\\)/\\1/' /var/log/messages"),
+              "one: text\ntwo: text\n");
 }
 
-TEST_F(QzboxTest, messages_to_dev_log_become_lines_of_var_log_messages)
+TEST_F(Qzbox, nothing_is_left_behind)
 {
-    const std::string log = script({}, "for t in one two; do logger -u /dev/log -t $t text; done\n"
-                                       "until grep two /var/log/messages; do :; done >/dev/null\n"
-                                       "cat /var/log/messages");
-    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 2) << log;
-    EXPECT_LT(log.find("one: text\n"), log.find("two: text\n"));
-}
-
-TEST_F(QzboxTest, nothing_is_left_behind)
-{
-    const std::string mounts = read_file("/proc/self/mounts");
-    const std::string segments = read_file("/proc/sysvipc/shm");
+    const std::string looks = "cat /proc/self/mounts /proc/sysvipc/shm\n"
+                              "ls -d /tmp/qzbox_left /run/qzbox_left /dev/shm/qzbox_left /qzbox_left\n";
+    const std::string before = host(looks);
+    EXPECT_NE(before.find("cannot access '/qzbox_left'"), std::string::npos);
     // The sleeper holds the output pipe: reading to its end proves that it is gone.
-    script({"--root", ROUTER_TREE}, "touch /tmp/qzbox_left /run/qzbox_left /dev/shm/qzbox_left /qzbox_left\n"
-                                    "ipcmk -M 4096 >/dev/null; sleep 600 &");
-    EXPECT_EQ(read_file("/proc/self/mounts"), mounts);
-    EXPECT_EQ(read_file("/proc/sysvipc/shm"), segments);
-    for (const char *path : {"/tmp/qzbox_left", "/run/qzbox_left", "/dev/shm/qzbox_left", "/qzbox_left"})
-        EXPECT_FALSE(fs::exists(path)) << path;
+    EXPECT_EQ(box("touch /tmp/qzbox_left /run/qzbox_left /dev/shm/qzbox_left /qzbox_left\n"
+                  "ipcmk -M 4096 >/dev/null; sleep 600 &",
+                  "--root $ROUTER"),
+              "");
+    EXPECT_EQ(host(looks), before);
 }
 
-TEST_F(QzboxTest, killing_the_outer_process_ends_the_box)
+TEST_F(Qzbox, signals_end_the_box_or_are_passed_on)
 {
-    const Running running = start({"qzbox", "--root", ROUTER_TREE, "sh", "-c", "echo up; sleep 600; :"});
-    char byte = 0;
-    ASSERT_EQ(read(running.output, &byte, 1), 1);
-    kill(running.pid, SIGKILL);
-    EXPECT_EQ(finish(running).status, -SIGKILL); // as above: at the end of the pipe nobody is left
+    const auto signalled = [](const std::string &signal) {
+        return host("{ sh -c 'echo $$ >$D/pid; exec $QZBOX --root $ROUTER sh -c \"$SCRIPT\"'\n"
+                    "echo $? >$D/status; } 2>/dev/null |\n"
+                    "{ read up; kill -" +
+                    signal + " $(cat $D/pid); cat; }; cat $D/status");
+    };
+    setenv("SCRIPT", "echo up; sleep 600; :", 1); // holds the pipe, as above
+    EXPECT_EQ(signalled("KILL"), "137\n");
+    setenv("SCRIPT", "trap 'echo term; exit 9' TERM; echo up; sleep 600 & wait", 1);
+    EXPECT_EQ(signalled("TERM"), "term\n9\n");
 }
 
-TEST_F(QzboxTest, termination_is_passed_on_to_the_command)
+TEST_F(Qzbox, needed_paths_below_private_directories_stay_visible)
 {
-    const Running running = start({"qzbox", "sh", "-c", "trap 'exit 9' TERM; echo up; sleep 600 & wait"});
-    char text[3];
-    ASSERT_EQ(read(running.output, text, sizeof(text)), 3);
-    kill(running.pid, SIGTERM);
-    EXPECT_EQ(finish(running).status, 9);
-}
-
-TEST_F(QzboxTest, needed_paths_below_private_directories_stay_visible)
-{
-    write_file(directory_ / "here" / "file", "here\n");
-    write_file(directory_ / "bound" / "file", "bound\n");
-    write_file(directory_ / "bin" / "tool", "#!/bin/sh\necho tool; ls " + directory_.string() + "\n");
-    fs::permissions(directory_ / "bin" / "tool", fs::perms::owner_all);
-    fs::current_path(directory_ / "here");
     EXPECT_EQ(
-        script({"--bind", directory_ / "bound"}, "cat file; cat ../bound/file; ls ..; echo written >out"),
-        "here\nbound\nbound\nhere\n");
-    EXPECT_EQ(read_file(directory_ / "here" / "out"), "written\n"); // it is the host's directory
-    fs::current_path("/");
-    EXPECT_EQ(box({}, {directory_ / "bin" / "tool"}).output, "tool\nbin\n");
+        host("mkdir $D/here $D/bound $D/bin; cd $D/here; echo here >file; echo bound >../bound/file\n"
+             "$QZBOX --bind $D/bound sh -ec 'cat file ../bound/file; ls ..; echo written >out'; cat out\n"
+             "cd /; printf '#!/bin/sh\\nls $D\\n' >$D/bin/tool; chmod +x $D/bin/tool; $QZBOX $D/bin/tool"),
+        "here\nbound\nbound\nhere\nwritten\nbin\n");
 }
 
-TEST_F(QzboxTest, tree_covers_files_of_the_kernel_and_of_the_host)
+TEST_F(Qzbox, tree_covers_files_of_the_kernel_and_of_the_host)
 {
-    write_file(directory_ / "tree/proc/uptime", "100.05 1.00\n");
-    write_file(directory_ / "tree/sys/class/leds/power/brightness", "1\n");
-    write_file(directory_ / "tree/etc/passwd", "nobody else\n");
-    write_file(directory_ / "tree/etc/test_qzbox/new", "new\n");
-    write_file(directory_ / "tree/tmp/config/cli.conf", "!\n");
-    EXPECT_EQ(script(tree(), "cat /proc/uptime /sys/class/leds/power/brightness /etc/passwd"
-                             " /etc/test_qzbox/new /tmp/config/cli.conf"),
-              "100.05 1.00\n1\nnobody else\nnew\n!\n");
-    EXPECT_EQ(script(tree(), "cat /etc/hosts; cat /sys/class/net/lo/mtu"),
-              read_file("/etc/hosts") + "65536\n");
+    tree("/proc/uptime", "100.05 1.00\n");
+    tree("/proc/net/wireless", "none\n");
+    tree("/sys/class/leds/power/brightness", "1\n");
+    tree("/etc/passwd", "nobody else\n");
+    tree("/etc/test_qzbox/new", "new\n");
+    tree("/tmp/config/cli.conf", "!\n");
+    EXPECT_EQ(box("cat /proc/uptime /proc/net/wireless /sys/class/leds/power/brightness /etc/passwd\n"
+                  "cat /etc/test_qzbox/new /tmp/config/cli.conf\n"
+                  "cat /etc/hosts /sys/class/net/lo/mtu; grep -c lo: /proc/net/dev",
+                  "--root $D/tree"),
+              "100.05 1.00\nnone\n1\nnobody else\nnew\n!\n" + read_file("/etc/hosts") + "65536\n1\n");
 }
 
-TEST_F(QzboxTest, proc_shows_the_trees_names_beside_live_processes)
+TEST_F(Qzbox, proc_shows_the_trees_names_beside_live_processes)
 {
-    EXPECT_EQ(script({"--root", ROUTER_TREE},
-                     "cat /proc/device-tree/model; cat /proc/self/comm; cat /proc/$$/comm\n"
-                     "sleep 60 & until grep sleep /proc/$!/comm; do :; done; ls /proc | grep -cx $!\n"
-                     "kill $!; wait $! 2>/dev/null || :; test ! -e /proc/$!; test ! -e /proc/nothing"),
-              read_file(fs::path(ROUTER_TREE) / "proc/device-tree/model") + "cat\nsh\nsleep\n1\n");
-    write_file(directory_ / "tree/proc/net/wireless", "none\n");
-    EXPECT_EQ(script(tree(), "cat /proc/net/wireless; grep -c lo: /proc/net/dev"), "none\n1\n");
+    EXPECT_EQ(box("cat /proc/device-tree/model; cat /proc/self/comm; cat /proc/$$/comm\n"
+                  "sleep 60 & until grep sleep /proc/$!/comm; do :; done; ls /proc | grep -cx $!\n"
+                  "kill $!; wait $! 2>/dev/null || :; test ! -e /proc/$!; test ! -e /proc/nothing",
+                  "--root $ROUTER"),
+              read_file(ROUTER_TREE "/proc/device-tree/model") + "cat\nsh\nsleep\n1\n");
 }
 
-TEST_F(QzboxTest, writes_in_the_box_do_not_reach_the_tree)
+TEST_F(Qzbox, writes_in_the_box_do_not_reach_the_tree)
 {
-    fs::copy(ROUTER_TREE, directory_ / "tree", fs::copy_options::recursive);
-    script(tree(), "for f in /tmp/modem.info /sys/class/leds/power/trigger /proc/cmdline /data/www/version\n"
-                   "do echo changed >$f; grep -qx changed $f; done; rm -r /tmp/config");
-    EXPECT_EQ(std::system(("diff -r " ROUTER_TREE " " + (directory_ / "tree").string()).c_str()), 0);
+    EXPECT_EQ(host("cp -r $ROUTER $D/tree"), "");
+    EXPECT_EQ(box("for f in /tmp/modem.info /sys/class/leds/power/trigger /proc/cmdline /data/www/version\n"
+                  "do echo changed >$f; grep -qx changed $f; done; rm -r /tmp/config",
+                  "--root $D/tree"),
+              "");
+    EXPECT_EQ(host("diff -r $ROUTER $D/tree"), "");
 }
 
-TEST_F(QzboxTest, unprivileged_users_get_a_box_too)
+TEST_F(Qzbox, unprivileged_users_get_a_box_too)
 {
-    write_file(directory_ / "tree/sys/class/leds/power/brightness", "1\n");
-    write_file(directory_ / "tree/proc/cmdline", "boot\n");
-    const char *text = "id -u; hostname; cd /sys/class; cat leds/power/brightness net/lo/flags\n"
-                       "cat /proc/1/comm /proc/cmdline; ls /tmp; script -qec true /dev/null";
-    EXPECT_EQ(script(tree(), text, geteuid() == 0), "0\nrouter\n1\n0x9\ninit\nboot\n");
+    tree("/sys/class/leds/power/brightness", "1\n");
+    tree("/proc/cmdline", "boot\n");
+    setenv("SCRIPT",
+           "id -u; hostname; cd /sys/class; cat leds/power/brightness net/lo/flags\n"
+           "cat /proc/1/comm /proc/cmdline; ls /tmp; script -qec true /dev/null",
+           1);
+    const std::string user = geteuid() == 0 ? "setpriv --reuid 65534 --regid 65534 --clear-groups " : "";
+    EXPECT_EQ(host("exec 9<$QZBOX; " + user + "/proc/self/fd/9 --root $D/tree sh -ec \"$SCRIPT\""),
+              "0\nrouter\n1\n0x9\ninit\nboot\n"); // they may not reach the path of the program
 }
 
-TEST_F(QzboxTest, boxes_may_be_nested)
+TEST_F(Qzbox, boxes_may_be_nested)
 {
-    EXPECT_EQ(script({"--bind", QZBOX_PATH, "--bind", ROUTER_TREE, "--root", ROUTER_TREE},
-                     QZBOX_PATH " --root " ROUTER_TREE
-                                " -- sh -c 'cat /proc/device-tree/model; echo $$; echo in >/tmp/modem.info'\n"
-                                "echo $$; grep -c state: /tmp/modem.info"),
-              read_file(fs::path(ROUTER_TREE) / "proc/device-tree/model") + "2\n2\n1\n");
+    EXPECT_EQ(box("$QZBOX --root $ROUTER -- sh -c 'cat /proc/device-tree/model; echo $$; echo in "
+                  ">/tmp/modem.info'\n"
+                  "echo $$; grep -c state: /tmp/modem.info",
+                  "--bind $QZBOX --bind $ROUTER --root $ROUTER"),
+              read_file(ROUTER_TREE "/proc/device-tree/model") + "2\n2\n1\n");
 }
 
 } // namespace

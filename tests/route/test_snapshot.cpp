@@ -1,30 +1,24 @@
-#include "support/network.h"
+#include "support/box.h"
+#include "support/case.h"
 
-#include <gtest/gtest.h>
 #include <qzlib.h>
 
-#include <atomic>
-#include <csignal>
 #include <random>
-#include <thread>
-#include <vector>
 
 namespace
 {
 
-using support::fake_command;
-using support::has_no_child;
-using support::open_descriptors;
-using support::sh;
+using namespace support;
+using Lines = std::vector<std::string>;
 
 // The records of a snapshot as text, one line each. Every field must end inside its width.
-std::vector<std::string> snapshot()
+Lines snapshot()
 {
     const auto text = [](const char *field, size_t size) {
         EXPECT_LT(strnlen(field, size), size);
         return std::string(field, strnlen(field, size));
     };
-    std::vector<std::string> lines;
+    Lines lines;
     srtinfo *list = qz_srtinfo_stat();
     for (const srtinfo *at = list; at != nullptr; at = at->next)
         lines.push_back(text(at->table, 8) + "|" + std::to_string(at->prio) + "|" + text(at->source, 32) +
@@ -35,26 +29,17 @@ std::vector<std::string> snapshot()
     return lines;
 }
 
-using Lines = std::vector<std::string>;
-
 // An `ip` that prints files; every call is noted.
 void fake_ip(const std::string &rules, const std::string &routes)
 {
-    support::write_file("/tmp/rules", rules);
-    support::write_file("/tmp/routes", routes);
+    write_file("/tmp/rules", rules);
+    write_file("/tmp/routes", routes);
     fake_command("ip", "#!/bin/sh\n"
                        "printf '%s\\n' \"$#:$*\" >>/tmp/calls\n"
                        "case $1 in rule) cat /tmp/rules;; *) cat /tmp/routes;; esac\n");
 }
 
-struct Snapshot : testing::Test {
-    ~Snapshot() override
-    {
-        EXPECT_EQ(open_descriptors(), descriptors_);
-        EXPECT_TRUE(has_no_child());
-    }
-    size_t descriptors_ = open_descriptors();
-};
+using Snapshot = NothingLeft;
 
 TEST_F(Snapshot, of_real_rules_and_tables)
 {
@@ -120,8 +105,7 @@ TEST_F(Snapshot, of_scripted_lines_splits_them_by_position)
             expected.push_back(rule + route);
     }
     EXPECT_EQ(snapshot(), expected);
-    EXPECT_EQ(support::read_file("/tmp/calls"),
-              "2:rule ls\n4:route ls table 100\n4:route ls table abcdefg\n");
+    EXPECT_EQ(read_file("/tmp/calls"), "2:rule ls\n4:route ls table 100\n4:route ls table abcdefg\n");
 }
 
 TEST_F(Snapshot, never_runs_what_is_in_the_text)
@@ -132,7 +116,7 @@ TEST_F(Snapshot, never_runs_what_is_in_the_text)
             "");
     EXPECT_EQ(qz_srtinfo_stat(), nullptr);
     EXPECT_NE(access("/x", F_OK), 0);
-    EXPECT_EQ(support::read_file("/tmp/calls"),
+    EXPECT_EQ(read_file("/tmp/calls"),
               "2:rule ls\n4:route ls table ;id>/x\n4:route ls table `>/x`\n4:route ls table $(>/x)\n"
               "4:route ls table |>/x\n3:route ls table\n4:route ls table *\n4:route ls table \xff\xfe\n"
               "3:route ls table\n");
@@ -171,16 +155,10 @@ TEST_F(Snapshot, finds_commands_as_a_shell_does_or_is_empty)
 
 TEST_F(Snapshot, of_a_hundred_rules_while_routes_change)
 {
-    std::string batch;
-    for (int rule = 1; rule <= 100; ++rule) {
-        batch += "rule add from 10.0.0." + std::to_string(rule) + " lookup " + std::to_string(1000 + rule) +
-                 " prio " + std::to_string(rule) + "\n";
-        for (int route = 0; route < 10; ++route)
-            batch += "route add 172.16." + std::to_string(route) + ".0/24 dev lo table " +
-                     std::to_string(1000 + rule) + "\n";
-    }
-    support::write_file("/tmp/batch", batch);
-    sh("ip -batch /tmp/batch");
+    sh("for rule in `seq 100`; do\n"
+       "echo rule add from 10.0.0.$rule lookup $((1000 + rule)) prio $rule\n"
+       "for i in `seq 10`; do echo route add 172.16.$i.0/24 dev lo table $((1000 + rule)); done\n"
+       "done | ip -batch -");
     ASSERT_EQ(snapshot().size(), 1000U);
 
     std::atomic<bool> stop = false;
@@ -200,12 +178,11 @@ TEST_F(Snapshot, of_a_hundred_rules_while_routes_change)
         const Lines lines = snapshot();
         EXPECT_GE(lines.size(), 1000U);
         for (const std::string &line : lines) {
-            const size_t prio = line.find('|') + 1;
-            const std::string rule = line.substr(prio, line.find('|', prio) - prio);
-            const size_t at = line.find("172.16.");
-            const std::string dest = line.substr(at, line.find('/', at) - at);
-            EXPECT_EQ(line, std::to_string(1000 + std::stoi(rule)) + "|" + rule + "|10.0.0." + rule + "|" +
-                                dest + "/24|" + dest + "|255.255.255.0|0.0.0.0|lo");
+            int rule = 0, net = 0;
+            ASSERT_EQ(sscanf(line.c_str(), "%*d|%d|%*[^|]|172.16.%d", &rule, &net), 2) << line;
+            const std::string prio = std::to_string(rule), dest = "172.16." + std::to_string(net) + ".0";
+            EXPECT_EQ(line, std::to_string(1000 + rule) + "|" + prio + "|10.0.0." + prio + "|" + dest +
+                                "/24|" + dest + "|255.255.255.0|0.0.0.0|lo");
         }
     }
     EXPECT_GT(changes, 100) << "routes really changed meanwhile";
@@ -217,24 +194,8 @@ TEST_F(Snapshot, signals_do_not_cut_it_short)
 {
     fake_command("ip", "#!/bin/sh\nsleep 0.2; case $1 in rule) echo 1: from 10.0.0.1 lookup 5;; *) echo "
                        "default dev x; esac\n");
-    struct sigaction interrupt {
-    };
-    interrupt.sa_handler = [](int) {}; // without SA_RESTART
-    sigaction(SIGALRM, &interrupt, nullptr);
-    const itimerval every_10_ms = {{0, 10000}, {0, 10000}};
-    setitimer(ITIMER_REAL, &every_10_ms, nullptr);
+    const SignalStorm storm;
     EXPECT_EQ(snapshot().size(), 1U);
-}
-
-// What `route -n` prints, and the device chosen for 10.1.1.1.
-std::string chosen_by(const std::string &lines)
-{
-    support::write_file("/tmp/route-n", "Kernel IP routing table\nDestination Gateway Genmask ...\n" + lines);
-    fake_command("route", "#!/bin/sh\ntest \"$*\" = -n && cat /tmp/route-n\n");
-    char ifname[32] = "untouched";
-    const int result = qzlib_get_route_interface("10.1.1.1", ifname);
-    EXPECT_EQ(result, ifname == std::string("untouched") ? -1 : 0);
-    return ifname;
 }
 
 TEST_F(Snapshot, route_interface_needs_length_and_metric_together)
@@ -242,22 +203,25 @@ TEST_F(Snapshot, route_interface_needs_length_and_metric_together)
     const std::string any = "0.0.0.0 10.9.9.9 0.0.0.0 UG 0 0 0 eth1\n";
     const std::string eight = "10.0.0.0 0.0.0.0 255.0.0.0 U 5 0 0 eth2\n";
     const std::string names = std::string(31, 'n') + std::string(400, 'm');
-    const struct {
-        std::string lines, device;
-    } cases[] = {
+    const Table<std::string, std::string> cases = {
         {any + eight, "eth1"}, // the longer prefix loses on its metric
         {eight + any, "eth2"},
         {any + "0.0.0.0 10.9.9.8 0.0.0.0 UG 0 0 0 eth4\n", "eth4"}, // of equals the later
         {"0.0.0.0 10.9.9.9 0.0.0.0 UG 10000 0 0 eth5", "eth5"},     // no line feed
-        {"0.0.0.0 10.9.9.9 0.0.0.0 UG 10001 0 0 eth5\n", "untouched"},
+        {"0.0.0.0 10.9.9.9 0.0.0.0 UG 10001 0 0 eth5\n", "kept"},
         {"10.0.0.0 0.0.0.0 255.0.0.0 U - 0 0 eth7\n" + any, "eth1"},
         {"10.0.0.0 0.0.0.0 255.0.0.0 U 0 0\n\n" + std::string(4096, 'x') + "\n" + any, "eth1"},
         {"10.0.0.0 0.0.0.0 255.0.0.0 U 0 0 0 " + names + "\n", names.substr(0, 31)},
-        {"", "untouched"},
+        {"", "kept"},
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(chosen_by(c.lines), c.device) << c.lines;
+    fake_command("route", "#!/bin/sh\ntest \"$*\" = -n && cat /tmp/route-n\n");
     char ifname[32];
+    for (const auto &[lines, device] : cases) {
+        strcpy(ifname, "kept");
+        write_file("/tmp/route-n", "Kernel IP routing table\nDestination ...\n" + lines);
+        EXPECT_EQ(qzlib_get_route_interface("10.1.1.1", ifname), device == "kept" ? -1 : 0) << lines;
+        EXPECT_EQ(ifname, device) << lines;
+    }
     EXPECT_EQ(qzlib_get_route_interface(nullptr, ifname), -1);
     EXPECT_EQ(qzlib_get_route_interface("10.1.1.1", nullptr), -1);
 }
@@ -269,70 +233,56 @@ TEST_F(Snapshot, route_interface_of_the_real_table)
        "ip route add default via 10.64.0.1; ip route add 172.16.0.0/12 via 10.65.0.1\n"
        "ip route add unreachable 172.17.0.0/16; for i in `seq 200`; do ip route add 11.0.$i.0/24 dev wan1; "
        "done");
-    const struct {
-        const char *ip, *device;
-    } cases[] = {{"8.8.8.8", "wan0"},    {"10.65.0.9", "wan0"}, {"10.65.0.1", "wan1"},
-                 {"172.31.0.1", "wan1"}, {"172.17.3.4", "-"},   {"11.0.200.9", "wan1"}};
-    for (const auto &c : cases) {
-        char ifname[32] = "";
-        EXPECT_EQ(qzlib_get_route_interface(c.ip, ifname), 0) << c.ip;
-        EXPECT_STREQ(ifname, c.device) << c.ip;
+    const std::string ones(4096, '1');
+    const Table<const char *, const char *> cases = {
+        {"8.8.8.8", "wan0"}, {"10.65.0.9", "wan0"},  {"10.65.0.1", "wan1"}, {"172.31.0.1", "wan1"},
+        {"172.17.3.4", "-"}, {"11.0.200.9", "wan1"}, {"a;reboot", "kept"},  {"$(>/x)", "kept"},
+        {"10.1.1", "kept"},  {"", "kept"},           {"\xff", "kept"},      {ones.c_str(), "kept"},
+    };
+    for (const auto &[ip, device] : cases) {
+        char ifname[32] = "kept";
+        EXPECT_EQ(qzlib_get_route_interface(ip, ifname), strcmp(device, "kept") == 0 ? -1 : 0) << ip;
+        EXPECT_STREQ(ifname, device) << ip;
     }
-    char ifname[32] = "kept";
-    for (const std::string &bad : std::initializer_list<std::string>{"a;reboot", "$(>/x)", "10.1.1", "",
-                                                                     "\xff", std::string(4096, '1')})
-        EXPECT_EQ(qzlib_get_route_interface(bad.c_str(), ifname), -1);
-    EXPECT_STREQ(ifname, "kept");
 }
 
 TEST(Note, is_kept_under_its_name)
 {
-    char ip[17] = "kept";
-    EXPECT_EQ(srt_iip_get("wan1", ip), -1);
-    srt_iip_save("wan1", "10.0.0.2");
-    EXPECT_EQ(support::read_file("/tmp/source_route/wan1.ip"), "wan1 10.0.0.2\n");
-    EXPECT_EQ(srt_iip_get("wan1", ip), 0);
-    EXPECT_STREQ(ip, "10.0.0.2");
-    srt_iip_save("wan1", "10.3");
-    EXPECT_EQ(srt_iip_get("wan1", ip), 0);
-    EXPECT_STREQ(ip, "10.3") << "an earlier note is replaced whole";
-    EXPECT_EQ(srt_iip_get("wan2", ip), -1);
-    srt_iip_save("empty", "");
-    EXPECT_EQ(srt_iip_get("empty", ip), -1);
-    srt_iip_save(nullptr, "1");
-    srt_iip_save("wan1", nullptr);
-    EXPECT_EQ(srt_iip_get(nullptr, ip), -1);
-    EXPECT_EQ(srt_iip_get("wan1", nullptr), -1);
-    EXPECT_EQ(srt_iip_get("wan1", ip), 0) << "not touched";
-}
-
-TEST(Note, with_an_odd_name_or_text_stays_in_bounds)
-{
-    const std::string longest(127 - strlen("/tmp/source_route/.ip"), 'n');
-    const struct {
-        std::string name, ip, read;
-    } cases[] = {
+    const std::string longest(127 - strlen("/tmp/source_route/.ip"), 'n'), too_long = longest + "n";
+    const std::string nines(4096, '9');
+    const Table<std::string, std::string, std::string> cases = {
+        {"wan1", "10.0.0.2", "10.0.0.2"},
+        {"wan1", "10.3", "10.3"}, // an earlier note is replaced whole
         {longest, "10.0.0.1", "10.0.0.1"},
         {"a;reboot", "1", "1"},
         {"\xff\xfe", "1", "1"},
-        {"long", std::string(4096, '9'), std::string(15, '9')},
+        {"long", nines, nines.substr(0, 15)},
         {"two words", "1.1.1.1", "words"}, // the text is read by position
     };
-    for (const auto &c : cases) {
-        char ip[16] = "";
-        srt_iip_save(c.name.c_str(), c.ip.c_str());
-        EXPECT_EQ(srt_iip_get(c.name.c_str(), ip), 0) << c.name;
-        EXPECT_EQ(ip, c.read) << c.name;
+    for (const auto &[name, ip, noted] : cases) {
+        char read[17] = "";
+        srt_iip_save(name.c_str(), ip.c_str());
+        EXPECT_EQ(read_file("/tmp/source_route/" + name + ".ip"), name + " " + ip + "\n");
+        EXPECT_EQ(srt_iip_get(name.c_str(), read), 0) << name;
+        EXPECT_EQ(read, noted) << name;
     }
+
+    char ip[17] = "kept";
+    srt_iip_save("empty", "");
+    srt_iip_save(nullptr, "1");
+    srt_iip_save("wan1", nullptr);
     testing::internal::CaptureStderr();
-    for (const std::string &name : {longest + "n", std::string(4096, 'n'), std::string("no/such")}) {
-        char ip[16];
+    for (const std::string &name : {too_long, nines, std::string("no/such")})
         srt_iip_save(name.c_str(), "1");
-        EXPECT_EQ(srt_iip_get(name.c_str(), ip), -1);
-    }
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "fopen failed: File name too long\nfopen failed: File name too long\n"
               "fopen failed: No such file or directory\n");
+    const char *const none = nullptr;
+    for (const char *name : {none, "wan2", "empty", too_long.c_str(), "no/such"})
+        EXPECT_EQ(srt_iip_get(name, ip), -1) << (name ? name : "null");
+    EXPECT_STREQ(ip, "kept");
+    EXPECT_EQ(srt_iip_get("wan1", nullptr), -1);
+    EXPECT_EQ(srt_iip_get("wan1", ip), 0) << "not touched";
 }
 
 } // namespace

@@ -1,20 +1,15 @@
-#include "support/files.h"
+#include "support/case.h"
 #include "support/scale.h"
 
-#include <gtest/gtest.h>
 #include <qzlib.h>
 
-#include <algorithm>
 #include <optional>
 #include <random>
-#include <vector>
 
 namespace
 {
 
-using support::open_descriptors;
-using support::read_file;
-using support::write_file;
+using namespace support;
 using namespace std::string_literals;
 using Text = std::optional<std::string>;
 
@@ -195,7 +190,7 @@ TEST(Service, random_operations_equal_the_model)
 {
     std::optional<Store> store;
     Model model;
-    for (int step = 0; step < support::scaled(15'000); ++step) {
+    for (int step = 0; step < scaled(15'000); ++step) {
         if (step % 50 == 0) {
             store.emplace(random_file(model, step / 50 % 30));
             ASSERT_EQ(store->saved("/tmp/config/again.conf"), model.file());
@@ -231,9 +226,7 @@ TEST(Service, random_operations_equal_the_model)
 TEST(Service, lines_are_read_as_the_format_says)
 {
     const std::string mark(1023, 'm'), cut(256, 'm');
-    const struct {
-        std::string content, expected;
-    } cases[] = {
+    const Table<std::string, std::string> cases = {
         {"a=1\nb=2", "0 a=1\n"}, // the last line has no line feed
         {"g\n a=b=c\n \t k \t= v w\t\r\n =\n", "2 g\n1 a=b=c\n1 k=v w\n1 =\n"},
         {"\rg\r\n\r a\n", "2 g\n2 a\n"}, // only a blank or a tab indents
@@ -243,8 +236,8 @@ TEST(Service, lines_are_read_as_the_format_says)
         {"a\0=1\nb=\0002\n\0c\ng\n \0\n d\0\0\n"s, "2 a\n0 b=\n2 g\n1 d\n"}, // NUL ends a text
         {std::string(5000, '\0'), ""},
     };
-    for (const auto &c : cases)
-        EXPECT_EQ(Store(c.content).all(), c.expected) << c.content;
+    for (const auto &[content, expected] : cases)
+        EXPECT_EQ(Store(content).all(), expected) << content;
 }
 
 std::string repeated(const std::string &line, int count)
@@ -266,45 +259,45 @@ TEST(Service, listings_stop_at_1024_entries)
 TEST(Service, missing_arguments_are_refused)
 {
     const Store store("g\n k\n");
-    auto &out = Store::out;
-    const int refused[] = {qzlib_service_info_uninit(nullptr),
-                           qzlib_service_info_empty(nullptr),
-                           qzlib_service_saveto_file(nullptr, "/tmp/f"),
-                           qzlib_service_saveto_file(store.info, nullptr),
-                           qzlib_service_set_param(nullptr, "g", "k", "v"),
-                           qzlib_service_del_param(nullptr, "g", "k", nullptr),
-                           qzlib_service_find_param(nullptr, "g", "k"),
-                           qzlib_service_get_group_param(nullptr, "g", &out),
-                           qzlib_service_get_group_param(store.info, "g", nullptr),
-                           qzlib_service_get_all_param(nullptr, &out),
-                           qzlib_service_get_all_param(store.info, nullptr)};
-    EXPECT_EQ(std::ranges::count(refused, -1), std::ssize(refused));
-    EXPECT_EQ(qzlib_service_get_group_name(nullptr, &Store::out), 0); // 0, unlike the other listings
+    service_info *const none = nullptr;
+    auto *out = &Store::out;
+    const std::vector<int> refused = {qzlib_service_info_uninit(none),
+                                      qzlib_service_info_empty(none),
+                                      qzlib_service_saveto_file(none, "/tmp/f"),
+                                      qzlib_service_saveto_file(store.info, nullptr),
+                                      qzlib_service_set_param(none, "g", "k", "v"),
+                                      qzlib_service_del_param(none, "g", "k", nullptr),
+                                      qzlib_service_find_param(nullptr, "g", "k"),
+                                      qzlib_service_get_group_param(none, "g", out),
+                                      qzlib_service_get_group_param(store.info, "g", nullptr),
+                                      qzlib_service_get_all_param(none, out),
+                                      qzlib_service_get_all_param(store.info, nullptr)};
+    EXPECT_EQ(refused, std::vector<int>(refused.size(), -1));
+    EXPECT_EQ(qzlib_service_get_group_name(none, out), 0); // 0, unlike the other listings
     EXPECT_EQ(qzlib_service_get_group_name(store.info, nullptr), 0);
-    EXPECT_EQ(qzlib_service_get_param_num(nullptr), 0);
+    EXPECT_EQ(qzlib_service_get_param_num(none), 0);
 }
 
 TEST(Service, files_of_any_kind_give_a_store_and_leave_no_descriptor)
 {
     const std::string long_name(200, 'n');
-    const struct {
-        std::string service, content;
-        int entries;
-    } cases[] = {{"lines", repeated("shutdown\n", 1 << 20), 1 << 20},
-                 {"no-line-feed", std::string(10 << 20, 'x'), (10 << 20) / 1023}, // one a full buffer
-                 {"missing", "", 0},
-                 {"directory", "", 0},
-                 {"loop", "", 0}, // a link that nobody can open
-                 {long_name + "n", "a\n", 0},
-                 {long_name, "top=1\ng\n k\nx=1\ng\n hidden\n", 6}};
+    const Table<std::string, std::string, int> cases = {
+        {"lines", repeated("shutdown\n", 1 << 20), 1 << 20},
+        {"no-line-feed", std::string(10 << 20, 'x'), (10 << 20) / 1023}, // one a full buffer
+        {"missing", "", 0},
+        {"directory", "", 0},
+        {"loop", "", 0}, // a link that nobody can open
+        {long_name + "n", "a\n", 0},
+        {long_name, "top=1\ng\n k\nx=1\ng\n hidden\n", 6},
+    };
     std::filesystem::create_directories("/tmp/config/directory.conf");
     std::filesystem::create_symlink("loop.conf", "/tmp/config/loop.conf");
     const size_t descriptors = open_descriptors();
-    for (const auto &c : cases) {
-        if (!c.content.empty())
-            write_file("/tmp/config/" + c.service + ".conf", c.content);
-        const Store store(qzlib_service_info_init(c.service.c_str()));
-        EXPECT_EQ(qzlib_service_get_param_num(store.info), c.entries) << c.service;
+    for (const auto &[service, content, entries] : cases) {
+        if (!content.empty())
+            write_file("/tmp/config/" + service + ".conf", content);
+        const Store store(qzlib_service_info_init(service.c_str()));
+        EXPECT_EQ(qzlib_service_get_param_num(store.info), entries) << service;
     }
     EXPECT_EQ(qzlib_service_find_param(long_name.c_str(), nullptr, "top"), 0);
     EXPECT_EQ(qzlib_service_find_param(long_name.c_str(), "g", "k"), 0) << "the buffer may be missing";

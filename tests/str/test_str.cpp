@@ -1,13 +1,11 @@
-#include <gtest/gtest.h>
-#include <qzlib.h>
+#include "support/case.h"
 
-#include <cstring>
-#include <string>
-#include <utility>
-#include <vector>
+#include <qzlib.h>
 
 namespace
 {
+
+using namespace support;
 
 // Applies an in-place routine to a copy in a heap block of exactly the text's size, so that
 // the address sanitizer sees a write or a read outside it.
@@ -19,38 +17,34 @@ std::string applied(Routine routine, const std::string &text)
     return buffer.data();
 }
 
-TEST(Trim, removes_the_four_blanks_at_both_ends_only)
+TEST(Trim, removes_the_four_blanks_at_both_ends_of_1023_characters)
 {
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {" \t a b \r\n", "a b"}, {"abc", "abc"}, {"", ""}, {" \t\r\n", ""}, {"\va\f", "\va\f"}, {"a", "a"}};
+    const Table<std::string, std::string> cases = {
+        {" \t a b \r\n", "a b"},
+        {"abc", "abc"},
+        {"", ""},
+        {" \t\r\n", ""},
+        {"\va\f", "\va\f"},
+        {std::string(5000, 'x'), std::string(1023, 'x')},
+        {std::string(1022, ' ') + "ab", "a"},
+        {"a" + std::string(1022, ' ') + "b", "a"},
+    };
     for (const auto &[input, expected] : cases)
         EXPECT_EQ(applied(qzlib_str_trim, input), expected) << input;
-}
-
-TEST(Trim, returns_its_argument)
-{
     char text[] = "  x ";
     EXPECT_EQ(qzlib_str_trim(text), text);
 }
 
-TEST(Trim, cuts_at_1023_characters_before_it_trims)
-{
-    const std::string letters(5000, 'x');
-    EXPECT_EQ(applied(qzlib_str_trim, letters), std::string(1023, 'x'));
-    EXPECT_EQ(applied(qzlib_str_trim, std::string(1022, ' ') + "ab"), "a");
-    EXPECT_EQ(applied(qzlib_str_trim, "a" + std::string(1022, ' ') + "b"), "a");
-}
-
 TEST(LineEnds, the_first_character_is_never_removed)
 {
-    const std::vector<std::pair<std::string, std::string>> line_ends = {
-        {"x\r\n\r\n", "x"}, {"x \n", "x "}, {"\n", "\n"}, {"\r\n", "\r"}, {"ab\r\n", "ab"}, {"", ""}};
-    for (const auto &[input, expected] : line_ends)
-        EXPECT_EQ(applied(qzlib_str_del_end_crlf, input), expected) << input;
-    const std::vector<std::pair<std::string, std::string>> blanks = {
-        {"x \t\r\n", "x"}, {" ", " "}, {"   ", " "}, {"ab \t\n", "ab"}, {" a", " a"}};
-    for (const auto &[input, expected] : blanks)
-        EXPECT_EQ(applied(qzlib_str_del_crlf, input), expected) << input;
+    const Table<std::string, std::string, std::string> cases = {
+        {"x\r\n\r\n", "x", "x"},      {"x \n", "x ", "x"}, {"\n", "\n", "\n"},
+        {"\r\n", "\r", "\r"},         {"", "", ""},        {"   ", "   ", " "},
+        {"ab \t\r\n", "ab \t", "ab"}, {" a", " a", " a"}};
+    for (const auto &[input, without_end, without_blanks] : cases) {
+        EXPECT_EQ(applied(qzlib_str_del_end_crlf, input), without_end) << input;
+        EXPECT_EQ(applied(qzlib_str_del_crlf, input), without_blanks) << input;
+    }
     qzlib_str_del_end_crlf(nullptr);
     qzlib_str_del_crlf(nullptr);
 }
@@ -63,95 +57,52 @@ TEST(CaseFolding, folds_ascii_and_leaves_the_rest)
 
 TEST(PathNotdir, points_behind_the_last_slash)
 {
-    char path[] = "/usr/sbin/foo";
-    EXPECT_EQ(qzlib_path_notdir(path), path + 10);
-    char bare[] = "foo";
-    EXPECT_EQ(qzlib_path_notdir(bare), bare);
-    char folder[] = "/a/b/";
-    EXPECT_STREQ(qzlib_path_notdir(folder), "");
+    for (const auto &[path, name] : {std::pair("/usr/sbin/foo", "foo"), {"foo", "foo"}, {"/a/b/", ""}})
+        EXPECT_STREQ(qzlib_path_notdir(std::string(path).data()), name);
 }
 
 TEST(Validators, accept_exactly_the_loose_forms)
 {
-    struct Case {
-        unsigned (*check)(const char *);
-        const char *text;
-        unsigned expected;
-    };
-    const Case cases[] = {
-        {qzlib_ip_is_valid, "192.168.1.1", 1},
-        {qzlib_ip_is_valid, "999.1.1.1", 1},
-        {qzlib_ip_is_valid, ".1.2.3", 1},
-        {qzlib_ip_is_valid, "1.2.3.", 1},
-        {qzlib_ip_is_valid, "1.2.3.00000000000000000000000000000000000000004", 1},
-        {qzlib_ip_is_valid, "1..2.3", 0},
-        {qzlib_ip_is_valid, "1.2.3", 0},
-        {qzlib_ip_is_valid, "1.2.3.4.5", 0},
-        {qzlib_ip_is_valid, "1.2.3.a", 0},
-        {qzlib_ip_is_valid, " 1.2.3.4", 0},
-        {qzlib_ip_is_valid, "", 0},
-        {qzlib_ip_is_valid, nullptr, 0},
-        {qzlib_ip_mask_is_valid, "192.168.1.0/24", 1},
-        {qzlib_ip_mask_is_valid, "10.0.0.1/", 1},
-        {qzlib_ip_mask_is_valid, "10.0.0.1/24abc", 1},
-        {qzlib_ip_mask_is_valid, "10.0.0.1/ +32", 1},
-        {qzlib_ip_mask_is_valid, "10.0.0.1/24/99", 1},
-        {qzlib_ip_mask_is_valid, "192.168.1.0/33", 0},
-        {qzlib_ip_mask_is_valid, "192.168.1.0/-1", 0},
-        {qzlib_ip_mask_is_valid, "192.168.1.0", 0},
-        {qzlib_ip_mask_is_valid, "/24", 0},
-        {qzlib_ip_mask_is_valid, nullptr, 0},
+    using Texts = std::vector<const char *>;
+    const Table<unsigned (*)(const char *), Texts, Texts> cases = {
+        {qzlib_ip_is_valid,
+         {"192.168.1.1", "999.1.1.1", ".1.2.3", "1.2.3.", "1.2.3.00000000000000000000000000000000000000004"},
+         {"1..2.3", "1.2.3", "1.2.3.4.5", "1.2.3.a", " 1.2.3.4", "", nullptr}},
         // Only 32 bytes are looked at: the slash at index 31 counts, the digits behind it do not.
-        {qzlib_ip_mask_is_valid, "1.2.3.4444444444444444444444444/99", 1},
-        {qzlib_ip_mask_is_valid, "1.2.3.44444444444444444444444444/24", 0},
-        {qzlib_mac_is_valid, "00:1A:2b:3C:4d:5E", 1},
-        {qzlib_mac_is_valid, "00-1A:2B-3C:4D-5E", 1},
-        {qzlib_mac_is_valid, "a:b:c:d:e:f", 1},
-        {qzlib_mac_is_valid, "1:2:3:4:5:abcdef0", 1},
-        {qzlib_mac_is_valid, "1:2:3:4:5:abcdef01", 0},
-        {qzlib_mac_is_valid, "001A2B3C4D5E", 0},
-        {qzlib_mac_is_valid, "00:1A:2B:3C:4D:5E:", 0},
-        {qzlib_mac_is_valid, "0:1:2:3:4:5:", 0},
-        {qzlib_mac_is_valid, ":0:1:2:3:4:5", 0},
-        {qzlib_mac_is_valid, "0::1:2:3:4:5", 0},
-        {qzlib_mac_is_valid, "000:1:2:3:4:5", 0},
-        {qzlib_mac_is_valid, "0g:1a:2b:3c:4d:5e", 0},
-        {qzlib_mac_is_valid, "0:1:2:3:4:5:6", 0},
-        {qzlib_mac_is_valid, "a:b:c:d:e", 0},
-        {qzlib_mac_is_valid, "", 0},
-        {qzlib_str_is_digit, "0123", 1},
-        {qzlib_str_is_digit, "", 1},
-        {qzlib_str_is_digit, "-1", 0},
-        {qzlib_str_is_digit, "12a", 0},
-        {qzlib_str_is_digit, "1.2", 0},
-        {qzlib_str_is_digit, nullptr, 0},
+        {qzlib_ip_mask_is_valid,
+         {"192.168.1.0/24", "10.0.0.1/", "10.0.0.1/24abc", "10.0.0.1/ +32", "10.0.0.1/24/99",
+          "1.2.3.4444444444444444444444444/99"},
+         {"192.168.1.0/33", "192.168.1.0/-1", "192.168.1.0", "/24", nullptr,
+          "1.2.3.44444444444444444444444444/24"}},
+        {qzlib_mac_is_valid,
+         {"00:1A:2b:3C:4d:5E", "00-1A:2B-3C:4D-5E", "a:b:c:d:e:f", "1:2:3:4:5:abcdef0"},
+         {"1:2:3:4:5:abcdef01", "001A2B3C4D5E", "00:1A:2B:3C:4D:5E:", "0:1:2:3:4:5:", ":0:1:2:3:4:5",
+          "0::1:2:3:4:5", "000:1:2:3:4:5", "0g:1a:2b:3c:4d:5e", "0:1:2:3:4:5:6", "a:b:c:d:e", ""}},
+        {qzlib_str_is_digit, {"0123", ""}, {"-1", "12a", "1.2", nullptr}},
     };
-    for (const Case &c : cases)
-        EXPECT_EQ(c.check(c.text), c.expected) << (c.text != nullptr ? c.text : "null");
+    for (const auto &[is_valid, accepted, refused] : cases) {
+        for (const char *text : accepted)
+            EXPECT_EQ(is_valid(text), 1U) << text;
+        for (const char *text : refused)
+            EXPECT_EQ(is_valid(text), 0U) << (text != nullptr ? text : "null");
+    }
 }
 
 TEST(GetIpMask, splits_within_the_bounds_of_both_outputs)
 {
-    char ip[17];
-    char length[4];
-    const auto split = [&](const char *text) {
-        memset(ip, '#', sizeof ip);
-        memset(length, '#', sizeof length);
-        return qzlib_get_ip_mask(text, ip, length);
+    const Table<const char *, std::string, std::string> cases = {
+        {"10.1.2.0/24", "10.1.2.0" + std::string(8, '\0') + "#", std::string("24\0#", 4)},
+        {"192.168.100.2000/128", "192.168.100.2000#", "128#"}, // both parts fill their buffer
+        {"10.1.2.0", "", ""},
+        {nullptr, "", ""},
+        {"10.1.2.0000000000000000000000000/24", "", ""}, // the slash is the 33rd byte
     };
-    EXPECT_EQ(split("10.1.2.0/24"), 0);
-    EXPECT_STREQ(ip, "10.1.2.0");
-    EXPECT_STREQ(length, "24");
-
-    EXPECT_EQ(split("192.168.100.2000/128"), 0); // both parts fill their buffer
-    EXPECT_EQ(std::string(ip, 17), "192.168.100.2000#");
-    EXPECT_EQ(std::string(length, 4), "128#");
-
-    EXPECT_EQ(split("10.1.2.0"), -1);
-    EXPECT_EQ(ip[0], '#');
-    EXPECT_EQ(length[0], '#');
-    EXPECT_EQ(split(nullptr), -1);
-    EXPECT_EQ(split("10.1.2.0000000000000000000000000/24"), -1); // the slash is the 33rd byte
+    for (const auto &[text, ip, length] : cases) {
+        std::string out_ip(17, '#'), out_length(4, '#');
+        EXPECT_EQ(qzlib_get_ip_mask(text, out_ip.data(), out_length.data()), ip.empty() ? -1 : 0);
+        EXPECT_EQ(out_ip, ip.empty() ? std::string(17, '#') : ip);
+        EXPECT_EQ(out_length, ip.empty() ? "####" : length);
+    }
     EXPECT_EQ(qzlib_get_ip_mask("a/b", nullptr, nullptr), 0);
 }
 

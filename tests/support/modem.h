@@ -1,82 +1,16 @@
 // The simulated modem as a test runs it, and the log of what a call did.
 #pragma once
 
-#include "support/files.h"
+#include "support/case.h"
+#include "support/program.h"
 
-#include <gtest/gtest.h>
 #include <qzlib.h>
 
-#include <chrono>
-#include <csignal>
 #include <cstdio>
-#include <fcntl.h>
-#include <spawn.h>
-#include <string>
-#include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
-#include <vector>
 
 namespace support
 {
-
-class Stopwatch
-{
-public:
-    [[nodiscard]] double seconds() const
-    {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
-    }
-
-private:
-    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-};
-
-// Polls for what another process does; false after 15 seconds.
-template <typename Condition>
-bool eventually(Condition holds)
-{
-    for (const Stopwatch watch; watch.seconds() < 15;) {
-        if (holds())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
-}
-
-// A program of this build, ended with the object.
-class Program
-{
-public:
-    explicit Program(std::vector<std::string> words)
-    {
-        words[0] = BINARY_DIR "/bin/" + words[0];
-        std::vector<char *> argv;
-        for (std::string &word : words)
-            argv.push_back(word.data());
-        argv.push_back(nullptr);
-        if (posix_spawn(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
-            abort();
-    }
-    ~Program() { end(); }
-    Program(const Program &) = delete;
-    Program &operator=(const Program &) = delete;
-
-    // Ends it with SIGTERM; its wait status.
-    int end()
-    {
-        int status = 0;
-        if (pid_ > 0) {
-            kill(pid_, SIGTERM);
-            waitpid(pid_, &status, 0);
-        }
-        pid_ = 0;
-        return status;
-    }
-
-private:
-    pid_t pid_ = 0;
-};
 
 // A modem on /tmp/tty.
 class Modem

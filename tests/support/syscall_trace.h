@@ -1,4 +1,4 @@
-// What a piece of code writes into files and asks of devices, in order, as the kernel sees it.
+// The system calls of interest that a piece of code makes, in order.
 #pragma once
 
 #include <csignal>
@@ -14,47 +14,33 @@
 namespace support
 {
 
-namespace trace_detail
-{
+// A system call that a traced process is about to make.
+struct Call {
+    pid_t pid;
+    uint64_t number;
+    uint64_t args[6];
 
-inline std::string read_memory(pid_t pid, uint64_t address, size_t size)
-{
-    std::string bytes(size, '\0');
-    const iovec local{bytes.data(), size};
-    const iovec remote{reinterpret_cast<void *>(address), size};
-    if (process_vm_readv(pid, &local, 1, &remote, 1, 0) != static_cast<ssize_t>(size))
-        return "?";
-    return bytes;
-}
+    [[nodiscard]] std::string memory(uint64_t address, size_t size) const
+    {
+        std::string bytes(size, '\0');
+        const iovec local{bytes.data(), size};
+        const iovec remote{reinterpret_cast<void *>(address), size};
+        if (process_vm_readv(pid, &local, 1, &remote, 1, 0) != static_cast<ssize_t>(size))
+            return "?";
+        return bytes;
+    }
+    // What the third argument of an ioctl() points to.
+    [[nodiscard]] int ioctl_value() const
+    {
+        int value = 0;
+        memcpy(&value, memory(args[2], sizeof value).data(), sizeof value);
+        return value;
+    }
+};
 
-inline std::string path_of(pid_t pid, uint64_t fd)
-{
-    char path[256] = {};
-    const std::string link = "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd);
-    return readlink(link.c_str(), path, sizeof path - 1) > 0 ? path : "";
-}
-
-inline std::string describe(pid_t pid, const __ptrace_syscall_info &info, const std::string &prefix)
-{
-    const std::string path = path_of(pid, info.entry.args[0]);
-    if (path.compare(0, prefix.size(), prefix) != 0)
-        return "";
-    const std::string name = path.substr(prefix.size());
-    if (info.entry.nr == SYS_write)
-        return name + "=" + read_memory(pid, info.entry.args[1], static_cast<size_t>(info.entry.args[2]));
-    if (info.entry.nr != SYS_ioctl)
-        return "";
-    int option = 0;
-    memcpy(&option, read_memory(pid, info.entry.args[2], sizeof option).data(), sizeof option);
-    return name + " ioctl " + std::to_string(info.entry.args[1]) + " " + std::to_string(option);
-}
-
-} // namespace trace_detail
-
-// Runs the function in a traced child. Each write below the prefix gives "NAME=BYTES", each
-// ioctl "NAME ioctl REQUEST ARGUMENT", the argument taken as a pointer to an int.
-template <typename Function>
-std::vector<std::string> trace_writes(const std::string &prefix, Function function)
+// Runs the function in a traced child; what describe() says of its calls, empty texts left out.
+template <typename Function, typename Describe>
+std::vector<std::string> trace_calls(Function function, Describe describe)
 {
     std::vector<std::string> calls;
     const pid_t pid = fork();
@@ -67,20 +53,39 @@ std::vector<std::string> trace_writes(const std::string &prefix, Function functi
     int status = 0;
     waitpid(pid, &status, 0);
     ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
-    while (!WIFEXITED(status) && !WIFSIGNALED(status)) {
+    while (ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr) == 0 && waitpid(pid, &status, 0) == pid &&
+           WIFSTOPPED(status)) {
         __ptrace_syscall_info info{};
-        if (WIFSTOPPED(status) && WSTOPSIG(status) == (SIGTRAP | 0x80) &&
-            ptrace(PTRACE_GET_SYSCALL_INFO, pid, sizeof info, &info) > 0 &&
-            info.op == PTRACE_SYSCALL_INFO_ENTRY) {
-            const std::string call = trace_detail::describe(pid, info, prefix);
-            if (!call.empty())
-                calls.push_back(call);
-        }
-        ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
-        if (waitpid(pid, &status, 0) != pid)
-            break;
+        if (WSTOPSIG(status) != (SIGTRAP | 0x80) ||
+            ptrace(PTRACE_GET_SYSCALL_INFO, pid, sizeof info, &info) <= 0 ||
+            info.op != PTRACE_SYSCALL_INFO_ENTRY)
+            continue;
+        Call call{pid, info.entry.nr, {}};
+        memcpy(call.args, info.entry.args, sizeof call.args);
+        if (std::string text = describe(call); !text.empty())
+            calls.push_back(std::move(text));
     }
     return calls;
+}
+
+// Each write below the path gives "NAME=BYTES", each ioctl "NAME ioctl REQUEST ARGUMENT", the
+// argument taken as a pointer to an int.
+template <typename Function>
+std::vector<std::string> trace_writes(const std::string &prefix, Function function)
+{
+    return trace_calls(function, [&prefix](const Call &call) -> std::string {
+        char path[256] = {};
+        const std::string link = "/proc/" + std::to_string(call.pid) + "/fd/" + std::to_string(call.args[0]);
+        if (readlink(link.c_str(), path, sizeof path - 1) < 0 ||
+            strncmp(path, prefix.c_str(), prefix.size()) != 0)
+            return "";
+        const std::string name = path + prefix.size();
+        if (call.number == SYS_write)
+            return name + "=" + call.memory(call.args[1], static_cast<size_t>(call.args[2]));
+        if (call.number == SYS_ioctl)
+            return name + " ioctl " + std::to_string(call.args[1]) + " " + std::to_string(call.ioctl_value());
+        return "";
+    });
 }
 
 } // namespace support

@@ -36,12 +36,15 @@ public:
         return length < 0 ? "" : std::string(buffer, strnlen(buffer, static_cast<size_t>(length)));
     }
 
-    // The same without priority and date: "tag: text".
-    std::string next_text()
+    // All lines that are there, each as "<PRI>text{module\n": without date, tag and line number.
+    std::string take()
     {
-        const std::string line = next();
-        const size_t date = line.find('>');
-        return date == std::string::npos ? "" : line.substr(date + 1 + strlen("Mon dd hh:mm:ss "));
+        std::string all;
+        for (std::string line = next(); !line.empty(); line = next()) {
+            const size_t text = line.find(": ") + 2;
+            all += line.substr(0, line.find('>') + 1) + line.substr(text, line.rfind("->") - text) + "\n";
+        }
+        return all;
     }
 
 private:

@@ -1,33 +1,17 @@
-#include "support/files.h"
+#include "support/case.h"
 
-#include <gtest/gtest.h>
 #include <qzlib.h>
 
-#include <atomic>
-#include <chrono>
-#include <cstring>
-#include <fcntl.h>
-#include <filesystem>
 #include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/statfs.h>
-#include <sys/time.h>
-#include <thread>
-#include <unistd.h>
 
 namespace
 {
 
-using support::write_file;
-using Clock = std::chrono::steady_clock;
-
-long long elapsed_ms(Clock::time_point since)
-{
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count();
-}
+using namespace support;
 
 // Stays open: each case has a process of its own.
 struct Pipe {
@@ -35,23 +19,11 @@ struct Pipe {
     int fds[2];
 };
 
-// Signals that come all the time and interrupt every wait.
-struct SignalStorm {
-    SignalStorm() { every(20'000); }
-    ~SignalStorm() { every(0); }
-    static void every(suseconds_t us)
-    {
-        qzlib_sys_signal(SIGALRM, [](int) {});
-        const itimerval interval = {{0, us}, {0, us}};
-        setitimer(ITIMER_REAL, &interval, nullptr);
-    }
-};
-
 // Between an exact lower limit and one that a loaded machine keeps, too.
-void expect_took(Clock::time_point start, long at_least_ms)
+void expect_took(const Stopwatch &watch, double at_least_s)
 {
-    EXPECT_GE(elapsed_ms(start), at_least_ms);
-    EXPECT_LT(elapsed_ms(start), at_least_ms + 4000);
+    EXPECT_GE(watch.seconds(), at_least_s);
+    EXPECT_LT(watch.seconds(), at_least_s + 4);
 }
 
 TEST(FdRead, reads_what_is_there_or_ends_at_the_limit)
@@ -63,9 +35,9 @@ TEST(FdRead, reads_what_is_there_or_ends_at_the_limit)
     EXPECT_EQ(qzlib_fd_read(pipe.fds[0], buffer, sizeof buffer, -1), 2);
     {
         const SignalStorm storm;
-        const auto start = Clock::now();
+        const Stopwatch watch;
         EXPECT_EQ(qzlib_fd_read(pipe.fds[0], buffer, 4, 100), 0);
-        expect_took(start, 100);
+        expect_took(watch, 0.1);
     }
     close(pipe.fds[1]);
     EXPECT_EQ(qzlib_fd_read(pipe.fds[0], buffer, 4, 0), 0);
@@ -96,28 +68,28 @@ TEST(FdWrite, limit_is_a_budget_for_the_whole_call)
     Pipe pipe(O_NONBLOCK);
     const auto room = static_cast<unsigned>(fcntl(pipe.fds[1], F_SETPIPE_SZ, 4096));
     std::string bytes(room * 200, 'x');
-    auto start = Clock::now();
+    const Stopwatch last_wait;
     EXPECT_EQ(qzlib_fd_write(pipe.fds[1], bytes.data(), room, 100), static_cast<int>(room));
-    expect_took(start, 100); // the wait behind the last byte
+    expect_took(last_wait, 0.1); // the wait behind the last byte
 
     std::atomic<bool> stop{false};
     std::thread reader([&] { // takes 10 s for all of it
         for (std::string buffer(room, '\0'); !stop; usleep(50'000))
             (void)!read(pipe.fds[0], buffer.data(), room);
     });
-    start = Clock::now();
+    const Stopwatch budget;
     EXPECT_LT(qzlib_fd_write(pipe.fds[1], bytes.data(), room * 200, 300), static_cast<int>(bytes.size()));
-    expect_took(start, 300);
+    expect_took(budget, 0.3);
     stop = true;
     reader.join();
 }
 
 TEST(FdReadPackage, gathers_until_a_pause)
 {
-    const struct {
+    struct Case {
         int writes, pause_ms, gap_ms, size, expected;
-    } cases[] = {{3, 20, 1200, 64, 30}, {1, 0, 50, 64, 10}, {3, 5, 10'000, 30, 30}};
-    for (const auto &c : cases) {
+    };
+    for (const Case &c : {Case{3, 20, 1200, 64, 30}, {1, 0, 50, 64, 10}, {3, 5, 10'000, 30, 30}}) {
         Pipe pipe;
         char buffer[64];
         std::thread writer([&] {
@@ -127,10 +99,10 @@ TEST(FdReadPackage, gathers_until_a_pause)
         pollfd first = {pipe.fds[0], POLLIN, 0};
         while (poll(&first, 1, -1) != 1) // the first wait would not bear a signal
             continue;
-        const auto start = Clock::now();
+        const Stopwatch watch;
         const SignalStorm storm;
         EXPECT_EQ(qzlib_fd_read_package(pipe.fds[0], buffer, c.size, c.gap_ms), c.expected);
-        EXPECT_LT(elapsed_ms(start), 8000) << "a full buffer still waits for the gap";
+        EXPECT_LT(watch.seconds(), 8) << "a full buffer still waits for the gap";
         writer.join();
     }
 }
@@ -143,13 +115,15 @@ TEST(FdReadPackage, ends_early_and_refuses)
         const SignalStorm storm;
         EXPECT_EQ(qzlib_fd_read_package(pipe.fds[0], buffer, 8, 10), -1) << "a signal ends the first wait";
     }
+    const Table<int, char *, int, int> refused = {{-1, buffer, 8, 10},
+                                                  {pipe.fds[0], nullptr, 8, 10},
+                                                  {pipe.fds[0], buffer, 0, 10},
+                                                  {pipe.fds[0], buffer, 8, 0}};
     ASSERT_EQ(write(pipe.fds[1], "abc", 3), 3);
+    for (const auto &[fd, out, size, gap_ms] : refused)
+        EXPECT_EQ(qzlib_fd_read_package(fd, out, size, gap_ms), -1) << fd << " " << size << " " << gap_ms;
     close(pipe.fds[1]);
     EXPECT_EQ(qzlib_fd_read_package(pipe.fds[0], buffer, 8, 60000), 3); // end of file
-    EXPECT_EQ(qzlib_fd_read_package(-1, buffer, 8, 10), -1);
-    EXPECT_EQ(qzlib_fd_read_package(pipe.fds[0], nullptr, 8, 10), -1);
-    EXPECT_EQ(qzlib_fd_read_package(pipe.fds[0], buffer, 0, 10), -1);
-    EXPECT_EQ(qzlib_fd_read_package(pipe.fds[0], buffer, 8, 0), -1);
 }
 
 TEST(FdTransfers, descriptors_past_the_fixed_set_work)
@@ -171,7 +145,7 @@ TEST(FdTransfers, descriptors_past_the_fixed_set_work)
 const char *const NO_PATH = nullptr;
 
 // Mounts of its own, so that the fixed paths of the library are free to be covered.
-struct FileSystems : testing::Test {
+struct FileSystems : NothingLeft {
     FileSystems()
     {
         std::filesystem::create_directories("/tmp/m");
@@ -180,8 +154,6 @@ struct FileSystems : testing::Test {
             abort(); // without it the host's files would be changed
         write_file("/tmp/m/sub/file", "x");
     }
-    ~FileSystems() override { EXPECT_EQ(support::open_descriptors(), descriptors); }
-    size_t descriptors = support::open_descriptors();
 };
 
 TEST_F(FileSystems, facts_about_files)
@@ -256,10 +228,8 @@ TEST_F(FileSystems, version_stamp_is_found_by_its_rules)
 {
     const std::string elf = "\177ELF", nul(1, '\0'), marker = "--qzversion";
     const std::string stamp = marker + " V1.2.3" + nul;
-    const struct {
-        std::string file;
-        const char *version; // null: none
-    } cases[] = {
+    const Table<std::string, const char *> cases = {
+        // null: none
         {elf + "code" + stamp + marker + " V2" + nul, "V1.2.3"},
         {elf + nul + marker + nul + "V" + nul, "V"},
         {elf + marker + " V", "V"}, // the file's end ends the text
@@ -273,12 +243,12 @@ TEST_F(FileSystems, version_stamp_is_found_by_its_rules)
         {elf + std::string(5242880 - 4 - stamp.size(), 'x') + stamp, "V1.2.3"},
         {elf + std::string(5242881 - 4 - stamp.size(), 'x') + stamp, nullptr},
     };
-    for (const auto &c : cases) {
-        write_file("/mnt/update/app", c.file);
+    for (const auto &[file, expected] : cases) {
+        write_file("/mnt/update/app", file);
         char version[32] = "untouched";
-        EXPECT_EQ(qzlib_get_patch_version("app", version, sizeof version), c.version == nullptr ? -1 : 0);
-        EXPECT_STREQ(version, c.version == nullptr ? "untouched" : c.version) << c.file.substr(0, 64);
-        EXPECT_EQ(qzlib_file_is_qzapp("/mnt/update/app"), c.version != nullptr);
+        EXPECT_EQ(qzlib_get_patch_version("app", version, sizeof version), expected == nullptr ? -1 : 0);
+        EXPECT_STREQ(version, expected == nullptr ? "untouched" : expected) << file.substr(0, 64);
+        EXPECT_EQ(qzlib_file_is_qzapp("/mnt/update/app"), expected != nullptr);
     }
 }
 

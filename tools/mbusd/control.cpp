@@ -119,24 +119,21 @@ std::optional<Command> ControlSocket::parse(const char *datagram, size_t length,
     return Command{message.command, {message.name, strnlen(message.name, sizeof message.name)}, sender};
 }
 
-std::optional<Command> ControlSocket::next()
+bool ControlSocket::next(std::optional<Command> &command)
 {
-    for (;;) {
-        char datagram[sizeof(mbus_ctl_msg) + 1]; // one more, to see that one is too long
-        alignas(cmsghdr) char ancillary[CMSG_SPACE(sizeof(ucred))];
-        iovec part = {datagram, sizeof datagram};
-        msghdr message{};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        message.msg_control = ancillary;
-        message.msg_controllen = sizeof ancillary;
-        const ssize_t length = recvmsg(fd_, &message, MSG_CMSG_CLOEXEC | MSG_TRUNC);
-        if (length < 0)
-            return std::nullopt;
-        std::optional<Command> command = parse(datagram, static_cast<size_t>(length), sender_of(message));
-        if (command)
-            return command;
-    }
+    char datagram[sizeof(mbus_ctl_msg)];
+    alignas(cmsghdr) char ancillary[CMSG_SPACE(sizeof(ucred))];
+    iovec part = {datagram, sizeof datagram};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = ancillary;
+    message.msg_controllen = sizeof ancillary;
+    const ssize_t length = recvmsg(fd_, &message, MSG_CMSG_CLOEXEC | MSG_TRUNC); // the whole length
+    if (length < 0)
+        return false;
+    command = parse(datagram, static_cast<size_t>(length), sender_of(message));
+    return true;
 }
 
 } // namespace mbusd

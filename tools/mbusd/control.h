@@ -27,8 +27,9 @@ public:
     bool claim();
     // Binds the socket, over the file of a dead server. SIGIO comes with every datagram.
     bool open();
-    // The next command; malformed datagrams are logged and skipped. Never waits.
-    std::optional<Command> next();
+    // Takes a datagram; false when there is none. One that is malformed is logged and gives no
+    // command. Never waits.
+    bool next(std::optional<Command> &command);
 
 private:
     std::optional<Command> parse(const char *datagram, size_t length, pid_t sender);

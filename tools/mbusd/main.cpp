@@ -107,6 +107,16 @@ void handle_signal(int signal, void (*handler)(int))
     (void)sigaction(signal, &action, nullptr);
 }
 
+// A mask may have been inherited.
+void unblock_signals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGTERM, SIGINT, SIGIO})
+        sigaddset(&signals, signal);
+    (void)sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
 // The share segment; also over one of another size that nobody uses.
 mbus_share_segment *attach_share()
 {
@@ -207,14 +217,22 @@ public:
 
 private:
     static constexpr uint64_t REAP_MS = 1000;
+    static constexpr int COMMANDS_A_ROUND = 64; // packets go on, however many come
 
     void take_commands()
     {
         if (control_ready == 0)
             return;
         control_ready = 0;
-        while (std::optional<Command> command = control_.next())
-            server_.handle(*command);
+        std::optional<Command> command;
+        for (int i = 0; control_.next(command); ++i) {
+            if (command)
+                server_.handle(*command);
+            if (i == COMMANDS_A_ROUND) {
+                control_ready = 1;
+                return;
+            }
+        }
     }
 
     void run_timers()
@@ -265,6 +283,7 @@ int serve(const Options &options)
     handle_signal(SIGINT, request_stop);
     handle_signal(SIGIO, note_control);
     handle_signal(SIGPIPE, SIG_IGN);
+    unblock_signals();
 
     Server server(*share);
     server.adopt();

@@ -20,6 +20,7 @@ namespace
 constexpr uint32_t SLOTS = QZLIB_MBUS_RING_SLOTS;
 constexpr int PACKETS_A_ROUND = SLOTS;
 constexpr uint64_t ATTACH_PATIENCE_MS = 5000; // from registering to attaching
+constexpr uint64_t LEAVE_PATIENCE_MS = 5000;  // for the receivers of what a client sent before it left
 constexpr uint64_t ROOM_PATIENCE_MS = 100;    // for a receiver whose ring is full and does not move
 
 uint32_t load(const uint32_t &index)
@@ -48,6 +49,29 @@ unsigned long attached_to(int segment)
 {
     shmid_ds status;
     return shmctl(segment, IPC_STAT, &status) == 0 ? status.shm_nattch : 0;
+}
+
+// The segment of a new client. What an earlier run left under its key goes first: the slots
+// are old, and it may be of another size.
+int make_segment(int key)
+{
+    const int stale = shmget(key, 0, 0);
+    if (stale >= 0 && attached_to(stale) == 0)
+        (void)shmctl(stale, IPC_RMID, nullptr);
+    return shmget(key, QZLIB_MBUS_SEGMENT_SIZE, IPC_CREAT | 0666);
+}
+
+// The first character last, so that nobody finds half a name; and first when it goes.
+void show_name(mbus_client &record, const std::string &name)
+{
+    name.copy(record.name + 1, sizeof record.name - 1, 1);
+    __atomic_store_n(&record.name[0], name[0], __ATOMIC_SEQ_CST);
+}
+
+void clear_record(mbus_client &record)
+{
+    __atomic_store_n(&record.name[0], '\0', __ATOMIC_SEQ_CST);
+    memset(&record, 0, sizeof record);
 }
 
 bool process_gone(pid_t pid)
@@ -119,7 +143,7 @@ bool Server::is_dead(const Member &member) const
     return member.attached || process_gone(member.pid) || now_ms() - member.since_ms > ATTACH_PATIENCE_MS;
 }
 
-void Server::enter(size_t index, const std::string &name, int key, pid_t pid)
+void Server::enter(size_t index, const std::string &name, int key, pid_t pid, int segment)
 {
     Member &member = members_[index];
     member = {};
@@ -127,39 +151,109 @@ void Server::enter(size_t index, const std::string &name, int key, pid_t pid)
     member.key = key;
     member.pid = pid;
     member.since_ms = now_ms();
-    member.segment = record(index).server_handle.id;
+    member.segment = segment;
     forget_targets();
 }
 
-// What the client sent before it left is still delivered.
-void Server::remove(size_t index, const char *why)
+// A client that left is nobody's destination any longer, but what it sent is still delivered.
+// Packets in hand for it stay: it may be back with the next command.
+void Server::leave(size_t index, const char *why)
 {
     Member &member = members_[index];
+    log_line(QZLIB_LOG_INFO, "%s: %s", printable(member.name).c_str(), why);
+    member.leaving = why;
+    member.since_ms = now_ms();
+    forget_targets();
+}
+
+bool Server::is_done(size_t index) const
+{
+    return !differ(record(index).up_write, record(index).up_read) ||
+           now_ms() - members_[index].since_ms > LEAVE_PATIENCE_MS;
+}
+
+// Hands on what there is room for, and forgets the rest.
+void Server::flush(size_t index)
+{
     for (uint32_t i = 0; i < 2 * SLOTS && route_from(index).moved; ++i) {
     }
-    log_line(QZLIB_LOG_INFO, "%s: %s", printable(member.name).c_str(), why);
+    members_[index].held = nullptr;
+    members_[index].waiting.reset();
+}
+
+void Server::remove(size_t index)
+{
+    Member &member = members_[index];
+    flush(index);
     for (Member &other : members_)
         other.waiting.reset(index);
     qzlib_client_uninit(&record(index));
     // Whether or not the client is still to detach: nothing stays behind if it is killed first.
     (void)shmctl(member.segment, IPC_RMID, nullptr);
-    memset(&record(index), 0, sizeof(mbus_client));
+    clear_record(record(index));
     member = {};
     forget_targets();
 }
 
-// True when nobody alive holds the name or its key. A process that registers again has lost
-// its connection, and one whose holder's process is gone is a daemon that was restarted.
-bool Server::make_way(const Command &command, int key)
+// Whether the packet in hand is still the ring's next one. A client that connected anew has
+// emptied the ring, and will write over a packet of its former life. The segment begins with a
+// page, so that the address tells the slot.
+bool Server::holds_next(size_t index) const
 {
-    const size_t holder = find_conflict(command.name, key);
-    if (holder == CLIENTS)
+    constexpr uintptr_t PAGE = 4096;
+    const Member &member = members_[index];
+    const mbus_client &own = record(index);
+    if (member.held == nullptr || !differ(own.up_write, own.up_read))
+        return false;
+    const auto *const data = static_cast<const char *>(member.outgoing.data);
+    const auto address = reinterpret_cast<uintptr_t>(data);
+    uint32_t mark = 0; // this process's, while the slot is not written again
+    memcpy(&mark, data - sizeof mark, sizeof mark);
+    return mark == static_cast<uint32_t>(address) &&
+           address % PAGE ==
+               (QZLIB_MBUS_SLOT_PAYLOAD + uintptr_t{load(own.up_read)} * QZLIB_MBUS_SLOT_SIZE) % PAGE;
+}
+
+// The same name again, after a restart or a new connection. Record and segment stay: if this
+// server was late the client has found them already, and uses them. If it has not, they are
+// made as new.
+void Server::renew(size_t index, pid_t pid)
+{
+    Member &member = members_[index];
+    const bool attached = attached_to(member.segment) > 1;
+    if (!attached) {
+        flush(index);
+        memset(&record(index).up_write, 0, sizeof(mbus_client) - offsetof(mbus_client, up_write));
+        (void)qzlib_client_init(&record(index));
+    }
+    const Member before = member;
+    const bool holds = holds_next(index);
+    enter(index, before.name, before.key, pid, shmget(before.key, 0, 0));
+    member.attached = attached;
+    if (holds) {
+        member.held = before.held;
+        member.outgoing = before.outgoing;
+        member.waiting = before.waiting;
+    }
+}
+
+// Whether a name or key is to be had of its holder. A process that registers again has lost its
+// connection, and one whose holder's process is gone is a daemon that was restarted.
+bool Server::may_take(const Member &holder, const Command &command) const
+{
+    if (holder.leaving != nullptr || is_dead(holder) || process_gone(holder.pid))
         return true;
+    return holder.name == command.name && command.sender > 0 && holder.pid == command.sender &&
+           attached_to(holder.segment) <= 1;
+}
+
+// True when the holder has gone.
+bool Server::make_way(const Command &command, size_t holder)
+{
     const Member &member = members_[holder];
-    const bool again = same_name(member.name, command.name) && command.sender > 0 &&
-                       member.pid == command.sender && attached_to(member.segment) <= 1;
-    if (again || is_dead(member) || process_gone(member.pid)) {
-        remove(holder, "replaced");
+    if (may_take(member, command)) {
+        log_line(QZLIB_LOG_INFO, "%s: replaced", printable(member.name).c_str());
+        remove(holder);
         return true;
     }
     log_line(QZLIB_LOG_WARNING, "refused %s from process %d: %s %s", printable(command.name).c_str(),
@@ -169,6 +263,23 @@ bool Server::make_way(const Command &command, int key)
     return false;
 }
 
+// A free record; one of a client that left goes first when there is none. CLIENTS when the
+// table is full.
+size_t Server::find_place()
+{
+    const auto first = [this](auto wanted) {
+        return static_cast<size_t>(std::find_if(members_.begin(), members_.end(), wanted) - members_.begin());
+    };
+    const size_t place = first([](const Member &m) { return !m.used(); });
+    if (place < CLIENTS)
+        return place;
+    reap();
+    const size_t leaver = first([](const Member &m) { return m.leaving != nullptr; });
+    if (leaver < CLIENTS)
+        remove(leaver);
+    return leaver;
+}
+
 void Server::add(const Command &command)
 {
     const int key = qzlib_mbus_name_to_key(command.name.c_str());
@@ -176,26 +287,30 @@ void Server::add(const Command &command)
         log_line(QZLIB_LOG_WARNING, "refused %s: its key is not usable", printable(command.name).c_str());
         return;
     }
-    if (!make_way(command, key))
+    const size_t holder = find_conflict(command.name, key);
+    if (holder < CLIENTS && members_[holder].name == command.name && may_take(members_[holder], command)) {
+        renew(holder, command.sender);
+        log_line(QZLIB_LOG_INFO, "%s: registered again by process %d", printable(command.name).c_str(),
+                 command.sender);
         return;
-    if (std::all_of(members_.begin(), members_.end(), [](const Member &m) { return m.used(); }))
-        reap();
-    const auto *const place =
-        std::find_if(members_.begin(), members_.end(), [](const Member &m) { return !m.used(); });
-    if (place == members_.end()) {
+    }
+    if (holder < CLIENTS && !make_way(command, holder))
+        return;
+    const size_t place = find_place();
+    if (place == CLIENTS) {
         log_line(QZLIB_LOG_WARNING, "refused %s: %zu clients are connected", printable(command.name).c_str(),
                  CLIENTS);
         return;
     }
-    const auto index = static_cast<size_t>(place - members_.begin());
-    memset(&record(index), 0, sizeof(mbus_client));
-    command.name.copy(record(index).name, sizeof record(index).name);
-    if (qzlib_client_init(&record(index)) != 0) {
-        memset(&record(index), 0, sizeof(mbus_client));
+    const int segment = make_segment(key);
+    clear_record(record(place));
+    show_name(record(place), command.name);
+    if (segment < 0 || qzlib_client_init(&record(place)) != 0) {
+        clear_record(record(place));
         log_line(QZLIB_LOG_ERROR, "refused %s: no segment", printable(command.name).c_str());
         return;
     }
-    enter(index, command.name, key, command.sender);
+    enter(place, command.name, key, command.sender, segment);
     log_line(QZLIB_LOG_INFO, "%s: registered by process %d", printable(command.name).c_str(), command.sender);
 }
 
@@ -206,8 +321,8 @@ void Server::handle(const Command &command)
         return;
     }
     const size_t index = find_name(command.name);
-    if (index < CLIENTS)
-        remove(index, "unregistered");
+    if (index < CLIENTS && members_[index].connected())
+        leave(index, "unregistered");
     else
         log_line(QZLIB_LOG_WARNING, "%s is not registered", printable(command.name).c_str());
 }
@@ -216,12 +331,12 @@ void Server::reap()
 {
     for (size_t i = 0; i < CLIENTS; ++i) {
         Member &member = members_[i];
-        if (!member.used())
+        if (!member.connected())
             continue;
         if (attached_to(member.segment) > 1)
             member.attached = true;
         else if (is_dead(member))
-            remove(i, "its process is gone");
+            leave(i, "its process is gone");
     }
 }
 
@@ -236,14 +351,14 @@ void Server::adopt(size_t index)
     const bool alive = segment >= 0 && attached_to(segment) > 0 && key != QZLIB_MBUS_SHARE_KEY &&
                        find_conflict(name, key) == CLIENTS;
     if (alive && qzlib_client_init(&record(index)) == 0) {
-        enter(index, name, key, 0);
+        enter(index, name, key, 0, segment);
         members_[index].attached = true;
         log_line(QZLIB_LOG_INFO, "%s: taken over", printable(name).c_str());
         return;
     }
     if (segment >= 0 && key != QZLIB_MBUS_SHARE_KEY && attached_to(segment) == 0)
         (void)shmctl(segment, IPC_RMID, nullptr);
-    memset(&record(index), 0, sizeof(mbus_client));
+    clear_record(record(index));
 }
 
 void Server::adopt()
@@ -254,9 +369,12 @@ void Server::adopt()
 
 void Server::close()
 {
-    for (size_t i = 0; i < CLIENTS; ++i)
-        if (members_[i].used())
-            remove(i, "the bus server ends");
+    for (size_t i = 0; i < CLIENTS; ++i) {
+        if (!members_[i].used())
+            continue;
+        log_line(QZLIB_LOG_INFO, "%s: the bus server ends", printable(members_[i].name).c_str());
+        remove(i);
+    }
 }
 
 // ---- Packets --------------------------------------------------------------------------
@@ -278,11 +396,11 @@ Server::Targets Server::targets_of(size_t sender, const mbus_pkg &pkg)
         return member.last_targets;
     Targets targets;
     const size_t named = find_name(field(pkg.name, sizeof pkg.name));
-    if (named < CLIENTS) {
+    if (named < CLIENTS && members_[named].connected()) {
         targets.set(named);
     } else {
         for (size_t i = 0; i < CLIENTS; ++i)
-            targets.set(i, members_[i].used() && i != sender);
+            targets.set(i, members_[i].connected() && i != sender);
     }
     memcpy(member.last_name.data(), pkg.name, sizeof pkg.name);
     member.last_targets = targets;
@@ -299,8 +417,10 @@ bool Server::take(size_t sender)
         return differ(record(sender).up_write, record(sender).up_read);
     member.outgoing = safe_copy(*pkg);
     member.waiting = targets_of(sender, member.outgoing);
-    if (member.outgoing.name[0] == '\0')
+    if (member.outgoing.name[0] == '\0') {
+        memset(member.outgoing.name, 0, sizeof member.outgoing.name); // a peer's padding may be anything
         member.name.copy(member.outgoing.name, sizeof member.outgoing.name);
+    }
     member.held = pkg;
     return true;
 }
@@ -364,18 +484,26 @@ Server::Progress Server::route_from(size_t sender)
     return progress;
 }
 
+Server::Progress Server::serve(size_t index)
+{
+    Progress progress = {false, false};
+    if (members_[index].used() && differ(record(index).up_write, record(index).up_read))
+        progress = route_from(index);
+    if (members_[index].leaving != nullptr && is_done(index))
+        remove(index);
+    return progress;
+}
+
 Server::Progress Server::route(const volatile sig_atomic_t &attention)
 {
     Progress all = {false, false};
-    for (size_t i = 0; i < end_; ++i, ++next_) {
-        if (attention != 0) // a daemon that connects does not wait for long
-            return {true, false};
+    for (size_t turns = end_; turns > 0; --turns) { // though it shrinks as clients go
         next_ = next_ < end_ ? next_ : 0;
-        if (!members_[next_].used() || !differ(record(next_).up_write, record(next_).up_read))
-            continue;
-        const Progress one = route_from(next_);
+        const Progress one = serve(next_++);
         all.moved = all.moved || one.moved;
         all.blocked = all.blocked || one.blocked;
+        if (attention != 0) // a daemon that connects does not wait for long
+            return {true, false};
     }
     return all;
 }

@@ -27,7 +27,7 @@ public:
     // Takes over clients that live on from a server that died, and removes the rest of it.
     void adopt();
     void handle(const Command &command);
-    // Removes clients that died.
+    // Lets clients go that died.
     void reap();
     // Removes all clients.
     void close();
@@ -39,7 +39,7 @@ public:
         bool blocked; // some packet waits for room in a ring
     };
     // One round over all clients; a bounded number of packets of each. Cut short, to be gone on
-    // with, as soon as attention is not 0.
+    // with, when attention is not 0, but not before somebody had his turn.
     Progress route(const volatile sig_atomic_t &attention);
 
     void print_stats() const;
@@ -52,8 +52,9 @@ private:
         int key = 0;
         int segment = -1;
         pid_t pid = 0;
-        uint64_t since_ms = 0;
-        bool attached = false; // its process was seen attached
+        uint64_t since_ms = 0;         // of registering, or of leaving
+        bool attached = false;         // its process was seen attached
+        const char *leaving = nullptr; // why it is removed once all that it sent is handed on
         // The packet in hand and those that have not got it yet, for want of room.
         const mbus_pkg *held = nullptr;
         mbus_pkg outgoing{};
@@ -69,6 +70,7 @@ private:
         uint64_t full_since_ms = 0;
 
         [[nodiscard]] bool used() const { return !name.empty(); }
+        [[nodiscard]] bool connected() const { return used() && leaving == nullptr; }
     };
 
     mbus_client &record(size_t index) { return share_.clients[index]; }
@@ -76,14 +78,22 @@ private:
     [[nodiscard]] bool is_dead(const Member &member) const;
     size_t find_name(std::string_view name) const;
     size_t find_conflict(std::string_view name, int key) const;
-    bool make_way(const Command &command, int key);
+    [[nodiscard]] bool may_take(const Member &holder, const Command &command) const;
+    bool make_way(const Command &command, size_t holder);
+    size_t find_place();
     void add(const Command &command);
-    void enter(size_t index, const std::string &name, int key, pid_t pid);
-    void remove(size_t index, const char *why);
+    void enter(size_t index, const std::string &name, int key, pid_t pid, int segment);
+    [[nodiscard]] bool holds_next(size_t index) const;
+    void renew(size_t index, pid_t pid);
+    void leave(size_t index, const char *why);
+    [[nodiscard]] bool is_done(size_t index) const;
+    void flush(size_t index);
+    void remove(size_t index);
     void adopt(size_t index);
     void forget_targets();
 
     Targets targets_of(size_t sender, const mbus_pkg &pkg);
+    Progress serve(size_t index);
     Progress route_from(size_t sender);
     bool take(size_t sender);
     bool hand_on(size_t sender);
