@@ -15,7 +15,7 @@ using support::has_no_child;
 using support::open_descriptors;
 using support::sh;
 
-long elapsed_ms(std::chrono::steady_clock::time_point start)
+int64_t elapsed_ms(std::chrono::steady_clock::time_point start)
 {
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)
         .count();

@@ -149,15 +149,21 @@ void Server::remove(size_t index, const char *why)
 }
 
 // True when nobody alive holds the name or its key. A process that registers again has lost
-// its connection, and one whose holder's process is gone is a daemon that was restarted.
+// its connection, and one whose holder's process is gone is a daemon that was restarted. But
+// whoever registers again before it has attached was not served in time and is looking for its
+// record, perhaps at this moment: taken away, it would be left with a segment that nobody serves.
 bool Server::make_way(const Command &command, int key)
 {
     const size_t holder = find_conflict(command.name, key);
     if (holder == CLIENTS)
         return true;
-    const Member &member = members_[holder];
+    Member &member = members_[holder];
     const bool again = same_name(member.name, command.name) && command.sender > 0 &&
                        member.pid == command.sender && attached_to(member.segment) <= 1;
+    if (again && !member.attached) {
+        member.since_ms = now_ms();
+        return false;
+    }
     if (again || is_dead(member) || process_gone(member.pid)) {
         remove(holder, "replaced");
         return true;
