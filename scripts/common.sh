@@ -30,3 +30,13 @@ need() {
 
 BUILD_PACKAGES="cmake ninja-build gcc g++ libc6-dev pkg-config libcjson-dev"
 RUN_PACKAGES="iproute2 net-tools procps"
+TEST_PACKAGES="libgtest-dev u-boot-tools libubootenv-tool"
+
+# run_tests BUILD [CTEST-OPTION...]: many at once, since most of them wait. Some look at the
+# clock: a case that fails is tried once more, and CTest shows both results.
+run_tests() {
+    tests=$1
+    shift
+    ctest --test-dir "$tests" --output-on-failure -j $(($(nproc) * 16)) --no-tests=error \
+        --repeat until-pass:2 "$@"
+}

@@ -272,7 +272,7 @@ TEST(Simulator, takes_no_byte_that_the_format_does_not_allow)
     send(surplus);                            // a byte too many
     for (size_t i = 1; i < exact.size(); ++i) // cut at every byte
         send(exact.substr(0, i));
-    for (const size_t fixed : {0, 1, 4, 5, 6, 8, 9, 10, 15, 18}) {
+    for (const size_t fixed : {0U, 1U, 4U, 5U, 6U, 8U, 9U, 10U, 15U, 18U}) {
         std::string spoilt = exact;
         spoilt[fixed] = static_cast<char>(spoilt[fixed] + 64);
         send(spoilt);
