@@ -1,7 +1,7 @@
 # Stage "tests": every case of every test program, each in a box of its own. A machine that is
 # one of several takes every n-th case: QZ_part is "<own number>/<machines>", from 0. QZ_programs
 # and QZ_filter (of GoogleTest) leave out others. As on the host, a case that fails is tried once
-# more, and both results are shown. It has twice the host's time: the rounds of long tests shrink.
+# more, and both results are shown.
 load fuse loop veth dummy tun >/dev/null
 
 part=${QZ_part:-0/1}
@@ -45,7 +45,7 @@ while read -r program kind limit; do
     for case in $cases; do
         number=$((number + 1))
         [ $((number % ${part#*/})) -eq "${part%/*}" ] || continue
-        run_case "$program" "$kind" $((limit * 2)) "$case"
+        run_case "$program" "$kind" "$limit" "$case"
     done
 done <"$BUILD/test-programs"
 
