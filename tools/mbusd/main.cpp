@@ -215,6 +215,7 @@ private:
         control_ready = 0;
         while (std::optional<Command> command = control_.next())
             server_.handle(*command);
+        server_.remove_hidden();
     }
 
     void run_timers()
@@ -222,6 +223,8 @@ private:
         const uint64_t now = now_ms();
         if (now - reaped_ms_ >= REAP_MS) {
             server_.reap();
+            control_ready = 1;
+            take_commands();
             reaped_ms_ = now;
         }
         if (stats_ms_ != 0 && now - printed_ms_ >= stats_ms_) {

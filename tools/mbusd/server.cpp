@@ -50,6 +50,14 @@ unsigned long attached_to(int segment)
     return shmctl(segment, IPC_STAT, &status) == 0 ? status.shm_nattch : 0;
 }
 
+// Whether nobody but this server and perhaps that process has the segment attached.
+bool left_to(int segment, pid_t pid)
+{
+    shmid_ds status;
+    return shmctl(segment, IPC_STAT, &status) == 0 &&
+           (status.shm_nattch <= 1 || (status.shm_nattch == 2 && status.shm_lpid == pid));
+}
+
 bool process_gone(pid_t pid)
 {
     return pid > 0 && kill(pid, 0) != 0 && errno == ESRCH;
@@ -131,15 +139,20 @@ void Server::enter(size_t index, const std::string &name, int key, pid_t pid)
     forget_targets();
 }
 
-// What the client sent before it left is still delivered.
+// What the client sent before it left.
+void Server::deliver_rest(size_t index)
+{
+    for (uint32_t i = 0; i < 2 * SLOTS && route_from(index).moved; ++i) {
+    }
+    for (Member &other : members_)
+        other.waiting.reset(index);
+}
+
 void Server::remove(size_t index, const char *why)
 {
     Member &member = members_[index];
-    for (uint32_t i = 0; i < 2 * SLOTS && route_from(index).moved; ++i) {
-    }
+    deliver_rest(index);
     log_line(QZLIB_LOG_INFO, "%s: %s", printable(member.name).c_str(), why);
-    for (Member &other : members_)
-        other.waiting.reset(index);
     qzlib_client_uninit(&record(index));
     // Whether or not the client is still to detach: nothing stays behind if it is killed first.
     (void)shmctl(member.segment, IPC_RMID, nullptr);
@@ -148,29 +161,60 @@ void Server::remove(size_t index, const char *why)
     forget_targets();
 }
 
+// To be removed once the control queue was read to its end. Whoever found the record had
+// registered before, so that its registration is in the queue, and the record is passed on.
+void Server::hide(size_t index, const char *why)
+{
+    members_[index].leaving = why;
+    __atomic_store_n(&record(index).name[0], '\0', __ATOMIC_SEQ_CST);
+}
+
+void Server::remove_hidden()
+{
+    for (size_t i = 0; i < CLIENTS; ++i)
+        if (members_[i].used() && members_[i].leaving != nullptr)
+            remove(i, members_[i].leaving);
+}
+
+// Record and segment stay what they are. The process that registers may have found them before
+// its registration was read here, and be attaching or attached already: in exchange for new
+// ones it would be left with a segment that nobody serves.
+void Server::pass_on(size_t index, pid_t pid)
+{
+    Member &member = members_[index];
+    deliver_rest(index);
+    member.held = nullptr; // it lies in a ring that the newcomer empties
+    member.pid = pid;
+    member.attached = false;
+    member.since_ms = now_ms();
+    member.leaving = nullptr;
+    __atomic_store_n(&record(index).name[0], member.name[0], __ATOMIC_SEQ_CST);
+    log_line(QZLIB_LOG_INFO, "%s: passed on to process %d", printable(member.name).c_str(), pid);
+}
+
 // True when nobody alive holds the name or its key. A process that registers again has lost
-// its connection, and one whose holder's process is gone is a daemon that was restarted. But
-// whoever registers again before it has attached was not served in time and is looking for its
-// record, perhaps at this moment: taken away, it would be left with a segment that nobody serves.
+// its connection or was not served in time, and one whose holder's process is gone is a daemon
+// that was restarted: both get the record that is there.
 bool Server::make_way(const Command &command, int key)
 {
     const size_t holder = find_conflict(command.name, key);
     if (holder == CLIENTS)
         return true;
-    Member &member = members_[holder];
-    const bool again = same_name(member.name, command.name) && command.sender > 0 &&
-                       member.pid == command.sender && attached_to(member.segment) <= 1;
-    if (again && !member.attached) {
-        member.since_ms = now_ms();
+    const Member &member = members_[holder];
+    const bool same = same_name(member.name, command.name);
+    const bool again =
+        same && command.sender > 0 && member.pid == command.sender && attached_to(member.segment) <= 1;
+    const bool given_up = again || member.leaving != nullptr || is_dead(member) || process_gone(member.pid);
+    if (given_up && same && left_to(member.segment, command.sender) && shmget(key, 0, 0) == member.segment) {
+        pass_on(holder, command.sender);
         return false;
     }
-    if (again || is_dead(member) || process_gone(member.pid)) {
+    if (given_up) {
         remove(holder, "replaced");
         return true;
     }
     log_line(QZLIB_LOG_WARNING, "refused %s from process %d: %s %s", printable(command.name).c_str(),
-             command.sender,
-             same_name(member.name, command.name) ? "the name is that of" : "it has the key of",
+             command.sender, same ? "the name is that of" : "it has the key of",
              printable(member.name).c_str());
     return false;
 }
@@ -184,8 +228,10 @@ void Server::add(const Command &command)
     }
     if (!make_way(command, key))
         return;
-    if (std::all_of(members_.begin(), members_.end(), [](const Member &m) { return m.used(); }))
+    if (std::all_of(members_.begin(), members_.end(), [](const Member &m) { return m.used(); })) {
         reap();
+        remove_hidden();
+    }
     const auto *const place =
         std::find_if(members_.begin(), members_.end(), [](const Member &m) { return !m.used(); });
     if (place == members_.end()) {
@@ -213,7 +259,7 @@ void Server::handle(const Command &command)
     }
     const size_t index = find_name(command.name);
     if (index < CLIENTS)
-        remove(index, "unregistered");
+        hide(index, "unregistered");
     else
         log_line(QZLIB_LOG_WARNING, "%s is not registered", printable(command.name).c_str());
 }
@@ -222,12 +268,12 @@ void Server::reap()
 {
     for (size_t i = 0; i < CLIENTS; ++i) {
         Member &member = members_[i];
-        if (!member.used())
+        if (!member.used() || member.leaving != nullptr)
             continue;
         if (attached_to(member.segment) > 1)
             member.attached = true;
         else if (is_dead(member))
-            remove(i, "its process is gone");
+            hide(i, "its process is gone");
     }
 }
 

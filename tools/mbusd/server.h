@@ -27,8 +27,10 @@ public:
     // Takes over clients that live on from a server that died, and removes the rest of it.
     void adopt();
     void handle(const Command &command);
-    // Removes clients that died.
+    // Hides clients that died; to be followed by the queued commands and remove_hidden().
     void reap();
+    // Removes those that died or unregistered and whose name nobody has registered since.
+    void remove_hidden();
     // Removes all clients.
     void close();
 
@@ -53,7 +55,8 @@ private:
         int segment = -1;
         pid_t pid = 0;
         uint64_t since_ms = 0;
-        bool attached = false; // its process was seen attached
+        bool attached = false;         // its process was seen attached
+        const char *leaving = nullptr; // why it is to be removed
         // The packet in hand and those that have not got it yet, for want of room.
         const mbus_pkg *held = nullptr;
         mbus_pkg outgoing{};
@@ -79,7 +82,10 @@ private:
     bool make_way(const Command &command, int key);
     void add(const Command &command);
     void enter(size_t index, const std::string &name, int key, pid_t pid);
+    void deliver_rest(size_t index);
     void remove(size_t index, const char *why);
+    void hide(size_t index, const char *why);
+    void pass_on(size_t index, pid_t pid);
     void adopt(size_t index);
     void forget_targets();
 
