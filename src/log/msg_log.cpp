@@ -3,6 +3,7 @@
 #include "base/text.h"
 #include "log/cli_file.h"
 #include "log/message.h"
+#include "log/time_text.h"
 
 #include <algorithm>
 #include <array>
@@ -122,11 +123,13 @@ SecondText second_text = {};
 size_t append_timestamp(char *out)
 {
     const time_t now = time(nullptr);
-    if (__atomic_exchange_n(&second_text.busy, 1, __ATOMIC_ACQUIRE) != 0)
-        return strlen(str_timestamp(now, out, TIMESTAMP_SIZE));
+    if (__atomic_exchange_n(&second_text.busy, 1, __ATOMIC_ACQUIRE) != 0) {
+        qz::log::format_time(now, {out, TIMESTAMP_SIZE});
+        return strlen(out);
+    }
     if (second_text.second != now) {
         second_text.second = now;
-        str_timestamp(now, second_text.text, TIMESTAMP_SIZE);
+        qz::log::format_time(now, second_text.text);
     }
     const size_t length = strlen(second_text.text);
     memcpy(out, second_text.text, length);
@@ -177,6 +180,18 @@ void emit_to_syslog(const Level &level, const char *module, int line, Message &m
 
 } // namespace
 
+void qz::log::format_time(int64_t seconds, std::span<char> out)
+{
+    const auto when = static_cast<time_t>(seconds == 0 ? time(nullptr) : seconds);
+    struct tm local {
+    };
+    tzset();                    // localtime_r() alone may keep the zone that the process started with
+    localtime_r(&when, &local); // not localtime(): any thread may log
+    std::array<char, 64> text;
+    const size_t length = strftime(text.data(), text.size(), "%Y-%m-%d %X", &local);
+    qz::base::copy_text(out, {text.data(), length});
+}
+
 void qz::log::log_message(int level, const char *module, int line, const char *format, va_list arguments)
 {
     const ErrnoKeeper keeper; // callers look at errno after they logged
@@ -224,23 +239,6 @@ QZ_EXPORT void debug_msg(int level, const char *module, int line, const char *fo
     va_start(arguments, format);
     qz::log::log_message(level, module, line, format, arguments);
     va_end(arguments);
-}
-
-QZ_EXPORT char *str_timestamp(time_t t, char *buf, int size)
-{
-    if (size < 1)
-        return buf;
-    if (t == 0)
-        t = time(nullptr);
-    struct tm local {
-    };
-    tzset();                 // localtime_r() alone may keep the zone that the process started with
-    localtime_r(&t, &local); // not localtime(): any thread may log
-    std::array<char, 64> text;
-    const size_t length = strftime(text.data(), text.size(), "%Y-%m-%d %X", &local);
-    qz::base::copy_text({buf, static_cast<size_t>(size)}, {text.data(), length});
-    buf[size - 1] = '\0';
-    return buf;
 }
 
 QZ_EXPORT int reset_file_size(const char *path, int max_size)

@@ -5,6 +5,9 @@
 #include <qzlib.h>
 
 #include <sstream>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/syscall.h>
 
 namespace
 {
@@ -19,6 +22,18 @@ void configure(const std::string &content)
     static time_t mtime = 1'000'000'000;
     write_file(CLI_CONF, content);
     set_mtime(CLI_CONF, ++mtime);
+}
+
+// A modification time in 2040, which does not fit this program's time_t on a 32-bit machine.
+void set_mtime_of_2040(const char *path)
+{
+#ifdef SYS_utimensat_time64
+    constexpr long CALL = SYS_utimensat_time64;
+#else
+    constexpr long CALL = SYS_utimensat;
+#endif
+    const int64_t times[] = {2'208'988'800, 0, 2'208'988'800, 0};
+    ASSERT_EQ(syscall(CALL, AT_FDCWD, path, times, 0), 0);
 }
 
 // Which of the five levels come through, as digits.
@@ -79,6 +94,19 @@ TEST_F(FileLog, an_edit_that_keeps_the_modification_time_is_not_seen)
     EXPECT_EQ(edit("error", 5000), "34");
     EXPECT_EQ(edit("debug", 5000), "34");
     EXPECT_EQ(edit("debug", 4999), "01234"); // any other time is a change
+}
+
+TEST_F(FileLog, files_of_after_2038_are_like_any_others)
+{
+    configure("log msg-level error\n");
+    EXPECT_EQ(emitted_levels(), "34");
+    write_file(CLI_CONF, "log msg-level debug\n");
+    set_mtime_of_2040(CLI_CONF);
+    EXPECT_EQ(emitted_levels(), "01234");
+    write_file(LOG, std::string(204800, 'o'));
+    set_mtime_of_2040(LOG);
+    debug_msg(3, nullptr, 0, "fresh");
+    EXPECT_LT(read_file(LOG).size(), 100U);
 }
 
 TEST_F(FileLog, line_is_time_level_ident_and_message)
@@ -213,6 +241,7 @@ TEST(Timestamp, is_local_time_cut_to_the_buffer)
     char buffer[32];
     setenv("TZ", "UTC0", 1);
     EXPECT_STREQ(str_timestamp(86400, buffer, sizeof buffer), "1970-01-02 00:00:00");
+    EXPECT_STREQ(str_timestamp(0x7fffffff, buffer, sizeof buffer), "2038-01-19 03:14:07");
     setenv("TZ", "XYZ-3", 1); // a change of the zone is followed
     memset(buffer, '#', sizeof buffer);
     EXPECT_EQ(str_timestamp(86400, buffer, sizeof buffer), buffer);

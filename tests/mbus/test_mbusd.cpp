@@ -1,4 +1,5 @@
 #include "mbus/bus_box.h"
+#include "support/scale.h"
 
 #include <algorithm>
 #include <chrono>
@@ -23,7 +24,7 @@ constexpr const char *OUT = "/tmp/mbusd.out";
 template <typename Condition>
 bool happens(Condition condition, milliseconds limit = milliseconds(5000))
 {
-    const auto end = Clock::now() + limit;
+    const auto end = Clock::now() + patient(limit);
     while (!condition()) {
         if (Clock::now() > end)
             return false;
@@ -80,7 +81,7 @@ struct Board {
     volatile int ready[64];
     volatile int stop;
     volatile long rounds;
-    volatile long longest_us;
+    volatile int64_t longest_us;
 };
 Board *new_board()
 {
@@ -206,6 +207,25 @@ TEST(Mbusd, refuses_what_is_taken_or_malformed)
     holder.kill();
 }
 
+// On a slow machine a daemon may try again while the server has its first attempt before it.
+TEST(Mbusd, keeps_the_record_of_a_process_that_registers_again_before_it_attached)
+{
+    const Mbusd mbusd;
+    const std::string registration = std::string("\1\0\0\0hasty", 9) + std::string(27, '\0');
+    const int key = qzlib_mbus_name_to_key("hasty");
+    send_control(registration);
+    ASSERT_TRUE(happens([=] { return shmget(key, 0, 0) >= 0; }));
+    const int segment = shmget(key, 0, 0);
+    send_control(registration);
+    send_control("the end");
+    ASSERT_TRUE(happens([] { return logged("refused a datagram of 7 bytes"); }));
+    EXPECT_EQ(shmget(key, 0, 0), segment);
+    connect_as("hasty");
+    EXPECT_EQ(qzlib_mbus_write(nullptr, 1, "hasty", "to myself", 9), 9);
+    EXPECT_EQ(next_packet(), "1 hasty to myself");
+    qzlib_disconnect_mbus_server();
+}
+
 TEST(Mbusd, frees_what_a_killed_client_held_and_lets_it_return_at_once)
 {
     const Mbusd mbusd;
@@ -235,7 +255,8 @@ TEST(Mbusd, frees_what_a_killed_client_held_and_lets_it_return_at_once)
     ASSERT_EQ(other.wait(), 0);
     EXPECT_TRUE(happens([] { return shared_segments() == 1; }));
     const RawSegment table(SHARE_KEY);
-    EXPECT_EQ(std::string(table.at(48), 8400), std::string(8400, '\0')) << "all records are free";
+    const std::string free_records(8400, '\0'); // the server clears a record after its segment
+    EXPECT_TRUE(happens([&] { return memcmp(table.at(48), free_records.data(), 8400) == 0; }));
 }
 
 // The client is not told when the server has read its commands: it finds its old record, and
@@ -375,7 +396,7 @@ TEST(Mbusd, loses_nothing_to_a_slow_receiver_and_does_not_wait_for_a_stopped_one
             send("receiver", i); // who no longer reads
         send("sender", 1);
         EXPECT_NE(qzlib_mbus_read_pkg(nullptr, 0), nullptr);
-        EXPECT_LT(Clock::now() - start, milliseconds(1000));
+        EXPECT_LT(Clock::now() - start, patient(milliseconds(1000)));
     });
     const_cast<Child &>(sender).wait();
     receiver.kill();
@@ -455,7 +476,7 @@ private:
                 ASSERT_TRUE(strncmp(pkg->name, "caller", 64) == 0 || payload(pkg) == "noise");
             } while (strncmp(pkg->name, "caller", 64) != 0);
             ASSERT_EQ(payload(pkg), text);
-            const auto took =
+            const int64_t took =
                 std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
             if (took > board->longest_us)
                 board->longest_us = took;
@@ -488,7 +509,8 @@ void live(bool whole_life)
     _exit(0);
 }
 
-// Runs a victim for so many steps and kills it. False when it ended by itself before.
+// Runs a victim for so many steps and kills it. False when it ended by itself before. MIPS
+// knows no single instructions as steps: there they are microseconds.
 bool kill_after(long steps, bool whole_life)
 {
     const pid_t pid = fork();
@@ -497,14 +519,18 @@ bool kill_after(long steps, bool whole_life)
     int status = 0;
     waitpid(pid, &status, 0);
     for (long i = 0; i < steps && WIFSTOPPED(status); ++i) {
-        ptrace(whole_life ? PTRACE_SYSCALL : PTRACE_SINGLESTEP, pid, nullptr, nullptr);
+        if (ptrace(whole_life ? PTRACE_SYSCALL : PTRACE_SINGLESTEP, pid, nullptr, nullptr) != 0) {
+            ptrace(PTRACE_CONT, pid, nullptr, nullptr);
+            usleep(static_cast<useconds_t>(steps));
+            break;
+        }
         waitpid(pid, &status, 0);
     }
     if (!WIFSTOPPED(status))
         return false;
     kill(pid, SIGKILL);
     waitpid(pid, &status, 0);
-    return true;
+    return WIFSIGNALED(status);
 }
 
 TEST(Mbusd, nobody_notices_a_client_killed_at_any_system_call_or_instruction)
@@ -527,7 +553,7 @@ TEST(Mbusd, nobody_notices_a_client_killed_at_any_system_call_or_instruction)
         const long rounds = board->rounds;
         EXPECT_TRUE(happens([=] { return board->rounds > rounds + 10; }));
     }
-    EXPECT_LT(board->longest_us, 2'000'000);
+    EXPECT_LT(board->longest_us, patient(int64_t{2'000'000}));
     EXPECT_TRUE(happens([] { return shared_segments() == 1; }));
 }
 

@@ -64,9 +64,92 @@ TEST(Write, fills_a_slot_to_the_byte)
     EXPECT_EQ(*segment.at(DOWN_RING), 1);
     EXPECT_EQ(segment.word(DOWN_RING + 68), 4096U);
     EXPECT_EQ(std::string(segment.at(DOWN_RING + 76), 4096), text);
-    const mbus_pkg *read = qzlib_mbus_read_pkg(server.record(0), 1);
-    EXPECT_EQ(segment.word(72), static_cast<uint32_t>(reinterpret_cast<uintptr_t>(read->data)));
+    EXPECT_NE(qzlib_mbus_read_pkg(server.record(0), 1), nullptr);
     EXPECT_EQ(share.counter(record_at(0) + 64), 7U);
+}
+
+// The bytes of an unsigned number in the formats, whatever machine this is.
+std::string number(uint64_t value, size_t size)
+{
+    std::string bytes;
+    for (size_t i = 0; i < size; ++i)
+        bytes += static_cast<char>(value >> (8 * i));
+    return bytes;
+}
+
+std::string padded(std::string text, size_t size)
+{
+    text.resize(size, '\0');
+    return text;
+}
+
+// One machine writes these bytes and another one reads them, so every machine is held to both.
+// Left out are the fields that hold addresses, and libc's condition.
+TEST(Format, of_record_and_ring_is_the_same_on_every_machine)
+{
+    const std::string slot = "\3" + padded("topic", 64) + padded("", 3) + number(5, 4);
+    const std::string record_middle = number(1, 4) + number(0, 4) + number(1, 4) + number(0, 4) +
+                                      number(5, 8) + number(3'000'000'000'000, 8) + number(5, 8) +
+                                      number(5, 8) + number(0, 16);
+    ServerEnd server;
+    mbus_client *record = server.add("demo");
+    const RawSegment share(SHARE_KEY);
+    const RawSegment segment(qzlib_mbus_name_to_key("demo"));
+    const auto put_foreign_packet = [&](size_t ring, size_t write_index) {
+        const std::string foreign = slot + number(0x7715104D, 4) + "hello";
+        memcpy(segment.at(ring), foreign.data(), foreign.size());
+        memcpy(share.at(record_at(0) + write_index), number(1, 4).data(), 4);
+    };
+    const auto expect_packet = [](const mbus_pkg *pkg) {
+        ASSERT_EQ(payload(pkg), "hello");
+        EXPECT_EQ(pkg->type, 3);
+        EXPECT_EQ(std::string(pkg->name, 64), padded("topic", 64));
+    };
+    Child client([&] {
+        connect_as("demo");
+        EXPECT_EQ(qzlib_mbus_write(nullptr, 3, "topic", "hello", 5), 5);
+        put_foreign_packet(DOWN_RING, DOWN_WRITE);
+        expect_packet(qzlib_mbus_read_pkg(nullptr, 1));
+        EXPECT_EQ(qzlib_client_set_flag(0x80402000), 0);
+    });
+    ASSERT_EQ(client.wait(), 0);
+    EXPECT_EQ(std::string(segment.at(0), 72), slot);
+    EXPECT_EQ(std::string(segment.at(76), 5), "hello");
+    put_foreign_packet(0, UP_WRITE);
+    expect_packet(qzlib_mbus_read_pkg(record, 1));
+    record->server_offered = 3'000'000'000'000;
+    EXPECT_EQ(std::string(share.at(record_at(0)), 32), padded("demo", 32));
+    EXPECT_EQ(std::string(share.at(record_at(0) + 48), 64), record_middle);
+    EXPECT_EQ(std::string(share.at(record_at(0) + 160), 4), number(0x80402001, 4));
+}
+
+// The words of the handle, and where a packet is handed out: the two things in which machines differ.
+TEST(Format, has_addresses_where_addresses_have_32_bits)
+{
+    ServerEnd server;
+    mbus_client *record = server.add("demo");
+    const Child client([] {
+        connect_as("demo");
+        EXPECT_EQ(qzlib_mbus_write_data("hello", 5), 5);
+    });
+    ASSERT_EQ(const_cast<Child &>(client).wait(), 0);
+    const RawSegment segment(qzlib_mbus_name_to_key("demo"));
+    const mbus_pkg *pkg = qzlib_mbus_read_pkg(record, 1);
+    const auto *payload = static_cast<const char *>(pkg->data);
+    const mbus_seg_handle &handle = record->server_handle;
+    EXPECT_EQ(segment.word(72), static_cast<uint32_t>(reinterpret_cast<uintptr_t>(payload)));
+    if constexpr (sizeof(void *) == sizeof(uint32_t)) {
+        const auto *base = reinterpret_cast<const volatile char *>(uintptr_t{handle.address});
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(pkg), handle.up_ring);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(payload), handle.up_ring + 76);
+        EXPECT_EQ(handle.up_ring, handle.address);
+        EXPECT_EQ(handle.down_ring, handle.address + DOWN_RING);
+        *segment.at(DOWN_RING + 99) = '#';
+        EXPECT_EQ(base[DOWN_RING + 99], '#') << "the same memory";
+    } else {
+        EXPECT_NE(handle.address, 0U);
+        EXPECT_EQ(handle.up_ring + handle.down_ring, 0U);
+    }
 }
 
 TEST(Write, refuses_bad_packets_uncounted)
@@ -316,7 +399,7 @@ TEST(Bus, wakes_a_blocking_reader_every_time)
         await([&] { return qzlib_mbus_read_pkg(record, 1) != nullptr; });
         longest = std::max(longest, Clock::now() - start);
     }
-    EXPECT_LT(longest, std::chrono::milliseconds(500));
+    EXPECT_LT(longest, patient(std::chrono::milliseconds(500)));
 }
 
 // A peer that knows pthread_cond_wait() and nothing of ours: no limit on its wait, and its
@@ -399,7 +482,7 @@ TEST(Bus, is_woken_by_a_plain_server)
         pthread_cond_signal(share.condition(record_at(0) + DOWN_CONDITION));
         await([&] { return share.word(record_at(0) + DOWN_READ) == (slot + 1) % 64; });
     }
-    EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(ROUNDS) * support::slowness())
+    EXPECT_LT(Clock::now() - start, patient(std::chrono::milliseconds(ROUNDS)))
         << "woken, not found by a timeout";
 }
 
@@ -422,7 +505,8 @@ TEST(Bus, packet_without_any_signal_is_late_by_no_more_than_the_ring_was_idle)
         const auto start = Clock::now();
         __atomic_store_n(&record->down_write, ++slot, __ATOMIC_RELEASE);
         await([&] { return segment.word(DOWN_RING + (slot - 1) * SLOT + 72) != 0; });
-        EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(std::min(idle_ms, 1000) + 200));
+        EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(std::min(idle_ms, 1000)) +
+                                            patient(std::chrono::milliseconds(200)));
     }
 }
 
@@ -449,7 +533,7 @@ TEST(Bus, does_not_hang_on_a_spoilt_condition)
         const auto start = Clock::now();
         ASSERT_EQ(qzlib_mbus_write(record, 0, nullptr, "x", 1), 1);
         await([&] { return qzlib_mbus_read_pkg(record, 1) != nullptr; });
-        ASSERT_LT(Clock::now() - start, std::chrono::milliseconds(1900));
+        ASSERT_LT(Clock::now() - start, patient(std::chrono::milliseconds(1900)));
     }
 }
 
@@ -532,7 +616,7 @@ TEST(Bus, server_goes_on_when_a_client_is_killed)
         const auto kill_time = Clock::now();
         ASSERT_EQ(qzlib_mbus_write(other, 0, nullptr, "ping", 4), 4);
         await([&] { return qzlib_mbus_read_pkg(other, 1) != nullptr; });
-        ASSERT_LT(Clock::now() - kill_time, std::chrono::seconds(2));
+        ASSERT_LT(Clock::now() - kill_time, patient(std::chrono::seconds(2)));
     }
 }
 

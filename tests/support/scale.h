@@ -20,4 +20,11 @@ Count scaled(Count rounds)
     return std::max<Count>(rounds / static_cast<Count>(slowness()), 1);
 }
 
+// A limit that tells a hang from waiting: longer on a slow machine.
+template <typename Duration>
+Duration patient(Duration limit)
+{
+    return limit * slowness();
+}
+
 } // namespace support

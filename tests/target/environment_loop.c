@@ -1,7 +1,7 @@
-/* Sets the boot environment over and over until the power is cut: environment_loop ROUNDS
- * Says what it finds, then "set N" each time that round N is on the flash. Every round writes
- * two variables, each as long as several flash pages and made of the round's number alone, so
- * that a block put together from two rounds shows. */
+/* Sets the boot environment over and over, perhaps until the power is cut: environment_loop ROUNDS
+ * Says what it finds, then "set N" each time that round N is on the flash. A round writes one of
+ * two variables, as long as several flash pages and made of the round's number alone, so that
+ * a block put together from two rounds shows: such a value is "found -1". */
 #include <qzlib.h>
 
 #include <stdio.h>
@@ -22,15 +22,22 @@ static int set_round(int round)
 static int number_of(const char *name)
 {
     int number = 0;
-    if (qzlib_get_boot_env(name, text, sizeof text) == 0)
-        sscanf(text, "%8d", &number);
-    return number;
+    int i;
+    if (qzlib_get_boot_env(name, text, sizeof text) != 0)
+        return 0;
+    sscanf(text, "%8d", &number);
+    for (i = DIGITS; i < REPEATS * DIGITS; ++i)
+        if (text[i] != text[i - DIGITS])
+            return -1;
+    return text[i] == '\0' ? number : -1;
 }
 
 static int last_round(void)
 {
     int even = number_of("even");
     int odd = number_of("odd");
+    if (even < 0 || odd < 0)
+        return -1;
     return even > odd ? even : odd;
 }
 
@@ -40,6 +47,8 @@ int main(int argc, char **argv)
     int end = round + (argc > 1 ? atoi(argv[1]) : 1000);
     setvbuf(stdout, NULL, _IONBF, 0);
     printf("found %d\n", round);
+    if (round < 0)
+        return 1;
     while (++round <= end) {
         if (set_round(round) != 0)
             return 1;

@@ -221,7 +221,7 @@ private:
 
     void take_commands()
     {
-        if (control_ready == 0)
+        if (control_ready == 0 && !server_.has_hidden())
             return;
         control_ready = 0;
         std::optional<Command> command;
@@ -233,6 +233,7 @@ private:
                 return;
             }
         }
+        server_.remove_hidden();
     }
 
     void run_timers()

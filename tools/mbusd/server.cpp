@@ -172,6 +172,26 @@ bool Server::is_done(size_t index) const
            now_ms() - members_[index].since_ms > LEAVE_PATIENCE_MS;
 }
 
+// To be removed once the control queue was read to its end. A daemon that has found the record
+// had registered before: its registration is in the queue, and renews the record.
+void Server::hide(size_t index)
+{
+    members_[index].hidden = true;
+    __atomic_store_n(&record(index).name[0], '\0', __ATOMIC_SEQ_CST);
+}
+
+bool Server::has_hidden() const
+{
+    return std::any_of(members_.begin(), members_.end(), [](const Member &m) { return m.hidden; });
+}
+
+void Server::remove_hidden()
+{
+    for (size_t i = 0; i < CLIENTS; ++i)
+        if (members_[i].hidden)
+            remove(i);
+}
+
 // Hands on what there is room for, and forgets the rest.
 void Server::flush(size_t index)
 {
@@ -235,6 +255,7 @@ void Server::renew(size_t index, pid_t pid)
         member.outgoing = before.outgoing;
         member.waiting = before.waiting;
     }
+    show_name(record(index), member.name);
 }
 
 // Whether a name or key is to be had of its holder. A process that registers again has lost its
@@ -489,8 +510,10 @@ Server::Progress Server::serve(size_t index)
     Progress progress = {false, false};
     if (members_[index].used() && differ(record(index).up_write, record(index).up_read))
         progress = route_from(index);
-    if (members_[index].leaving != nullptr && is_done(index))
-        remove(index);
+    if (members_[index].leaving != nullptr && is_done(index)) {
+        hide(index);
+        progress.moved = true;
+    }
     return progress;
 }
 

@@ -29,6 +29,10 @@ public:
     void handle(const Command &command);
     // Lets clients go that died.
     void reap();
+    // Clients that left and whose packets are handed on: to be removed after the control queue
+    // was read to its end.
+    [[nodiscard]] bool has_hidden() const;
+    void remove_hidden();
     // Removes all clients.
     void close();
 
@@ -55,6 +59,7 @@ private:
         uint64_t since_ms = 0;         // of registering, or of leaving
         bool attached = false;         // its process was seen attached
         const char *leaving = nullptr; // why it is removed once all that it sent is handed on
+        bool hidden = false;           // which has come to pass
         // The packet in hand and those that have not got it yet, for want of room.
         const mbus_pkg *held = nullptr;
         mbus_pkg outgoing{};
@@ -87,6 +92,7 @@ private:
     void renew(size_t index, pid_t pid);
     void leave(size_t index, const char *why);
     [[nodiscard]] bool is_done(size_t index) const;
+    void hide(size_t index);
     void flush(size_t index);
     void remove(size_t index);
     void adopt(size_t index);
