@@ -6,10 +6,9 @@
 // on long buffers in four parallel lanes: a round waits for its loads and one register is
 // one chain of rounds, so a single lane leaves most of the processor idle.
 //
-// 32-bit machines go byte by byte with one table. On the router's in-order MIPS core that takes
-// 10 instructions a byte, where four tables would take 6; but they would be 3 KiB more in a
-// library of 64, and in a cache of 16 to 32 KiB. What is summed there is the boot environment
-// before it is written to flash, beside which 128 KiB of it do not count.
+// 32-bit machines go by half bytes with one table of 64 bytes. A table for whole bytes would be
+// 1 KiB in a library of 64, and in a cache of 16 to 32 KiB. What is summed there is the boot
+// environment before it is written to flash, beside which 128 KiB of it do not count.
 //
 // The tables are made by the compiler: read-only pages shared by all daemons, no first call
 // to get right between threads. Words are loaded with memcpy(), so any alignment will do.
@@ -28,12 +27,13 @@ constexpr uint32_t POLYNOMIAL = 0xEDB88320U;
 constexpr uint32_t REGISTER_START = 0xFFFFFFFFU;
 
 constexpr size_t WORD_SIZE = sizeof(void *) == 8 ? 8 : 1;
+constexpr unsigned TABLE_BITS = sizeof(void *) == 8 ? 8 : 4; // looked up at once
 
 // A word's first byte must be its lowest: it meets the register's low end.
 static_assert(std::endian::native == std::endian::little);
 
-// tables[n][byte]: what a byte leaves in the register when n zero bytes follow it.
-using Tables = std::array<std::array<uint32_t, 256>, WORD_SIZE>;
+// tables[n][bits]: what these low bits leave in the register when n zero bytes follow them.
+using Tables = std::array<std::array<uint32_t, 1U << TABLE_BITS>, WORD_SIZE>;
 
 constexpr uint32_t shift_bit(uint32_t value)
 {
@@ -43,11 +43,11 @@ constexpr uint32_t shift_bit(uint32_t value)
 constexpr Tables make_tables()
 {
     Tables tables{};
-    for (uint32_t byte = 0; byte < 256; ++byte) {
-        uint32_t value = byte;
-        for (int bit = 0; bit < 8; ++bit)
+    for (uint32_t bits = 0; bits < tables[0].size(); ++bits) {
+        uint32_t value = bits;
+        for (unsigned bit = 0; bit < TABLE_BITS; ++bit)
             value = shift_bit(value);
-        tables[0][byte] = value;
+        tables[0][bits] = value;
     }
     for (size_t n = 1; n < tables.size(); ++n)
         for (size_t byte = 0; byte < 256; ++byte) {
@@ -58,11 +58,14 @@ constexpr Tables make_tables()
 }
 
 constexpr Tables TABLES = make_tables();
-static_assert(sizeof TABLES <= 8192 && TABLES[0][1] == 0x77073096U && TABLES[0][255] == 0x2D02EF8DU);
+static_assert(TABLES[0][1] == (TABLE_BITS == 8 ? 0x77073096U : 0x1DB71064U));
 
 uint32_t feed_byte(uint32_t reg, unsigned char byte)
 {
-    return TABLES[0][(reg ^ byte) & 0xFFU] ^ (reg >> 8);
+    reg ^= byte;
+    for (unsigned bits = 0; bits < 8; bits += TABLE_BITS)
+        reg = TABLES[0][reg % TABLES[0].size()] ^ (reg >> TABLE_BITS);
+    return reg;
 }
 
 uint32_t load32(const unsigned char *data)

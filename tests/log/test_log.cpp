@@ -4,9 +4,9 @@
 
 #include <qzlib.h>
 
-#include <sstream>
 #include <cerrno>
 #include <fcntl.h>
+#include <sstream>
 #include <sys/syscall.h>
 
 namespace
