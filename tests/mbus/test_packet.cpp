@@ -90,7 +90,7 @@ TEST(Format, of_record_and_ring_is_the_same_on_every_machine)
     const std::string slot = "\3" + padded("topic", 64) + padded("", 3) + number(5, 4);
     const std::string record_middle = number(1, 4) + number(0, 4) + number(1, 4) + number(0, 4) +
                                       number(5, 8) + number(3'000'000'000'000, 8) + number(5, 8) +
-                                      number(5, 8) + number(0, 16);
+                                      number(5, 8) + padded("", 16);
     ServerEnd server;
     mbus_client *record = server.add("demo");
     const RawSegment share(SHARE_KEY);
