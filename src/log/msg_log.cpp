@@ -137,13 +137,6 @@ size_t append_timestamp(char *out)
     return length;
 }
 
-char *append(char *out, const char *text)
-{
-    const size_t length = strlen(text);
-    memcpy(out, text, length);
-    return out + length;
-}
-
 // One line, one write: lines of several threads and processes do not mix. The module and the
 // line number are not written to files.
 void emit_to_file(const Level &level, Message &message)
@@ -159,8 +152,8 @@ void emit_to_file(const Level &level, Message &message)
     *end++ = '[';
     end += append_timestamp(end);
     *end++ = ']';
-    end = append(end, level.file_prefix);
-    end = append(end, msg_log_state.ident);
+    end = stpcpy(end, level.file_prefix);
+    end = stpcpy(end, msg_log_state.ident);
     *end++ = ':';
     end += format_message({end, line + sizeof line - 1}, message);
     *end++ = '\n';

@@ -11,11 +11,7 @@ namespace
 
 using namespace support;
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-const uint32_t ROUNDS = support::scaled(5000U);
-#else
-const uint32_t ROUNDS = support::scaled(100'000U);
-#endif
+const uint32_t ROUNDS = scaled(100'000U);
 
 // What the callback of a client saw; it may be held up.
 struct Seen {

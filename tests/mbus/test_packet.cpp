@@ -13,12 +13,8 @@ namespace
 using namespace support;
 using Clock = std::chrono::steady_clock;
 
-// Sanitizers and loaded machines: what is counted, not what is timed, shrinks with them.
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-const int ROUNDS = support::scaled(2000);
-#else
-const int ROUNDS = support::scaled(20000);
-#endif
+// What is counted, not what is timed, shrinks on slow machines.
+const int ROUNDS = scaled(20000);
 
 // Looks hard for a moment, to meet the races, and then leaves the processor to others.
 template <typename Condition>
