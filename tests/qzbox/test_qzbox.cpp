@@ -83,7 +83,7 @@ TEST_F(Qzbox, nothing_is_left_behind)
     const std::string looks = "cat /proc/self/mounts /proc/sysvipc/shm\n"
                               "ls -d /tmp/qzbox_left /run/qzbox_left /dev/shm/qzbox_left /qzbox_left\n";
     const std::string before = host(looks);
-    EXPECT_NE(before.find("cannot access '/qzbox_left'"), std::string::npos);
+    EXPECT_NE(before.find("No such file or directory"), std::string::npos);
     // The sleeper holds the output pipe: reading to its end proves that it is gone.
     EXPECT_EQ(box("touch /tmp/qzbox_left /run/qzbox_left /dev/shm/qzbox_left /qzbox_left\n"
                   "ipcmk -M 4096 >/dev/null; sleep 600 &",

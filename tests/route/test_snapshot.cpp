@@ -1,5 +1,6 @@
 #include "support/box.h"
 #include "support/case.h"
+#include "support/scale.h"
 
 #include <qzlib.h>
 
@@ -174,7 +175,7 @@ TEST_F(Snapshot, of_a_hundred_rules_while_routes_change)
         }
         pclose(ip);
     });
-    for (int round = 0; round < 5; ++round) {
+    for (int round = 0; round < scaled(5); ++round) {
         const Lines lines = snapshot();
         EXPECT_GE(lines.size(), 1000U);
         for (const std::string &line : lines) {
