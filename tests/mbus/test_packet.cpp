@@ -581,39 +581,4 @@ TEST(Bus, survives_hostile_shared_memory)
     EXPECT_LT(drained, 1'000'000);
 }
 
-TEST(Bus, server_goes_on_when_a_client_is_killed)
-{
-    ServerEnd server;
-    mbus_client *doomed = server.add("doomed");
-    mbus_client *other = server.add("other");
-    Child survivor([] {
-        connect_as("other");
-        for (int i = 0; i < 50; ++i) {
-            ASSERT_EQ(payload(qzlib_mbus_read_pkg(nullptr, 0)), "ping");
-            ASSERT_EQ(qzlib_mbus_write_data("pong", 4), 4);
-        }
-    });
-    await_connected(other);
-    for (int i = 0; i < 50; ++i) {
-        Child client([] {
-            connect_as("doomed");
-            for (;;) {
-                qzlib_mbus_write_data("noise", 5);
-                (void)qzlib_mbus_read_pkg(nullptr, 0);
-            }
-        });
-        const auto start = Clock::now();
-        while (Clock::now() - start < std::chrono::microseconds(15'000 + i * 97)) {
-            const mbus_pkg *pkg = qzlib_mbus_read_pkg(doomed, 1);
-            ASSERT_TRUE(pkg == nullptr || payload(pkg) == "noise");
-            qzlib_mbus_write(doomed, 0, nullptr, "go", 2);
-        }
-        client.kill();
-        const auto kill_time = Clock::now();
-        ASSERT_EQ(qzlib_mbus_write(other, 0, nullptr, "ping", 4), 4);
-        await([&] { return qzlib_mbus_read_pkg(other, 1) != nullptr; });
-        ASSERT_LT(Clock::now() - kill_time, patient(std::chrono::seconds(2)));
-    }
-}
-
 } // namespace
