@@ -92,9 +92,7 @@ Node *make_node(const mbus_pkg &pkg, uint32_t length)
     auto *node = reinterpret_cast<Node *>(block + length);
     node->length = length;
     node->type = pkg.type;
-    const size_t name_length = strnlen(pkg.name, sizeof node->name);
-    memcpy(node->name, pkg.name, name_length);
-    memset(node->name + name_length, 0, sizeof node->name - name_length);
+    qz::base::fill_field(node->name, pkg.name);
     return node;
 }
 
