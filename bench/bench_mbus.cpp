@@ -5,6 +5,7 @@
 // Everything is measured in one run, interleaved, and compared by medians. The bus is
 // measured in both directions: down, the client waiting in qzlib_mbus_read_pkg(), and up, the
 // server waiting as mbusd does. Runs in a box, whose /tmp/mbus.sock and shared memory it uses.
+#include "patience.h"
 #include "up_condition.h"
 
 #include <benchmark/benchmark.h>
@@ -128,18 +129,19 @@ void write_packets(mbus_client *record, int size, int count)
 // As mbusd waits for packets in the up rings.
 mbus_pkg *read_up()
 {
+    static mbusd::Patience patience;
+    const auto has_packet = [] {
+        return __atomic_load_n(&server->record->up_write, __ATOMIC_SEQ_CST) != server->record->up_read;
+    };
     for (;;) {
         mbus_pkg *pkg = qzlib_mbus_read_pkg(server->record, 1);
         if (pkg != nullptr)
             return pkg;
-        const auto is_empty = [] {
-            return __atomic_load_n(&server->record->up_write, __ATOMIC_SEQ_CST) == server->record->up_read;
-        };
-        sched_yield();
-        if (!is_empty())
+        patience.spend(has_packet);
+        if (has_packet())
             continue;
         up_condition->begin();
-        if (is_empty())
+        if (!has_packet())
             (void)up_condition->sleep(1000);
         up_condition->end();
     }

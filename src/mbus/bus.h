@@ -72,6 +72,13 @@ static_assert(offsetof(mbus_client, reserved) == 164);
 static_assert(sizeof(mbus_share_segment) == QZLIB_MBUS_SHARE_SIZE);
 static_assert(offsetof(mbus_share_segment, clients) == 48 && offsetof(mbus_share_segment, server) == 8448);
 
+// What a reader has learnt about giving the processor away before it sleeps.
+struct Patience {
+    unsigned direct_sleeps;  // waits that are not to give it away
+    unsigned waits_unpolled; // waits that are to give it away only once
+    unsigned backoff;        // how many those were to be last
+};
+
 // This process's attachment of a client segment: of its own as a client, or of one of the
 // clients as bus server. The addresses used are always these, never those in shared memory.
 struct Attachment {
@@ -79,10 +86,10 @@ struct Attachment {
     char *base;             // null: not attached
     mbus_seg_handle handle; // what stands for it in the record, or in the own handle
     uint32_t handed_out;    // slot that was handed out last; SLOTS for none
-    unsigned direct_sleeps; // waits that are not to give the processor away first
-    unsigned wait_ms;       // bound of the next wait, own attachment only
-    SignalMemory signals;   // of the condition that this side signals
-    mbus_pkg header;        // handed out in place of the slot where addresses are wide
+    Patience patience;
+    unsigned wait_ms;     // bound of the next wait, own attachment only
+    SignalMemory signals; // of the condition that this side signals
+    mbus_pkg header;      // handed out in place of the slot where addresses are wide
 
     [[nodiscard]] Slot *up_ring() const { return reinterpret_cast<Slot *>(base); }
     [[nodiscard]] Slot *down_ring() const { return reinterpret_cast<Slot *>(base + QZLIB_MBUS_RING_SIZE); }

@@ -15,6 +15,8 @@ namespace
 constexpr uint8_t TYPES = 4;
 constexpr uint32_t YIELD_PATIENCE_US = 1000;
 constexpr unsigned DIRECT_SLEEPS = 500;
+constexpr uint32_t POLL_US = 50; // about what a sleep and a wake-up cost
+constexpr unsigned BACKOFF_MAX = 511;
 
 // What every packet goes through is kept in one piece, and what few go through out of it.
 #define PACKET_PATH [[gnu::always_inline]] inline
@@ -227,25 +229,48 @@ uint32_t monotonic_us()
     return static_cast<uint32_t>(now.tv_sec) * 1'000'000 + static_cast<uint32_t>(now.tv_nsec / 1000);
 }
 
-// Gives the processor away once before sleeping: on one core the writer then fills the ring,
-// and nobody has to be woken. That is good only while the processor soon comes back. Where
-// others compute, a sleeper that is woken gets it sooner than one who gave it away.
-void let_writer_run(Attachment &own)
+// Where the writer has a processor of its own its answer is often on the way, and waiting for
+// it is cheaper for both than a sleep and a wake-up. Every time in vain makes the next rarer,
+// so that a reader with little to do spends nothing.
+void await_answer(const Ring &ring, Patience &patience)
 {
-    if (own.direct_sleeps > 0) {
-        --own.direct_sleeps;
+    if (patience.waits_unpolled > 0) {
+        --patience.waits_unpolled;
+        return;
+    }
+    const uint32_t start = monotonic_us();
+    do {
+        sched_yield();
+        if (!is_empty(ring)) {
+            patience.backoff = 0;
+            return;
+        }
+    } while (monotonic_us() - start < POLL_US);
+    patience.backoff = std::min(patience.backoff * 2 + 1, BACKOFF_MAX);
+    patience.waits_unpolled = patience.backoff;
+}
+
+// Gives the processor away before sleeping: on one core the writer then fills the ring, and
+// nobody has to be woken. That is good only while the processor soon comes back. Where others
+// compute, a sleeper that is woken gets it sooner than one who gave it away.
+void let_writer_run(const Ring &ring, Patience &patience)
+{
+    if (patience.direct_sleeps > 0) {
+        --patience.direct_sleeps;
         return;
     }
     const uint32_t start = monotonic_us();
     sched_yield();
     if (monotonic_us() - start > YIELD_PATIENCE_US)
-        own.direct_sleeps = DIRECT_SLEEPS;
+        patience.direct_sleeps = DIRECT_SLEEPS;
+    else if (is_empty(ring))
+        await_answer(ring, patience);
 }
 
 // False when the process disconnects.
 bool wait_packet(const Ring &ring, mbus_client &client, Attachment &own)
 {
-    let_writer_run(own);
+    let_writer_run(ring, own.patience);
     while (is_empty(ring)) {
         const uint32_t ticket = begin_wait(client.down_cond);
         bool woken = true;

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <sched.h>
 #include <sys/ptrace.h>
+#include <sys/syscall.h>
 #include <thread>
 
 #include "support/scale.h"
@@ -334,17 +335,28 @@ TEST(Bus, carries_everything_in_both_directions_at_once)
     EXPECT_EQ(record->server_dropped, 0U);
 }
 
-// The system calls of a stopped child until its end.
-int count_system_calls(pid_t pid)
+// A child that is traced from its first stop on.
+void begin_trace(pid_t pid)
 {
-    int stops = 0;
+    waitpid(pid, nullptr, 0);
+    ptrace(PTRACE_SETOPTIONS, pid, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+}
+
+// Lets a stopped child go on until it stops itself or ends, and has a look at its system calls as
+// they begin and end. Its status.
+template <typename Look>
+int follow(pid_t pid, Look look)
+{
     int status = 0;
-    for (waitpid(pid, &status, 0); WIFSTOPPED(status); waitpid(pid, &status, 0)) {
-        stops += WSTOPSIG(status) == SIGTRAP ? 1 : 0;
+    do {
         ptrace(PTRACE_SYSCALL, pid, nullptr, nullptr);
-    }
-    EXPECT_EQ(status, 0);
-    return (stops + 1) / 2; // the last one does not return
+        waitpid(pid, &status, 0);
+        __ptrace_syscall_info call{};
+        if (WIFSTOPPED(status) && WSTOPSIG(status) == (SIGTRAP | 0x80) &&
+            ptrace(PTRACE_GET_SYSCALL_INFO, pid, sizeof call, &call) > 0)
+            look(call);
+    } while (WIFSTOPPED(status) && WSTOPSIG(status) != SIGSTOP);
+    return status;
 }
 
 TEST(Bus, makes_no_system_call_while_nobody_waits)
@@ -371,7 +383,21 @@ TEST(Bus, makes_no_system_call_while_nobody_waits)
         }
         _exit(done == 10'000 ? 0 : 1);
     }
-    EXPECT_LT(count_system_calls(client), 10) << "its exit, and what a sanitizer wants";
+    begin_trace(client);
+    int calls = 0;
+    EXPECT_EQ(follow(client, [&](auto &call) { calls += call.op == PTRACE_SYSCALL_INFO_ENTRY; }), 0);
+    EXPECT_LT(calls, 10) << "its exit, and what a sanitizer wants";
+}
+
+// What a writer does before each packet that is to meet a reader on its way to sleep: a pause of
+// up to 4 us. Every other time one so long that the reader does not learn to stay awake.
+void pause_a_moment(Pattern &random)
+{
+    const uint32_t chance = random.next();
+    const auto end = Clock::now() + (chance % 2 == 0 ? std::chrono::nanoseconds(chance / 2 % 4000)
+                                                     : std::chrono::microseconds(70));
+    while (Clock::now() < end) {
+    }
 }
 
 // One packet at a time to and fro: a lost wake-up with no limit on the wait hangs here, and
@@ -388,14 +414,73 @@ TEST(Bus, wakes_a_blocking_reader_every_time)
         }
     });
     await_connected(record);
+    Pattern random(4);
     Clock::duration longest{};
     for (int i = 0; i < ROUNDS; ++i) {
+        pause_a_moment(random);
         const auto start = Clock::now();
         ASSERT_EQ(qzlib_mbus_write(record, 0, nullptr, "ping", 4), 4);
         await([&] { return qzlib_mbus_read_pkg(record, 1) != nullptr; });
         longest = std::max(longest, Clock::now() - start);
     }
     EXPECT_LT(longest, patient(std::chrono::milliseconds(500)));
+}
+
+void read_between_stops()
+{
+    connect_as("demo");
+    ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    do
+        raise(SIGSTOP);
+    while (qzlib_mbus_read_pkg(nullptr, 0) != nullptr);
+}
+
+// A reader is stopped after every number of instructions on its way to sleep, and a packet comes.
+TEST(Bus, misses_no_packet_on_the_way_to_sleep)
+{
+    ServerEnd server;
+    mbus_client *record = server.add("demo");
+    Child client(read_between_stops);
+    begin_trace(client.pid());
+    int missed = 0;
+    bool slept = false;
+    for (int steps = 0; !slept; steps += slowness()) {
+        for (int i = 0; i < steps; ++i) {
+            const auto start = Clock::now();
+            if (ptrace(PTRACE_SINGLESTEP, client.pid(), nullptr, nullptr) != 0) {
+                client.kill();
+                GTEST_SKIP() << "this processor does not stop at instructions";
+            }
+            waitpid(client.pid(), nullptr, 0);
+            slept = i > 300 && Clock::now() - start > std::chrono::microseconds(900);
+        }
+        ASSERT_EQ(qzlib_mbus_write(record, 0, nullptr, "x", 1), 1);
+        ASSERT_TRUE(WIFSTOPPED(follow(client.pid(), [&](auto &call) {
+            missed += call.op == PTRACE_SYSCALL_INFO_EXIT && call.exit.rval == -ETIMEDOUT;
+        })));
+    }
+    EXPECT_EQ(missed, 0);
+    client.kill();
+}
+
+// It stays awake for a moment, and learns that this is in vain.
+TEST(Bus, reader_with_little_to_do_goes_to_sleep_at_once)
+{
+    ServerEnd server;
+    mbus_client *record = server.add("demo");
+    Child client(read_between_stops);
+    begin_trace(client.pid());
+    int yields = 0;
+    for (int i = 0; i < 300; ++i) {
+        bool sent = false;
+        ASSERT_TRUE(WIFSTOPPED(follow(client.pid(), [&](auto &call) {
+            yields += call.op == PTRACE_SYSCALL_INFO_ENTRY && call.entry.nr == SYS_sched_yield;
+            if (call.op == PTRACE_SYSCALL_INFO_ENTRY && call.entry.nr == SYS_futex && !sent)
+                sent = qzlib_mbus_write(record, 0, nullptr, "x", 1) == 1;
+        })));
+    }
+    EXPECT_LE(yields, 450) << "one a wait";
+    client.kill();
 }
 
 // A peer that knows pthread_cond_wait() and nothing of ours: no limit on its wait, and its
@@ -469,7 +554,9 @@ TEST(Bus, is_woken_by_a_plain_server)
     });
     await_connected(record);
     const auto start = Clock::now();
+    Pattern random(6);
     for (uint32_t i = 0; i < static_cast<uint32_t>(ROUNDS); ++i) {
+        pause_a_moment(random);
         const uint32_t slot = i % 64;
         *segment.at(DOWN_RING + slot * SLOT) = 0;
         segment.word(DOWN_RING + slot * SLOT + 68) = 1;

@@ -2,6 +2,7 @@
 // and the loop between work and sleep.
 #include "control.h"
 #include "log.h"
+#include "patience.h"
 #include "server.h"
 #include "up_condition.h"
 
@@ -141,18 +142,16 @@ public:
 
     void worked() { bound_ms_ = 1; }
 
-    // Until a client signals, a signal arrives or the time is up. The processor is given away
-    // once first, so that a client on the same core can fill its ring: that is good only
-    // while it soon comes back.
+    // Until a client signals, a signal arrives or the time is up.
     void sleep(unsigned limit_ms)
     {
-        if (direct_ > 0)
-            --direct_;
-        else
-            yield();
+        const auto is_needed = [this] {
+            return server_.has_work() || stop_requested != 0 || control_ready != 0;
+        };
+        patience_.spend(is_needed);
         condition_.begin();
         bool woken = true;
-        if (!server_.has_work() && stop_requested == 0 && control_ready == 0)
+        if (!is_needed())
             woken = condition_.sleep(std::min(bound_ms_, limit_ms));
         condition_.end();
         if (!woken)
@@ -175,20 +174,11 @@ public:
 private:
     static constexpr unsigned WAIT_MAX_MS = 1000;
     static constexpr unsigned ROOM_YIELDS = 50;
-    static constexpr unsigned DIRECT_SLEEPS = 500;
-
-    void yield()
-    {
-        const uint64_t start = now_ms();
-        sched_yield();
-        if (now_ms() - start > 1)
-            direct_ = DIRECT_SLEEPS;
-    }
 
     UpCondition &condition_;
     const Server &server_;
     unsigned bound_ms_ = 1;
-    unsigned direct_ = 0;
+    Patience patience_;
 };
 
 class Loop
