@@ -435,6 +435,7 @@ void read_between_stops()
     while (qzlib_mbus_read_pkg(nullptr, 0) != nullptr);
 }
 
+#ifndef __mips__ // whose kernel cannot stop a process at each instruction
 // A reader is stopped after every number of instructions on its way to sleep, and a packet comes.
 TEST(Bus, misses_no_packet_on_the_way_to_sleep)
 {
@@ -447,10 +448,7 @@ TEST(Bus, misses_no_packet_on_the_way_to_sleep)
     for (int steps = 0; !slept; steps += slowness()) {
         for (int i = 0; i < steps; ++i) {
             const auto start = Clock::now();
-            if (ptrace(PTRACE_SINGLESTEP, client.pid(), nullptr, nullptr) != 0) {
-                client.kill();
-                GTEST_SKIP() << "this processor does not stop at instructions";
-            }
+            ASSERT_EQ(ptrace(PTRACE_SINGLESTEP, client.pid(), nullptr, nullptr), 0);
             waitpid(client.pid(), nullptr, 0);
             slept = i > 300 && Clock::now() - start > std::chrono::microseconds(900);
         }
@@ -462,6 +460,7 @@ TEST(Bus, misses_no_packet_on_the_way_to_sleep)
     EXPECT_EQ(missed, 0);
     client.kill();
 }
+#endif
 
 // It stays awake for a moment, and learns that this is in vain.
 TEST(Bus, reader_with_little_to_do_goes_to_sleep_at_once)
