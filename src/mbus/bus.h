@@ -101,7 +101,10 @@ constexpr size_t OUTSIDE_RECORDS = 14; // a server may keep records of its own, 
 struct State {
     // The own record; null when not connected. Changed by connect and disconnect only.
     mbus_client *self;
-    int present; // threads that are using the shared memory, see Presence
+    int present;     // threads that are using the shared memory, see Presence
+    pid_t pid;       // the process that connected
+    bool table_gone; // the table was detached under the own record
+    char own_name[QZLIB_MBUS_NAME_SIZE + 1];
     Attachment own;
     // The server side: one for each table record, in the table's order, then any others.
     Attachment clients[QZLIB_MBUS_CLIENTS + OUTSIDE_RECORDS];
@@ -159,8 +162,8 @@ private:
     char text_[QZLIB_MBUS_NAME_SIZE + 1];
 };
 
-// qzlib_client_uninit() of the own record, whose name the server may have cleared by now.
-void uninit_own(const Name &name);
+// qzlib_client_uninit() of the own record.
+void uninit_own();
 
 // Blocks until the process is connected. At once when it is.
 void wait_connected();
@@ -177,6 +180,9 @@ public:
 
 // Waits until no thread uses the shared memory.
 void wait_absence();
+
+// For a child of fork(): nobody holds the down cache's locks, and nothing is in it.
+void renew_down_cache();
 
 // The payload of a header that a read handed out. Where the header is the slot itself its
 // data field lies in shared memory and is not believed.

@@ -17,7 +17,8 @@ namespace
 using qz::base::UniqueFd;
 
 constexpr unsigned ATTEMPTS = 4; // to reach the server, and to find the name
-constexpr unsigned REGISTER_PATIENCE_MS = 1000;
+constexpr int REGISTER_PATIENCE_MS = 1000;
+constexpr int REGISTER_TRIES = 100;
 
 // Whether connect has finished: what the down cache's reader waits for.
 pthread_mutex_t connected_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -57,14 +58,14 @@ UniqueFd reach_server()
 }
 
 // The result is not looked at: whether the server took the name shows in its table. But many
-// daemons start at once, and the server's queue may be full for a moment.
+// daemons start at once, and the server's queue may be full for a moment; where there is room
+// somebody else may be quicker.
 void send_command(int fd, const mbus_ctl_msg &message)
 {
-    if (write(fd, &message, sizeof message) >= 0 || errno != EAGAIN)
-        return;
     pollfd room = {fd, POLLOUT, 0};
-    if (poll(&room, 1, REGISTER_PATIENCE_MS) == 1)
-        (void)!write(fd, &message, sizeof message);
+    for (int tries = 0; write(fd, &message, sizeof message) < 0 && errno == EAGAIN && tries < REGISTER_TRIES;
+         ++tries)
+        (void)poll(&room, 1, REGISTER_PATIENCE_MS / REGISTER_TRIES);
 }
 
 // A record whose condition a client initialised: of this name's former life, most likely, which
@@ -89,6 +90,8 @@ mbus_client *await_record(const char *name)
 
 int take_record(mbus_client *record)
 {
+    qz::base::copy_text(state.own_name, Name(*record).text());
+    state.table_gone = false;
     set_self(record);
     if (qzlib_client_init(record) != 0) {
         MBUS_LOG(QZLIB_LOG_ERROR, "connect to mbus fail");
@@ -98,6 +101,42 @@ int take_record(mbus_client *record)
     MBUS_LOG(QZLIB_LOG_INFO, "connect to mbus success");
     set_connected(true);
     return 0;
+}
+
+// A child of fork() has its parent's connection and its locks, perhaps held, but not its threads.
+// True for such a one.
+bool is_new_process()
+{
+    if (state.pid == getpid())
+        return false;
+    const bool forked = state.pid != 0;
+    state.pid = getpid();
+    if (forked) {
+        state.present = 0;
+        connected_mutex = PTHREAD_MUTEX_INITIALIZER;
+        connected_changed = PTHREAD_COND_INITIALIZER;
+        renew_down_cache();
+    }
+    return forked;
+}
+
+// Whoever waits for a packet leaves first: once the server has read the command, the record
+// may be another client's.
+void leave(bool unregister)
+{
+    mbus_client *own = self();
+    if (own == nullptr)
+        return;
+    set_connected(false);
+    set_self(nullptr);
+    if (!state.table_gone)
+        force_condition(own->down_cond);
+    wait_absence();
+    const mbus_ctl_msg message = command(MBUS_CTL_UNREGISTER, state.own_name);
+    if (unregister) // the server may be gone
+        (void)qzlib_send_to_unixdomain(QZLIB_MBUS_SOCKET, &message, sizeof message);
+    uninit_own();
+    qzlib_mbus_share_uninit();
 }
 
 } // namespace
@@ -118,7 +157,7 @@ QZ_EXPORT int qzlib_connect_mbus_server(const char *name)
 {
     if (name == nullptr)
         return QZLIB_ERR_ARGUMENT;
-    qzlib_disconnect_mbus_server(); // nothing to do, normally
+    leave(!is_new_process()); // a forked process's parent stays on the bus
     UniqueFd fd = reach_server();
     if (!fd)
         return -1;
@@ -134,21 +173,9 @@ QZ_EXPORT int qzlib_connect_mbus_server(const char *name)
     return -1;
 }
 
-// Whoever waits for a packet leaves first: once the server has read the command, the record
-// may be another client's.
 QZ_EXPORT int qzlib_disconnect_mbus_server(void)
 {
-    mbus_client *own = self();
-    if (own == nullptr)
-        return 0;
-    set_connected(false);
-    set_self(nullptr);
-    force_condition(own->down_cond);
-    wait_absence();
-    const Name name(*own);
-    const mbus_ctl_msg message = command(MBUS_CTL_UNREGISTER, name.text());
-    (void)qzlib_send_to_unixdomain(QZLIB_MBUS_SOCKET, &message, sizeof message); // the server may be gone
-    uninit_own(name);
-    qzlib_mbus_share_uninit();
+    (void)is_new_process();
+    leave(true);
     return 0;
 }

@@ -171,6 +171,15 @@ void start_reader()
 
 } // namespace
 
+void qz::mbus::renew_down_cache()
+{
+    list_mutex = PTHREAD_MUTEX_INITIALIZER;
+    delivery = PTHREAD_COND_INITIALIZER;
+    reader_mutex = PTHREAD_MUTEX_INITIALIZER;
+    head.next = head.previous = &head;
+    used_bytes = 0;
+}
+
 QZ_EXPORT int qzlib_mbus_down_cache_process(int max_bytes, mbus_pkg_callback callback)
 {
     if (self() == nullptr)

@@ -138,7 +138,8 @@ ASIDE int drop(const mbus_client &client, pthread_cond_t &condition, uint64_t &d
 ASIDE int fail(const mbus_client &client)
 {
     // The read text on writing, too, deliberately.
-    MBUS_LOG(QZLIB_LOG_WARNING, "mbus read fail, name:%.32s", client.name);
+    MBUS_LOG(QZLIB_LOG_WARNING, "mbus read fail, name:%.32s",
+             &client == self() ? state.own_name : client.name);
     return -1;
 }
 
@@ -179,7 +180,10 @@ PACKET_PATH uint32_t next_slot(const Ring &ring, Attachment &attachment)
         at = following(at);
         __atomic_store_n(&ring.read, at, __ATOMIC_RELEASE);
     }
-    return at == end ? SLOTS : at;
+    if (at != end)
+        return at;
+    attachment.handed_out = SLOTS; // a mark that is found later is a plain writer's
+    return SLOTS;
 }
 
 PACKET_PATH mbus_pkg *hand_out(Slot &slot, Attachment &attachment, uint8_t type, uint32_t length)
@@ -214,8 +218,10 @@ PACKET_PATH mbus_pkg *take(const Ring &ring, uint32_t at, Attachment &attachment
     __builtin_prefetch(&(&slot + 1)->length, 1);
     const uint8_t type = load_relaxed(slot.type);
     const uint32_t length = load_relaxed(slot.length);
-    if (type >= TYPES || length < 1 || length > READ_LENGTH_MAX)
+    if (type >= TYPES || length < 1 || length > READ_LENGTH_MAX) {
+        attachment.handed_out = SLOTS;
         return skip(slot, ring.read, at, client, type, length);
+    }
     __atomic_store_n(&slot.data_address, mark_of(slot), __ATOMIC_RELAXED);
     attachment.handed_out = at;
     bytes_read += length;

@@ -164,17 +164,21 @@ Presence::~Presence()
     __atomic_fetch_sub(&state.present, 1, __ATOMIC_SEQ_CST);
 }
 
-// A reader notices soon; the bound is for a caller that is itself such a thread, interrupted.
+// A reader notices soon; the bound is for a caller that is itself such a thread, interrupted. One
+// pause in any case: a thread that reads without waiting, or is about to wait, is not counted.
 void wait_absence()
 {
     const timespec pause = {0, 1'000'000};
-    for (int i = 0; i < LEAVE_PATIENCE_MS && __atomic_load_n(&state.present, __ATOMIC_SEQ_CST) != 0; ++i)
+    int left = LEAVE_PATIENCE_MS;
+    do
         (void)nanosleep(&pause, nullptr);
+    while (--left > 0 && __atomic_load_n(&state.present, __ATOMIC_SEQ_CST) != 0);
 }
 
-void uninit_own(const Name &name)
+// The record is not looked at: the server may have given it to somebody else by now.
+void uninit_own()
 {
-    MBUS_LOG(QZLIB_LOG_INFO, "remove %s on client", name.text());
+    MBUS_LOG(QZLIB_LOG_INFO, "remove %s on client", state.own_name);
     detach(state.own);
     state.own = {};
 }
@@ -207,14 +211,21 @@ QZ_EXPORT int qzlib_client_init(mbus_client *client)
     const bool own_side = client == self();
     const Name name(*client);
     const int key = key_of(name.text());
-    const int id = key == IPC_PRIVATE ? -1 : shmget(key, QZLIB_MBUS_SEGMENT_SIZE, SEGMENT_FLAGS);
+    Attachment *attachment = own_side ? &state.own : claim_attachment(client);
+    const int id = key == IPC_PRIVATE || attachment == nullptr
+                       ? -1
+                       : shmget(key, QZLIB_MBUS_SEGMENT_SIZE, SEGMENT_FLAGS);
     if (id < 0) {
         MBUS_LOG(QZLIB_LOG_ERROR, "create share mem for %s fail", name.text());
         return -1;
     }
-    Attachment *attachment = own_side ? &state.own : claim_attachment(client);
-    if (attachment == nullptr || !attach(*client, *attachment, id)) {
+    if (!attach(*client, *attachment, id)) {
         MBUS_LOG(QZLIB_LOG_ERROR, "mat share mem for %s fail", name.text());
+        return -1;
+    }
+    if (own_side && strncmp(client->name, name.text(), sizeof client->name) != 0) {
+        detach(state.own); // we were so late that the server gave the record to somebody else
+        state.own = {};
         return -1;
     }
     if (own_side) {
@@ -230,11 +241,11 @@ QZ_EXPORT void qzlib_client_uninit(mbus_client *client)
 {
     if (client == nullptr)
         return;
-    const Name name(*client);
     if (client == self()) {
-        uninit_own(name);
+        uninit_own();
         return;
     }
+    const Name name(*client);
     MBUS_LOG(QZLIB_LOG_INFO, "remove %s on server", name.text());
     Attachment *attachment = find_attachment(client);
     if (attachment != nullptr) {
@@ -266,6 +277,11 @@ QZ_EXPORT int qzlib_mbus_share_init(void)
 
 QZ_EXPORT void qzlib_mbus_share_uninit(void)
 {
+    if (self() != nullptr) { // the indices go with the table, so the rings are of no more use
+        state.table_gone = true;
+        detach(state.own);
+        state.own = {};
+    }
     if (mbus_share != nullptr) {
         (void)shmdt(mbus_share);
         __atomic_store_n(&mbus_share, nullptr, __ATOMIC_RELAXED);
@@ -279,7 +295,7 @@ QZ_EXPORT void qzlib_mbus_share_uninit(void)
 QZ_EXPORT int qzlib_client_set_flag(unsigned flags)
 {
     mbus_client *own = self();
-    if (own == nullptr)
+    if (own == nullptr || state.table_gone)
         return -1;
     own->flags |= flags;
     return 0;
@@ -288,7 +304,7 @@ QZ_EXPORT int qzlib_client_set_flag(unsigned flags)
 QZ_EXPORT int qzlib_client_clear_flag(unsigned flags)
 {
     mbus_client *own = self();
-    if (own == nullptr)
+    if (own == nullptr || state.table_gone)
         return -1;
     own->flags &= ~flags;
     return 0;

@@ -1,7 +1,7 @@
 #include "log.h"
 
 #include <cstdarg>
-#include <cstdio>
+#include <poll.h>
 #include <qzlib.h>
 
 namespace mbusd
@@ -25,7 +25,21 @@ void log_line(int level, const char *format, ...)
     va_end(arguments);
     debug_msg(level, "mbusd", __LINE__, "%s", line);
     if (!quiet_stderr)
-        (void)fprintf(stderr, "mbusd: %s\n", line);
+        (void)print_line(stderr, "mbusd: %s", line);
+}
+
+bool print_line(FILE *stream, const char *format, ...)
+{
+    pollfd room = {fileno(stream), POLLOUT, 0};
+    if (poll(&room, 1, 0) != 1 || (room.revents & POLLOUT) == 0)
+        return false;
+    char line[512];
+    va_list arguments;
+    va_start(arguments, format);
+    (void)vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    (void)fprintf(stream, "%s\n", line);
+    return fflush(stream) == 0;
 }
 
 } // namespace mbusd

@@ -108,14 +108,13 @@ void handle_signal(int signal, void (*handler)(int))
     (void)sigaction(signal, &action, nullptr);
 }
 
-// A mask may have been inherited.
-void unblock_signals()
+void change_signal_mask(int how)
 {
     sigset_t signals;
     sigemptyset(&signals);
     for (const int signal : {SIGTERM, SIGINT, SIGIO})
         sigaddset(&signals, signal);
-    (void)sigprocmask(SIG_UNBLOCK, &signals, nullptr);
+    (void)sigprocmask(how, &signals, nullptr);
 }
 
 // The share segment; also over one of another size that nobody uses.
@@ -189,11 +188,13 @@ public:
     {
     }
 
-    void run()
+    // Until it is asked to end. False when it cannot go on.
+    bool run()
     {
         while (stop_requested == 0) {
             take_commands();
-            run_timers();
+            if (!run_timers())
+                return false;
             const Server::Progress progress = server_.route(control_ready);
             blocked_ = progress.blocked && !progress.moved ? blocked_ + 1 : 0;
             if (progress.moved)
@@ -203,6 +204,7 @@ public:
             else
                 idle_.sleep(next_timer());
         }
+        return true;
     }
 
 private:
@@ -226,10 +228,16 @@ private:
         server_.remove_hidden();
     }
 
-    void run_timers()
+    // False when nobody can find the share segment any longer: a client of a server that died
+    // removed it, as the last one, while this server attached it.
+    bool run_timers()
     {
         const uint64_t now = now_ms();
         if (now - reaped_ms_ >= REAP_MS) {
+            if (shmget(QZLIB_MBUS_SHARE_KEY, 0, 0) != mbus_share_memid) {
+                log_line(QZLIB_LOG_ERROR, "the share segment was removed");
+                return false;
+            }
             server_.reap();
             reaped_ms_ = now;
         }
@@ -237,6 +245,7 @@ private:
             server_.print_stats();
             printed_ms_ = now;
         }
+        return true;
     }
 
     [[nodiscard]] unsigned next_timer() const
@@ -262,6 +271,7 @@ int serve(const Options &options)
     ControlSocket control;
     if (!control.claim())
         return 1;
+    change_signal_mask(SIG_BLOCK); // until they can be handled: the segment must not stay behind
     mbus_share_segment *share = attach_share();
     if (share == nullptr) {
         log_line(QZLIB_LOG_ERROR, "no share segment");
@@ -274,16 +284,17 @@ int serve(const Options &options)
     handle_signal(SIGINT, request_stop);
     handle_signal(SIGIO, note_control);
     handle_signal(SIGPIPE, SIG_IGN);
-    unblock_signals();
+    change_signal_mask(SIG_UNBLOCK); // also what was inherited
 
     Server server(*share);
     server.adopt();
     int result = 1;
     if (control.open()) {
         log_line(QZLIB_LOG_INFO, "serving %s", QZLIB_MBUS_SOCKET);
-        Loop(server, control, condition, options.stats_s).run();
-        log_line(QZLIB_LOG_INFO, "ending");
-        result = 0;
+        if (Loop(server, control, condition, options.stats_s).run()) {
+            log_line(QZLIB_LOG_INFO, "ending");
+            result = 0;
+        }
     }
     server.close();
     for (const int signal : {SIGTERM, SIGINT, SIGIO}) // the condition goes

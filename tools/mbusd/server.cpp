@@ -51,6 +51,15 @@ unsigned long attached_to(int segment)
     return shmctl(segment, IPC_STAT, &status) == 0 ? status.shm_nattch : 0;
 }
 
+// A client segment whose id was found in a record, if it is one and nobody uses it.
+void remove_stray(int segment)
+{
+    shmid_ds status;
+    if (shmctl(segment, IPC_STAT, &status) == 0 && status.shm_nattch == 0 &&
+        status.shm_segsz == QZLIB_MBUS_SEGMENT_SIZE)
+        (void)shmctl(segment, IPC_RMID, nullptr);
+}
+
 // The segment of a new client. What an earlier run left under its key goes first: the slots
 // are old, and it may be of another size.
 int make_segment(int key)
@@ -152,6 +161,7 @@ void Server::enter(size_t index, const std::string &name, int key, pid_t pid, in
     member.pid = pid;
     member.since_ms = now_ms();
     member.segment = segment;
+    member.handle = record(index).server_handle;
     forget_targets();
 }
 
@@ -207,7 +217,11 @@ void Server::remove(size_t index)
     flush(index);
     for (Member &other : members_)
         other.waiting.reset(index);
-    qzlib_client_uninit(&record(index));
+    // A copy, since the record's name may be hidden, and its handle anything.
+    mbus_client copy = {};
+    member.name.copy(copy.name, sizeof copy.name);
+    copy.server_handle = member.handle;
+    qzlib_client_uninit(&copy);
     // Whether or not the client is still to detach: nothing stays behind if it is killed first.
     (void)shmctl(member.segment, IPC_RMID, nullptr);
     clear_record(record(index));
@@ -250,6 +264,8 @@ void Server::renew(size_t index, pid_t pid)
     const bool holds = holds_next(index);
     enter(index, before.name, before.key, pid, shmget(before.key, 0, 0));
     member.attached = attached;
+    if (attached)
+        member.handle = before.handle;
     if (holds) {
         member.held = before.held;
         member.outgoing = before.outgoing;
@@ -335,6 +351,14 @@ void Server::add(const Command &command)
     log_line(QZLIB_LOG_INFO, "%s: registered by process %d", printable(command.name).c_str(), command.sender);
 }
 
+// A daemon whose name was refused unregisters it all the same when it ends, and a child of fork()
+// that of its parent. That takes no living client off the bus.
+bool Server::may_unregister(const Member &holder, pid_t sender) const
+{
+    return holder.pid == sender || holder.pid <= 0 || sender <= 0 || process_gone(holder.pid) ||
+           attached_to(holder.segment) <= 1;
+}
+
 void Server::handle(const Command &command)
 {
     if (command.code == MBUS_CTL_REGISTER) {
@@ -342,10 +366,13 @@ void Server::handle(const Command &command)
         return;
     }
     const size_t index = find_name(command.name);
-    if (index < CLIENTS && members_[index].connected())
-        leave(index, "unregistered");
-    else
+    if (index == CLIENTS || !members_[index].connected())
         log_line(QZLIB_LOG_WARNING, "%s is not registered", printable(command.name).c_str());
+    else if (!may_unregister(members_[index], command.sender))
+        log_line(QZLIB_LOG_WARNING, "refused to unregister %s for process %d: it is that of process %d",
+                 printable(command.name).c_str(), command.sender, members_[index].pid);
+    else
+        leave(index, "unregistered");
 }
 
 void Server::reap()
@@ -368,6 +395,7 @@ void Server::adopt(size_t index)
     const std::string name(field(record(index).name, sizeof record(index).name));
     const int key = name.empty() ? IPC_PRIVATE : qzlib_mbus_name_to_key(name.c_str());
     const int segment = key == IPC_PRIVATE ? -1 : shmget(key, 0, 0);
+    remove_stray(record(index).server_handle.id);
     record(index).server_handle = {};
     const bool alive = segment >= 0 && attached_to(segment) > 0 && key != QZLIB_MBUS_SHARE_KEY &&
                        find_conflict(name, key) == CLIENTS;
@@ -472,6 +500,9 @@ bool Server::give(const mbus_pkg &pkg, size_t receiver)
 {
     if (!has_room(receiver) && !members_[receiver].stalled)
         return false;
+    if (pkg.length > QZLIB_MBUS_PAYLOAD_MAX) // which may be read, but not written
+        log_line(QZLIB_LOG_WARNING, "%s: a packet of %u bytes is dropped",
+                 printable(field(pkg.name, sizeof pkg.name)).c_str(), pkg.length);
     (void)qzlib_mbus_write_pkg(&record(receiver), &pkg); // counts what it drops
     return true;
 }
@@ -533,19 +564,20 @@ Server::Progress Server::route(const volatile sig_atomic_t &attention)
 
 void Server::print_stats() const
 {
-    (void)printf("%-32s %12s %12s %10s %5s %12s %12s %10s %5s\n", "client", "up offered", "up read",
-                 "up dropped", "wait", "down offered", "down read", "down drop", "wait");
-    for (size_t i = 0; i < CLIENTS; ++i) {
+    bool goes_on =
+        print_line(stdout, "%-32s %12s %12s %10s %5s %12s %12s %10s %5s", "client", "up offered", "up read",
+                   "up dropped", "wait", "down offered", "down read", "down drop", "wait");
+    for (size_t i = 0; goes_on && i < CLIENTS; ++i) {
         const mbus_client &r = record(i);
         if (!members_[i].used())
             continue;
-        (void)printf("%-32s %12llu %12llu %10llu %5u %12llu %12llu %10llu %5u\n",
-                     printable(members_[i].name).c_str(), number(r.client_offered), number(r.server_read),
-                     number(r.client_dropped), (load(r.up_write) + SLOTS - load(r.up_read)) % SLOTS,
-                     number(r.server_offered), number(r.client_read), number(r.server_dropped),
-                     (load(r.down_write) + SLOTS - load(r.down_read)) % SLOTS);
+        goes_on =
+            print_line(stdout, "%-32s %12llu %12llu %10llu %5u %12llu %12llu %10llu %5u",
+                       printable(members_[i].name).c_str(), number(r.client_offered), number(r.server_read),
+                       number(r.client_dropped), (load(r.up_write) + SLOTS - load(r.up_read)) % SLOTS,
+                       number(r.server_offered), number(r.client_read), number(r.server_dropped),
+                       (load(r.down_write) + SLOTS - load(r.down_read)) % SLOTS);
     }
-    (void)fflush(stdout);
 }
 
 } // namespace mbusd

@@ -55,6 +55,7 @@ private:
         std::string name; // empty: free
         int key = 0;
         int segment = -1;
+        mbus_seg_handle handle{}; // of this server's attachment, as it was made
         pid_t pid = 0;
         uint64_t since_ms = 0;         // of registering, or of leaving
         bool attached = false;         // its process was seen attached
@@ -84,6 +85,7 @@ private:
     size_t find_name(std::string_view name) const;
     size_t find_conflict(std::string_view name, int key) const;
     [[nodiscard]] bool may_take(const Member &holder, const Command &command) const;
+    [[nodiscard]] bool may_unregister(const Member &holder, pid_t sender) const;
     bool make_way(const Command &command, size_t holder);
     size_t find_place();
     void add(const Command &command);
