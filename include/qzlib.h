@@ -577,7 +577,10 @@ void qzlib_client_uninit(mbus_client *client);
  */
 int qzlib_mbus_share_init(void);
 
-/** Detach the share segment, removing it when no process is attached any longer. */
+/**
+ * Detach the share segment, removing it when no process is attached any longer. A process that
+ * is connected loses its rings with it, and can only disconnect.
+ */
 void qzlib_mbus_share_uninit(void);
 
 /** Set bits in the own record's client flags. @return 0; -1 when not connected */
@@ -587,18 +590,23 @@ int qzlib_client_set_flag(unsigned flags);
 int qzlib_client_clear_flag(unsigned flags);
 
 /**
- * Join the bus. Blocks for up to 6 seconds when no server answers (4 attempts), else for
- * some milliseconds; the server has about 7 ms to enter the name in its table. Logs
- * success at level 1 and a segment that cannot be had at level 3.
- * @param name  1 to 32 characters
- * @return 0; QZLIB_ERR_ARGUMENT (-257) for null; -1 when there is no server or it refused
- *         the name
+ * Join the bus. Blocks for up to 6 seconds when no server answers (4 attempts), for up to a
+ * second while its queue is full, else for some milliseconds; the server has about 7 ms to
+ * enter the name in its table. Logs success at level 1 and a segment that cannot be had at
+ * level 3. A process that is connected leaves the bus first; one that was forked from a connected one
+ * leaves it silently, and its parent stays.
+ * @param name  1 to 32 characters. One that another process has, without regard to case, is
+ *              refused by the server, but found all the same: the result is 0, the rings of
+ *              the other process are emptied, and the two share them from then on
+ * @return 0; QZLIB_ERR_ARGUMENT (-257) for null; -1 when there is no server, or no record of
+ *         the name because it was refused for another reason
  */
 int qzlib_connect_mbus_server(const char *name);
 
 /**
  * Leave the bus. A thread that waits in qzlib_mbus_read_pkg() gets null; the down cache
- * sleeps until the process connects again. What was written before is still delivered.
+ * sleeps until the process connects again. Payloads that were handed out are gone. What was
+ * written before is still delivered.
  * Logs at level 1; does nothing when not connected.
  * @return 0
  */

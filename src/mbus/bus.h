@@ -101,7 +101,8 @@ constexpr size_t OUTSIDE_RECORDS = 14; // a server may keep records of its own, 
 struct State {
     // The own record; null when not connected. Changed by connect and disconnect only.
     mbus_client *self;
-    int present;     // threads that are using the shared memory, see Presence
+    // What the shared memory is in use for, see Presence: each 1 or 0.
+    uint32_t reading, writing, caching;
     pid_t pid;       // the process that connected
     bool table_gone; // the table was detached under the own record
     char own_name[QZLIB_MBUS_NAME_SIZE + 1];
@@ -168,14 +169,23 @@ void uninit_own();
 // Blocks until the process is connected. At once when it is.
 void wait_connected();
 
-// While one exists, disconnecting waits: its thread is using the shared memory.
+// While one exists, disconnecting waits: its thread is using the shared memory. There is one thread
+// at a time for each use, so that a plain store tells. It is on its way to the other thread
+// when this one looks whether the process is connected still, hence the pause in wait_absence().
 class Presence
 {
 public:
-    Presence();
-    ~Presence();
+    explicit Presence(uint32_t &use) : use_(use)
+    {
+        __atomic_store_n(&use_, 1, __ATOMIC_RELAXED);
+        __atomic_signal_fence(__ATOMIC_SEQ_CST);
+    }
+    ~Presence() { __atomic_store_n(&use_, 0, __ATOMIC_RELEASE); }
     Presence(const Presence &) = delete;
     Presence &operator=(const Presence &) = delete;
+
+private:
+    uint32_t &use_;
 };
 
 // Waits until no thread uses the shared memory.

@@ -112,7 +112,7 @@ bool is_new_process()
     const bool forked = state.pid != 0;
     state.pid = getpid();
     if (forked) {
-        state.present = 0;
+        state.reading = state.writing = state.caching = 0;
         connected_mutex = PTHREAD_MUTEX_INITIALIZER;
         connected_changed = PTHREAD_COND_INITIALIZER;
         renew_down_cache();

@@ -120,7 +120,7 @@ void cache(const mbus_pkg &pkg)
 bool read_once()
 {
     const Lock lock(reader_mutex);
-    const Presence presence;
+    const Presence presence(state.caching);
     const mbus_pkg *pkg = qzlib_mbus_read_pkg(nullptr, 0);
     if (pkg != nullptr)
         cache(*pkg);

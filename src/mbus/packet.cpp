@@ -77,6 +77,7 @@ void copy_name(char (&to)[QZLIB_MBUS_PKG_NAME_SIZE], const char (&from)[QZLIB_MB
 {
     constexpr size_t ONES = ~size_t{0} / 0xff;
     memset(to, 0, sizeof to);
+#pragma GCC unroll WIDE_ADDRESSES ? 8 : 1
     for (size_t at = 0; at < sizeof to; at += sizeof(size_t)) {
         size_t chunk;
         memcpy(&chunk, from + at, sizeof chunk);
@@ -145,6 +146,9 @@ ASIDE int fail(const mbus_client &client)
 
 int write_up(mbus_client &client, const Outgoing &packet)
 {
+    const Presence presence(state.writing);
+    if (self() != &client)
+        return -1;
     mbus_share_segment *segment = share();
     Attachment &own = state.own;
     if (segment == nullptr || own.base == nullptr)
@@ -295,8 +299,7 @@ bool wait_packet(const Ring &ring, mbus_client &client, Attachment &own)
 ASIDE mbus_pkg *wait_and_take(mbus_client &client, Attachment &own)
 {
     const Ring ring = {own.down_ring(), client.down_write, client.down_read};
-    const Presence presence;
-    if (self() != &client || !wait_packet(ring, client, own))
+    if (!wait_packet(ring, client, own))
         return nullptr;
     return take(ring, load_index(ring.read), own, client, client.client_read);
 }
@@ -373,6 +376,7 @@ QZ_EXPORT int qzlib_mbus_write_data(const void *data, int len)
 
 QZ_EXPORT mbus_pkg *qzlib_mbus_read_pkg(mbus_client *client, int nowait)
 {
+    const Presence presence(state.reading);
     mbus_client *own = self();
     if (client == nullptr)
         client = own;

@@ -154,25 +154,15 @@ Attachment *search_attachment(const mbus_client *record)
     return nullptr;
 }
 
-Presence::Presence()
-{
-    __atomic_fetch_add(&state.present, 1, __ATOMIC_SEQ_CST);
-}
-
-Presence::~Presence()
-{
-    __atomic_fetch_sub(&state.present, 1, __ATOMIC_SEQ_CST);
-}
-
-// A reader notices soon; the bound is for a caller that is itself such a thread, interrupted. One
-// pause in any case: a thread that reads without waiting, or is about to wait, is not counted.
+// Users notice soon; the bound is for a caller that is itself such a thread, interrupted.
 void wait_absence()
 {
+    const auto in_use = [](const uint32_t &use) { return __atomic_load_n(&use, __ATOMIC_ACQUIRE) != 0; };
     const timespec pause = {0, 1'000'000};
     int left = LEAVE_PATIENCE_MS;
     do
         (void)nanosleep(&pause, nullptr);
-    while (--left > 0 && __atomic_load_n(&state.present, __ATOMIC_SEQ_CST) != 0);
+    while (--left > 0 && (in_use(state.reading) || in_use(state.writing) || in_use(state.caching)));
 }
 
 // The record is not looked at: the server may have given it to somebody else by now.

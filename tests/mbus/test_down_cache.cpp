@@ -191,6 +191,30 @@ TEST(DownCache, sleeps_while_disconnected_and_goes_on_after_a_reconnect)
     ASSERT_EQ(qzlib_mbus_write(record, 0, nullptr, "xyz", 3), 3);
 }
 
+// A child of fork() has the locks that its parent's threads hold, but not the threads.
+TEST(DownCache, child_of_a_process_with_one_has_a_bus_of_its_own)
+{
+    ServerEnd server;
+    mbus_client *parents = server.add("parent");
+    mbus_client *childs = server.add("child");
+    const Child parent([] {
+        connect_as("parent");
+        ASSERT_EQ(qzlib_mbus_down_cache_process(0, count_packet), 0);
+        usleep(20'000); // the reader waits for a packet
+        const Child child([] {
+            connect_as("child");
+            ASSERT_EQ(qzlib_mbus_down_cache_process(0, count_packet), 0);
+            await_count(3);
+        });
+        await_count(4);
+    });
+    await_connected(childs);
+    ASSERT_EQ(qzlib_mbus_write(childs, 0, nullptr, "abc", 3), 3);
+    ASSERT_EQ(qzlib_mbus_write(parents, 0, nullptr, "abcd", 4), 4);
+    EXPECT_EQ(server.control()[0], 1);
+    EXPECT_EQ(server.control()[0], 1) << "the parent is not unregistered";
+}
+
 #ifndef __SANITIZE_THREAD__ // which adds a thread of its own, and that one wakes often
 long voluntary_switches(pid_t pid)
 {

@@ -196,12 +196,13 @@ TEST(Mbusd, refuses_what_is_taken_or_malformed)
     send_control(std::string("\1\0\0\0a\x9f", 6) + std::string(30, '\0'));
     send_control(std::string("\1\0\0\0AB", 6) + std::string(30, '\0'));
     send_control(std::string("\2\0\0\0xy", 6) + std::string(30, '\0'));
+    send_control(std::string("\2\0\0\0ab", 6) + std::string(30, '\0')); // as one does that was refused
     EXPECT_EQ(qzlib_connect_mbus_server("ba"), -1);
     for (const char *expected :
          {"refused a datagram of 5 bytes", "refused a datagram of 41 bytes", "refused command 7 for \"cd\"",
           "refused command 1 for \"\"", "refused a?: its key is not usable", "refused AB from process",
-          "the name is that of ab", "refused ba from process", "it has the key of ab",
-          "xy is not registered"})
+          "the name is that of ab", "refused ba from process", "it has the key of ab", "xy is not registered",
+          "refused to unregister ab"})
         EXPECT_TRUE(logged(expected)) << expected;
     EXPECT_EQ(shared_segments(), 2U);
     holder.kill();

@@ -261,20 +261,49 @@ TEST(Read, loses_nothing_to_a_writer_at_its_own_address)
     ServerEnd server;
     mbus_client *record = server.add("demo");
     const RawSegment segment(qzlib_mbus_name_to_key("demo"));
-    const mbus_pkg *pkg = nullptr;
     uint32_t mark = 0; // what the reader leaves in slot 0, and a plain writer there would, too
-    for (uint32_t i = 0; i < 1000; ++i) {
-        const uint32_t slot = i % 64;
+    const auto put_and_read = [&](uint32_t slot, uint32_t value) {
         *segment.at(slot * SLOT) = 0;
         segment.word(slot * SLOT + 68) = 4;
         segment.word(slot * SLOT + 72) = mark + slot * SLOT;
-        segment.word(slot * SLOT + 76) = i;
+        segment.word(slot * SLOT + 76) = value;
         __atomic_store_n(&record->up_write, (slot + 1) % 64, __ATOMIC_RELEASE);
-        pkg = qzlib_mbus_read_pkg(record, 1);
-        ASSERT_NE(pkg, nullptr) << i;
-        ASSERT_EQ(segment.word(slot * SLOT + 76), i);
+        ASSERT_NE(qzlib_mbus_read_pkg(record, 1), nullptr) << value;
+        ASSERT_EQ(segment.word(slot * SLOT + 76), value);
         mark = segment.word(slot * SLOT + 72) - slot * SLOT;
+    };
+    for (uint32_t i = 0; i < 1025; ++i)
+        put_and_read(i % 64, i);
+    EXPECT_EQ(qzlib_mbus_read_pkg(record, 1), nullptr) << "slot 0 was the last one";
+    record->up_write = record->up_read = 0; // its client connects anew
+    put_and_read(0, 1025);
+}
+
+// One thread reads, another one disconnects: no access to memory that is gone.
+TEST(Read, ends_when_another_thread_disconnects)
+{
+    ServerEnd server;
+    mbus_client *record = server.add("demo");
+    Child client([] {
+        for (int i = 0; i < scaled(300); ++i) {
+            connect_as("demo");
+            std::thread reader([] {
+                while (qzlib_mbus_read_pkg(nullptr, 0) != nullptr) {
+                }
+            });
+            usleep(static_cast<useconds_t>(i) * 5);
+            EXPECT_EQ(qzlib_disconnect_mbus_server(), 0);
+            reader.join();
+        }
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    });
+    int status = 0;
+    while (waitpid(client.pid(), &status, WNOHANG) == 0) {
+        (void)qzlib_mbus_write(record, 0, nullptr, "x", 1);
+        (void)server.control();
     }
+    EXPECT_EQ(status, 0);
+    client.wait();
 }
 
 TEST(Bus, carries_everything_in_both_directions_at_once)

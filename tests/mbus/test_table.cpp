@@ -135,6 +135,24 @@ TEST(ClientSegment, that_cannot_be_had_is_reported)
     EXPECT_EQ(segments(), 1U);
 }
 
+TEST(Connect, leaves_nothing_but_disconnecting_once_the_table_is_detached)
+{
+    ServerEnd server;
+    server.add("demo");
+    const Child client([] {
+        const LogFile log;
+        connect_as("demo");
+        qzlib_mbus_share_uninit();
+        EXPECT_EQ(qzlib_mbus_write(nullptr, 0, nullptr, "x", 1), 0);
+        EXPECT_TRUE(LogFile::has("<WARNING>id:mbus read fail, name:demo"));
+        EXPECT_EQ(qzlib_mbus_read_pkg(nullptr, 0), nullptr);
+        EXPECT_EQ(qzlib_client_set_flag(1), -1);
+        EXPECT_EQ(qzlib_disconnect_mbus_server(), 0);
+        connect_as("demo");
+        EXPECT_EQ(qzlib_mbus_write(nullptr, 0, nullptr, "x", 1), 1);
+    });
+}
+
 TEST(Connect, fails_in_its_own_time_without_server_or_record)
 {
     using Clock = std::chrono::steady_clock;
