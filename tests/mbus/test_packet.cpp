@@ -466,8 +466,13 @@ void read_between_stops()
 
 #ifndef __mips__ // whose kernel cannot stop a process at each instruction
 // A reader is stopped after every number of instructions on its way to sleep, and a packet comes.
+// On one processor, where changing from one process to the other costs least.
 TEST(Bus, misses_no_packet_on_the_way_to_sleep)
 {
+    cpu_set_t one;
+    CPU_ZERO(&one);
+    CPU_SET(static_cast<size_t>(sched_getcpu()), &one);
+    ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
     ServerEnd server;
     mbus_client *record = server.add("demo");
     Child client(read_between_stops);
@@ -479,7 +484,7 @@ TEST(Bus, misses_no_packet_on_the_way_to_sleep)
             const auto start = Clock::now();
             ASSERT_EQ(ptrace(PTRACE_SINGLESTEP, client.pid(), nullptr, nullptr), 0);
             waitpid(client.pid(), nullptr, 0);
-            slept = i > 300 && Clock::now() - start > std::chrono::microseconds(900);
+            slept = slept || (i > 300 && Clock::now() - start > std::chrono::microseconds(900));
         }
         ASSERT_EQ(qzlib_mbus_write(record, 0, nullptr, "x", 1), 1);
         ASSERT_TRUE(WIFSTOPPED(follow(client.pid(), [&](auto &call) {
