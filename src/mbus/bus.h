@@ -191,6 +191,10 @@ private:
 // Waits until no thread uses the shared memory.
 void wait_absence();
 
+// True, once, in a child of fork(), which has its parent's connection and its locks, perhaps held,
+// but not its threads: the locks are made new.
+bool is_new_process();
+
 // For a child of fork(): nobody holds the down cache's locks, and nothing is in it.
 void renew_down_cache();
 

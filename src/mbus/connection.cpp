@@ -103,23 +103,6 @@ int take_record(mbus_client *record)
     return 0;
 }
 
-// A child of fork() has its parent's connection and its locks, perhaps held, but not its threads.
-// True for such a one.
-bool is_new_process()
-{
-    if (state.pid == getpid())
-        return false;
-    const bool forked = state.pid != 0;
-    state.pid = getpid();
-    if (forked) {
-        state.reading = state.writing = state.caching = 0;
-        connected_mutex = PTHREAD_MUTEX_INITIALIZER;
-        connected_changed = PTHREAD_COND_INITIALIZER;
-        renew_down_cache();
-    }
-    return forked;
-}
-
 // Whoever waits for a packet leaves first: once the server has read the command, the record
 // may be another client's.
 void leave(bool unregister)
@@ -140,6 +123,21 @@ void leave(bool unregister)
 }
 
 } // namespace
+
+bool is_new_process()
+{
+    if (state.pid == getpid())
+        return false;
+    const bool forked = state.pid != 0;
+    state.pid = getpid();
+    if (forked) {
+        state.reading = state.writing = state.caching = 0;
+        connected_mutex = PTHREAD_MUTEX_INITIALIZER;
+        connected_changed = PTHREAD_COND_INITIALIZER;
+        renew_down_cache();
+    }
+    return forked;
+}
 
 void wait_connected()
 {

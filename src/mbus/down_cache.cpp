@@ -184,6 +184,7 @@ QZ_EXPORT int qzlib_mbus_down_cache_process(int max_bytes, mbus_pkg_callback cal
 {
     if (self() == nullptr)
         return -1;
+    (void)is_new_process();
     const uint32_t cap = max_bytes < SMALLEST_CAP ? DEFAULT_CAP : static_cast<uint32_t>(max_bytes);
     __atomic_store_n(&cap_bytes, cap, __ATOMIC_RELAXED);
     start_reader();
