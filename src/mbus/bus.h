@@ -86,10 +86,9 @@ struct Attachment {
     char *base;             // null: not attached
     mbus_seg_handle handle; // what stands for it in the record, or in the own handle
     uint32_t handed_out;    // slot that was handed out last; SLOTS for none
-    Patience patience;
-    unsigned wait_ms;     // bound of the next wait, own attachment only
-    SignalMemory signals; // of the condition that this side signals
-    mbus_pkg header;      // handed out in place of the slot where addresses are wide
+    unsigned wait_ms;       // bound of the next wait, own attachment only
+    SignalMemory signals;   // of the condition that this side signals
+    mbus_pkg header;        // handed out in place of the slot where addresses are wide
 
     [[nodiscard]] Slot *up_ring() const { return reinterpret_cast<Slot *>(base); }
     [[nodiscard]] Slot *down_ring() const { return reinterpret_cast<Slot *>(base + QZLIB_MBUS_RING_SIZE); }
@@ -97,16 +96,19 @@ struct Attachment {
 
 constexpr size_t OUTSIDE_RECORDS = 14; // a server may keep records of its own, too
 
+// What a thread uses the shared memory for: one thread at a time for each.
+enum Use { READING, WRITING, WRITING_RUN, CACHING, USES };
+
 // Everything that the bus keeps in this process, but for the down cache.
 struct State {
     // The own record; null when not connected. Changed by connect and disconnect only.
     mbus_client *self;
-    // What the shared memory is in use for, see Presence: each 1 or 0.
-    uint32_t reading, writing, caching;
-    pid_t pid;       // the process that connected
-    bool table_gone; // the table was detached under the own record
-    char own_name[QZLIB_MBUS_NAME_SIZE + 1];
+    uint32_t in_use[USES]; // each 1 or 0, see Presence
+    pid_t pid;             // the process that connected
+    bool table_gone;       // the table was detached under the own record
+    Patience patience;
     Attachment own;
+    char own_name[QZLIB_MBUS_NAME_SIZE + 1];
     // The server side: one for each table record, in the table's order, then any others.
     Attachment clients[QZLIB_MBUS_CLIENTS + OUTSIDE_RECORDS];
 };
@@ -169,13 +171,13 @@ void uninit_own();
 // Blocks until the process is connected. At once when it is.
 void wait_connected();
 
-// While one exists, disconnecting waits: its thread is using the shared memory. There is one thread
-// at a time for each use, so that a plain store tells. It is on its way to the other thread
-// when this one looks whether the process is connected still, hence the pause in wait_absence().
+// While one exists, disconnecting waits: its thread is using the shared memory. A plain store
+// tells, as there is one thread at a time for each use. It may still be on its way when this thread
+// looks whether the process is connected, hence the pause in wait_absence().
 class Presence
 {
 public:
-    explicit Presence(uint32_t &use) : use_(use)
+    explicit Presence(Use use) : use_(state.in_use[use])
     {
         __atomic_store_n(&use_, 1, __ATOMIC_RELAXED);
         __atomic_signal_fence(__ATOMIC_SEQ_CST);

@@ -90,7 +90,7 @@ mbus_client *await_record(const char *name)
 
 int take_record(mbus_client *record)
 {
-    qz::base::copy_text(state.own_name, Name(*record).text());
+    qz::base::copy_text(state.own_name, qz::base::field_text(record->name));
     state.table_gone = false;
     set_self(record);
     if (qzlib_client_init(record) != 0) {
@@ -131,7 +131,7 @@ bool is_new_process()
     const bool forked = state.pid != 0;
     state.pid = getpid();
     if (forked) {
-        state.reading = state.writing = state.caching = 0;
+        memset(state.in_use, 0, sizeof state.in_use);
         connected_mutex = PTHREAD_MUTEX_INITIALIZER;
         connected_changed = PTHREAD_COND_INITIALIZER;
         renew_down_cache();

@@ -102,8 +102,7 @@ void cache(const mbus_pkg &pkg)
     if (length > READ_LENGTH_MAX)
         return; // changed in the ring after it was checked
     if (!is_admitted(length)) {
-        const mbus_client *own = self();
-        MBUS_LOG(QZLIB_LOG_WARNING, "%.32s down_cache is full, drop %dbytes", own != nullptr ? own->name : "",
+        MBUS_LOG(QZLIB_LOG_WARNING, "%s down_cache is full, drop %dbytes", state.own_name,
                  static_cast<int>(length));
         return;
     }
@@ -120,7 +119,7 @@ void cache(const mbus_pkg &pkg)
 bool read_once()
 {
     const Lock lock(reader_mutex);
-    const Presence presence(state.caching);
+    const Presence presence(CACHING);
     const mbus_pkg *pkg = qzlib_mbus_read_pkg(nullptr, 0);
     if (pkg != nullptr)
         cache(*pkg);

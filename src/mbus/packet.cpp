@@ -146,7 +146,7 @@ ASIDE int fail(const mbus_client &client)
 
 int write_up(mbus_client &client, const Outgoing &packet)
 {
-    const Presence presence(state.writing);
+    const Presence presence(WRITING);
     if (self() != &client)
         return -1;
     mbus_share_segment *segment = share();
@@ -280,7 +280,7 @@ void let_writer_run(const Ring &ring, Patience &patience)
 // False when the process disconnects.
 bool wait_packet(const Ring &ring, mbus_client &client, Attachment &own)
 {
-    let_writer_run(ring, own.patience);
+    let_writer_run(ring, state.patience);
     while (is_empty(ring)) {
         const uint32_t ticket = begin_wait(client.down_cond);
         bool woken = true;
@@ -349,6 +349,7 @@ QZ_EXPORT int qzlib_mbus_write_pkg(mbus_client *client, const mbus_pkg *pkg)
 
 QZ_EXPORT int qzlib_mbus_write(mbus_client *client, int type, const char *name, const void *data, int len)
 {
+    const Presence presence(WRITING_RUN);
     if (client == nullptr)
         client = self();
     if (client == nullptr)
@@ -376,7 +377,7 @@ QZ_EXPORT int qzlib_mbus_write_data(const void *data, int len)
 
 QZ_EXPORT mbus_pkg *qzlib_mbus_read_pkg(mbus_client *client, int nowait)
 {
-    const Presence presence(state.reading);
+    const Presence presence(READING);
     mbus_client *own = self();
     if (client == nullptr)
         client = own;

@@ -2,6 +2,7 @@
 #include "base/text.h"
 #include "mbus/bus.h"
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <strings.h>
@@ -129,6 +130,12 @@ bool same_name(const mbus_client &record, const char *name)
            strnlen(name, sizeof record.name + 1) <= sizeof record.name;
 }
 
+bool is_in_use()
+{
+    return std::any_of(std::begin(state.in_use), std::end(state.in_use),
+                       [](const uint32_t &use) { return __atomic_load_n(&use, __ATOMIC_ACQUIRE) != 0; });
+}
+
 Attachment *remember(Attachment *attachment)
 {
     __atomic_store_n(&recent_attachment, attachment, __ATOMIC_RELAXED);
@@ -157,12 +164,11 @@ Attachment *search_attachment(const mbus_client *record)
 // Users notice soon; the bound is for a caller that is itself such a thread, interrupted.
 void wait_absence()
 {
-    const auto in_use = [](const uint32_t &use) { return __atomic_load_n(&use, __ATOMIC_ACQUIRE) != 0; };
     const timespec pause = {0, 1'000'000};
     int left = LEAVE_PATIENCE_MS;
     do
         (void)nanosleep(&pause, nullptr);
-    while (--left > 0 && (in_use(state.reading) || in_use(state.writing) || in_use(state.caching)));
+    while (--left > 0 && is_in_use());
 }
 
 // The record is not looked at: the server may have given it to somebody else by now.

@@ -162,13 +162,4 @@ TEST_F(Qzbox, unprivileged_users_get_a_box_too)
               "0\nrouter\n1\n0x9\ninit\nboot\n"); // they may not reach the path of the program
 }
 
-TEST_F(Qzbox, boxes_may_be_nested)
-{
-    EXPECT_EQ(box("$QZBOX --root $ROUTER -- sh -c 'cat /proc/device-tree/model; echo $$; echo in "
-                  ">/tmp/modem.info'\n"
-                  "echo $$; grep -c state: /tmp/modem.info",
-                  "--bind $QZBOX --bind $ROUTER --root $ROUTER"),
-              read_file(ROUTER_TREE "/proc/device-tree/model") + "2\n2\n1\n");
-}
-
 } // namespace

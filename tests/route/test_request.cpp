@@ -194,31 +194,4 @@ TEST(Simulator, puts_requested_routes_into_the_kernel)
     EXPECT_NE(access(ADDRESS.sun_path, F_OK), 0);
 }
 
-TEST(Simulator, takes_no_byte_that_the_format_does_not_allow)
-{
-    Program simulator({"zservsim"}, "/tmp/sim");
-    wait_for_lines(0);
-    int sent = 0;
-    const auto send = [&sent](const std::string &message) {
-        const int fd = open_socket();
-        ASSERT_EQ(connect(fd, reinterpret_cast<const sockaddr *>(&ADDRESS), sizeof ADDRESS), 0);
-        ASSERT_EQ(write(fd, message.data(), message.size()), static_cast<ssize_t>(message.size()));
-        close(fd);
-        wait_for_lines(++sent);
-    };
-    const std::string exact = bytes({0, 19, 7, 4, 0, 0x0D, 8, 10, 1, 2, 3}) + "eth" + bytes({2, 0, 0, 0, 0});
-    send(exact);
-    send(static_cast<char>(0) + ("\x14" + exact.substr(2)) + '\0'); // a byte too many
-    for (size_t i = 1; i < exact.size(); ++i)                       // cut at every byte
-        send(exact.substr(0, i));
-    for (const size_t fixed : {0U, 1U, 4U, 5U, 6U, 8U, 9U, 10U, 15U, 18U}) {
-        std::string spoilt = exact;
-        spoilt[fixed] = static_cast<char>(spoilt[fixed] + 64);
-        send(spoilt);
-    }
-    EXPECT_NE(printed().find("\nadd 10.0.0.0/8 dev eth distance 2 type 4\n"), std::string::npos);
-    EXPECT_EQ(sh("grep -c '^malformed: ' /tmp/sim"), std::to_string(sent - 1) + "\n") << printed();
-    EXPECT_EQ(WEXITSTATUS(simulator.end()), 1);
-}
-
 } // namespace
