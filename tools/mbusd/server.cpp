@@ -500,10 +500,10 @@ bool Server::give(const mbus_pkg &pkg, size_t receiver)
 {
     if (!has_room(receiver) && !members_[receiver].stalled)
         return false;
-    if (pkg.length > QZLIB_MBUS_PAYLOAD_MAX) // which may be read, but not written
+    // Counts what it drops for want of room. A packet may be read that is too long to be written.
+    if (qzlib_mbus_write_pkg(&record(receiver), &pkg) != 0 && pkg.length > QZLIB_MBUS_PAYLOAD_MAX)
         log_line(QZLIB_LOG_WARNING, "%s: a packet of %u bytes is dropped",
                  printable(field(pkg.name, sizeof pkg.name)).c_str(), pkg.length);
-    (void)qzlib_mbus_write_pkg(&record(receiver), &pkg); // counts what it drops
     return true;
 }
 
