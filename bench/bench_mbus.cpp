@@ -5,8 +5,8 @@
 // Everything is measured in one run, interleaved, and compared by medians. The bus is
 // measured in both directions: down, the client waiting in qzlib_mbus_read_pkg(), and up, the
 // server waiting as mbusd does. Runs in a box, whose /tmp/mbus.sock and shared memory it uses.
-#include "patience.h"
-#include "up_condition.h"
+#include "mbus/format.h"
+#include "mbus/patience.h"
 
 #include <benchmark/benchmark.h>
 #include <qzlib.h>
@@ -105,7 +105,6 @@ struct ServerEnd {
     mbus_client *record;
 };
 ServerEnd *server;
-mbusd::UpCondition *up_condition;
 
 void connect_client()
 {
@@ -129,7 +128,7 @@ void write_packets(mbus_client *record, int size, int count)
 // As mbusd waits for packets in the up rings.
 mbus_pkg *read_up()
 {
-    static mbusd::Patience patience;
+    static qz::mbus::Patience patience;
     const auto has_packet = [] {
         return __atomic_load_n(&server->record->up_write, __ATOMIC_SEQ_CST) != server->record->up_read;
     };
@@ -137,13 +136,12 @@ mbus_pkg *read_up()
         mbus_pkg *pkg = qzlib_mbus_read_pkg(server->record, 1);
         if (pkg != nullptr)
             return pkg;
-        patience.spend(has_packet);
+        qz::mbus::let_writers_run(patience, has_packet);
         if (has_packet())
             continue;
-        up_condition->begin();
+        qz::mbus::Wait wait(qz::mbus::up_doorbell(*server->share), false);
         if (!has_packet())
-            (void)up_condition->sleep(1000);
-        up_condition->end();
+            (void)wait.sleep(1000);
     }
 }
 
@@ -518,9 +516,9 @@ benchmark::internal::Benchmark *once(benchmark::internal::Benchmark *entry)
 int main(int argc, char **argv)
 {
     ServerEnd end;
-    mbusd::UpCondition condition(end.share->up_cond);
+    qz::mbus::init_condition(end.share->up_cond);
+    qz::mbus::serve(qz::mbus::up_doorbell(*end.share));
     server = &end;
-    up_condition = &condition;
     const std::vector<Transport> transports = make_transports();
     for (const Transport &transport : transports)
         for (const int size : SIZES)

@@ -2,10 +2,10 @@
 # that scripts/target-musl prepares. The compiler is Debian's, configured for glibc: its own
 # header and library folders are set aside, its C++ headers are told what they would otherwise
 # ask glibc for. <atomic> and <memory> still need glibc; the library does not use them.
-include(${CMAKE_CURRENT_LIST_DIR}/toolchain-mipsel.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/toolchain-debian.cmake)
 set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY) # there is no libc to link programs with yet
 
-get_filename_component(QZLIB_MUSL "${CMAKE_CURRENT_LIST_DIR}/../build/target/musl" ABSOLUTE)
+get_filename_component(QZLIB_MUSL "${CMAKE_CURRENT_LIST_DIR}/../build/target/mipsel/musl" ABSOLUTE)
 set(GCC_INCLUDES /usr/lib/gcc-cross/mipsel-linux-gnu/12/include)
 set(CXX_INCLUDES /usr/mipsel-linux-gnu/include/c++/12)
 set(LIBC_HEADERS "-isystem ${QZLIB_MUSL}/usr/include/mipsel-linux-musl -isystem ${GCC_INCLUDES} -isystem ${QZLIB_MUSL}/kernel")

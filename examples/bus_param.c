@@ -4,17 +4,24 @@
  * Sends "NAME=VALUE" to every daemon on the bus (topic "param") whenever the value changes, and
  * answers "get NAME" with it. Lines "NAME=VALUE" on standard input change the parameter; the
  * program ends with its input, or with SIGTERM.
- *
- * Usage: bus_param [CLIENT-NAME]
  */
+#include "arguments.h"
+#include "bus.h"
+
 #include <qzlib.h>
 
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
 
 #define MODULE "bus_param"
+
+static const char USAGE[] =
+    "Usage: bus_param [CLIENT-NAME]\n"
+    "Own a parameter on the message bus; lines NAME=VALUE on standard input change it.\n"
+    "Ends with its input or on SIGTERM.\n";
 
 enum { TYPE_EVENT = 0, TYPE_REQUEST = 1, TYPE_ANSWER = 2 };
 
@@ -53,6 +60,16 @@ static void change_parameter(const char *line)
     fflush(stdout);
 }
 
+static const char *name_argument(int argc, char **argv)
+{
+    const int at = take_operands(MODULE, USAGE, argc, argv, 1);
+    const char *name = at < argc ? argv[at] : MODULE;
+
+    if (*name == '\0' || strlen(name) > QZLIB_MBUS_NAME_SIZE)
+        wrong_usage(MODULE, name, "a client's name has 1 to 32 characters");
+    return name;
+}
+
 static volatile sig_atomic_t stop;
 
 static void on_stop(int sig)
@@ -63,7 +80,8 @@ static void on_stop(int sig)
 
 int main(int argc, char **argv)
 {
-    const char *name = argc > 1 ? argv[1] : "bus_param";
+    const char *name = name_argument(argc, argv);
+    struct pollfd input = {STDIN_FILENO, POLLIN, 0};
     struct sigaction action;
     char line[256];
 
@@ -72,14 +90,22 @@ int main(int argc, char **argv)
     action.sa_handler = on_stop; /* without SA_RESTART: it ends the read below */
     sigaction(SIGTERM, &action, NULL);
     if (qzlib_connect_mbus_server(name) != 0) {
-        fprintf(stderr, "bus_param: no bus\n");
+        fprintf(stderr, "bus_param: cannot join the bus as %s: no server, or it refused the name\n", name);
         return 1;
     }
     if (qzlib_mbus_down_cache_process(64 * 1024, on_packet) != 0)
         return 1;
     printf("bus_param: connected as %s\n", name);
     fflush(stdout);
-    while (!stop && fgets(line, sizeof line, stdin) != NULL) {
+    setvbuf(stdin, NULL, _IONBF, 0); /* nothing waits where poll() does not see it */
+    while (!stop) {
+        pthread_mutex_lock(&lock);
+        (void)on_bus(name); /* again, if the server was replaced */
+        pthread_mutex_unlock(&lock);
+        if (poll(&input, 1, 1000) <= 0)
+            continue;
+        if (fgets(line, sizeof line, stdin) == NULL)
+            break;
         line[strcspn(line, "\n")] = '\0';
         if (strchr(line, '=') != NULL)
             change_parameter(line);

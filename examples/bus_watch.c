@@ -4,15 +4,23 @@
  * Prints every packet, asks the daemon named on the command line for its parameter at start,
  * and confirms every change of it with "seen NAME=VALUE", addressed to that daemon. It ends
  * with SIGTERM.
- *
- * Usage: bus_watch [CLIENT-NAME [PEER [PARAMETER]]]
  */
+#include "arguments.h"
+#include "bus.h"
+
 #include <qzlib.h>
 
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+
+#define MODULE "bus_watch"
+
+static const char USAGE[] =
+    "Usage: bus_watch [CLIENT-NAME [PEER [PARAMETER]]]\n"
+    "Print what comes over the message bus; ask PEER (default: bus_param) for PARAMETER\n"
+    "(default: mtu) and confirm its changes. Ends on SIGTERM or SIGINT.\n";
 
 enum { TYPE_EVENT = 0, TYPE_REQUEST = 1, TYPE_ANSWER = 2, TYPE_CONFIRM = 3 };
 
@@ -43,16 +51,27 @@ static int on_packet(unsigned type, const char *name, const void *data, unsigned
     return 0;
 }
 
+/* The argument at that place, or what it is without one. */
+static const char *text_argument(int argc, char **argv, int at, const char *otherwise, size_t size)
+{
+    const char *text = at < argc ? argv[at] : otherwise;
+
+    if (*text == '\0' || strlen(text) > size)
+        wrong_usage(MODULE, text, "no name, or a longer one than the bus takes");
+    return text;
+}
+
 int main(int argc, char **argv)
 {
-    const char *name = argc > 1 ? argv[1] : "bus_watch";
-    char request[64];
+    const int at = take_operands(MODULE, USAGE, argc, argv, 3);
+    const char *name = text_argument(argc, argv, at, MODULE, QZLIB_MBUS_NAME_SIZE);
+    char request[sizeof "get " + QZLIB_MBUS_PKG_NAME_SIZE];
+    const struct timespec look_every = {1, 0};
     sigset_t stop;
-    int sig;
 
-    if (argc > 2)
-        peer = argv[2];
-    snprintf(request, sizeof request, "get %s", argc > 3 ? argv[3] : "mtu");
+    peer = text_argument(argc, argv, at + 1, peer, QZLIB_MBUS_NAME_SIZE);
+    snprintf(request, sizeof request, "get %s",
+             text_argument(argc, argv, at + 2, "mtu", QZLIB_MBUS_PKG_NAME_SIZE));
     sigemptyset(&stop);
     sigaddset(&stop, SIGTERM);
     sigaddset(&stop, SIGINT);
@@ -60,7 +79,7 @@ int main(int argc, char **argv)
 
     openmsg(name);
     if (qzlib_connect_mbus_server(name) != 0) {
-        fprintf(stderr, "bus_watch: no bus\n");
+        fprintf(stderr, "bus_watch: cannot join the bus as %s: no server, or it refused the name\n", name);
         return 1;
     }
     printf("bus_watch: connected as %s\n", name);
@@ -68,7 +87,11 @@ int main(int argc, char **argv)
     if (qzlib_mbus_down_cache_process(0, on_packet) != 0)
         return 1;
     send_text(TYPE_REQUEST, request);
-    sigwait(&stop, &sig);
+    while (sigtimedwait(&stop, NULL, &look_every) < 0) {
+        pthread_mutex_lock(&lock);
+        (void)on_bus(name); /* again, if the server was replaced */
+        pthread_mutex_unlock(&lock);
+    }
     pthread_mutex_lock(&lock);
     qzlib_disconnect_mbus_server();
     pthread_mutex_unlock(&lock);

@@ -6,17 +6,15 @@
  * route at a distance of its own, and one that failed twice in a row loses it. The routing
  * daemon does not answer, so the tables are looked at until the route is where it should be.
  *
- * Usage: linkd [-p PORT] [-i INTERVAL_MS] [-n NAME] LINK=GATEWAY LINK=GATEWAY
- *        linkd -a PORT      be the far end: take connections on PORT and close them, for ever
- *
  * It ends on SIGTERM or SIGINT.
  */
+#include "arguments.h"
+
 #include <qzlib.h>
 
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -35,6 +33,22 @@ enum {
     ROUTE_DELETE = 8,
     ROUTE_STATIC = 4
 };
+
+static const char USAGE[] =
+    "Usage: linkd [-p PORT] [-i INTERVAL_MS] [-n NAME] LINK=GATEWAY LINK=GATEWAY\n"
+    "       linkd -a PORT\n"
+    "Keep the default route on the first of two links whose gateway answers.\n"
+    "\n"
+    "  -p, --port PORT             TCP port of the gateways that is tried (default 7)\n"
+    "  -i, --interval INTERVAL_MS  pause between two looks (default 500)\n"
+    "  -n, --name NAME             host name that is looked up at the start (default localhost)\n"
+    "  -a, --answer PORT           be the far end: take connections on PORT and close them\n"
+    "  -h, --help                  print this text\n";
+
+static const struct option OPTIONS[] = {
+    {"answer", required_argument, NULL, 'a'}, {"interval", required_argument, NULL, 'i'},
+    {"name", required_argument, NULL, 'n'},   {"port", required_argument, NULL, 'p'},
+    {"help", no_argument, NULL, 'h'},         {NULL, 0, NULL, 0}};
 
 /* Any address that only the default route leads to. */
 static const char OUTSIDE[] = "192.0.2.1";
@@ -154,7 +168,7 @@ static int answer(int port)
     address.sin_port = htons((uint16_t)port);
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (bind(fd, (struct sockaddr *)&address, sizeof address) != 0 || listen(fd, 16) != 0) {
-        perror("linkd");
+        fprintf(stderr, "linkd: port %d: %s\n", port, strerror(errno));
         return 1;
     }
     for (;;) {
@@ -165,20 +179,17 @@ static int answer(int port)
 }
 
 /* "LINK=GATEWAY". */
-static int parse_link(const char *text, struct link *link, unsigned char distance)
+static void parse_link(const char *text, struct link *link, unsigned char distance)
 {
+    struct in_addr address;
+    int length = 0;
+
     memset(link, 0, sizeof *link);
     link->distance = distance;
-    return sscanf(text, "%15[^=]=%15s", link->name, link->gateway) == 2 && qzlib_ip_is_valid(link->gateway)
-               ? 0
-               : -1;
-}
-
-static int usage(void)
-{
-    fprintf(stderr, "Usage: linkd [-p PORT] [-i INTERVAL_MS] [-n NAME] LINK=GATEWAY LINK=GATEWAY\n"
-                    "       linkd -a PORT\n");
-    return 2;
+    if (sscanf(text, "%15[^=/]=%15s%n", link->name, link->gateway, &length) != 2 || text[length] != '\0')
+        wrong_usage(MODULE, text, "not LINK=GATEWAY");
+    if (inet_pton(AF_INET, link->gateway, &address) != 1)
+        wrong_usage(MODULE, text, "the gateway is not an IPv4 address");
 }
 
 int main(int argc, char **argv)
@@ -189,30 +200,40 @@ int main(int argc, char **argv)
     const char *name = "localhost";
     char name_ip[16];
     int interval_ms = 500;
+    int answer_port = 0;
     int option, i;
 
-    while ((option = getopt(argc, argv, "a:i:n:p:")) != -1) {
+    begin_arguments(MODULE, argv);
+    while ((option = getopt_long(argc, argv, "a:hi:n:p:", OPTIONS, NULL)) != -1) {
         switch (option) {
         case 'a':
-            return answer(atoi(optarg));
+            answer_port = number_argument(MODULE, optarg, 1, 65535);
+            break;
+        case 'h':
+            print_usage(MODULE, USAGE);
+            break;
         case 'i':
-            interval_ms = atoi(optarg);
+            interval_ms = number_argument(MODULE, optarg, 1, 60000);
             break;
         case 'n':
             name = optarg;
             break;
         case 'p':
+            number_argument(MODULE, optarg, 1, 65535);
             port = optarg;
             break;
         default:
-            return usage();
+            return 2; /* getopt_long has said why */
         }
     }
-    if (argc - optind != LINKS)
-        return usage();
+    if (argc - optind > (answer_port == 0 ? LINKS : 0))
+        wrong_usage(MODULE, argv[argc - 1], "one argument too many");
+    if (answer_port != 0)
+        return answer(answer_port);
+    if (argc - optind < LINKS)
+        wrong_usage(MODULE, "a link is missing", "two of them are supervised");
     for (i = 0; i < LINKS; i++)
-        if (parse_link(argv[optind + i], &links[i], (unsigned char)(i + 1)) != 0)
-            return usage();
+        parse_link(argv[optind + i], &links[i], (unsigned char)(i + 1));
 
     memset(&action, 0, sizeof action);
     action.sa_handler = stop; /* without SA_RESTART: sleeps end */

@@ -2,9 +2,10 @@
  * modemd: the modem's daemon. Opens the modem's tty, asks for signal quality, card and network
  * in turn, and publishes what it learnt: the table in /tmp/modem.info, and each change on the
  * message bus when a bus server runs. Ends on SIGTERM or SIGINT.
- *
- * Usage: modemd [DEVICE]     (default: /dev/ttyUSB2)
  */
+#include "arguments.h"
+#include "bus.h"
+
 #include <qzlib.h>
 
 #include <fcntl.h>
@@ -21,14 +22,17 @@
 #define LOCK_FILE "/tmp/modem.lock"
 #define STATUS_FILE "/tmp/modem.info"
 #define STATUS_FILE_NEW "/tmp/modem.info.new"
-#define BUS_SOCKET "/tmp/mbus.sock"
+
+static const char USAGE[] =
+    "Usage: modemd [DEVICE]\n"
+    "Ask the modem on DEVICE (default: /dev/ttyUSB2) how it is, and publish it in\n" STATUS_FILE
+    " and on the message bus. Ends on SIGTERM or SIGINT.\n";
 
 enum {
     BAUD = 115200,
     ANSWER_TIMEOUT_S = 1, /* of silence; every exchange takes at least that long */
     SILENCES_ALLOWED = 3, /* then the line is opened anew */
     VALUE_SIZE = 64,
-    BUS_RETRY_S = 30
 };
 
 struct item {
@@ -76,35 +80,11 @@ static void write_status(void)
         debug_msg(QZLIB_LOG_ERROR, MODULE, __LINE__, "cannot write %s", STATUS_FILE);
 }
 
-/*
- * Whether this process is on the bus; joins it when a server runs. A server that was started
- * anew has another socket. A socket without a server costs the connect's six seconds, hence
- * not at every change.
- */
-static int on_bus(void)
-{
-    static ino_t joined;
-    static time_t tried;
-    struct stat server;
-    const time_t now = time(NULL);
-
-    if (stat(BUS_SOCKET, &server) != 0)
-        return 0;
-    if (server.st_ino == joined)
-        return 1;
-    if (tried != 0 && now >= tried && now - tried < BUS_RETRY_S)
-        return 0;
-    tried = now;
-    qzlib_disconnect_mbus_server(); /* from the server that is gone; nothing if there was none */
-    joined = qzlib_connect_mbus_server(MODULE) == 0 ? server.st_ino : 0;
-    return joined != 0;
-}
-
 /* Tells the other daemons of a change, when a bus server runs. The topic is the value's name. */
 static void publish(const struct item *item)
 {
     const int length = (int)strlen(item->value);
-    if (on_bus() && qzlib_mbus_write(NULL, 0, item->name, item->value, length) != length)
+    if (on_bus(MODULE) && qzlib_mbus_write(NULL, 0, item->name, item->value, length) != length)
         debug_msg(QZLIB_LOG_WARNING, MODULE, __LINE__, "%s was lost on the bus", item->name);
 }
 
@@ -118,7 +98,7 @@ static void set_value(struct item *item, const char *value)
     publish(item);
 }
 
-/* The text behind a prefix up to the line's end; 0 when there is no such line. */
+/* The text after a prefix up to the line's end; 0 when there is no such line. */
 static int find_line(const char *answer, const char *prefix, char *text, size_t size)
 {
     const char *found = strstr(answer, prefix);
@@ -208,6 +188,18 @@ static void poll_modem(int round)
             ask(&items[i]);
 }
 
+/* The device may come and go, but nothing else may be in its place: commands are written to it. */
+static const char *device_argument(int argc, char **argv)
+{
+    const int at = take_operands(MODULE, USAGE, argc, argv, 1);
+    const char *device = at < argc ? argv[at] : "/dev/ttyUSB2";
+    struct stat found;
+
+    if (*device == '\0' || (stat(device, &found) != 0 ? errno != ENOENT : !S_ISCHR(found.st_mode)))
+        wrong_usage(MODULE, device, "not a tty");
+    return device;
+}
+
 /* One program per line: whoever holds the lock may open the device. */
 static int take_lock(void)
 {
@@ -217,13 +209,13 @@ static int take_lock(void)
 
 int main(int argc, char **argv)
 {
-    const char *device = argc > 1 ? argv[1] : "/dev/ttyUSB2";
+    const char *device = device_argument(argc, argv);
     int round = 0;
 
     setvbuf(stdout, NULL, _IOLBF, 0);
     openmsg_com(LOG_FILE, LOG_CAP_BYTES, MODULE, 0);
     if (take_lock() != 0) {
-        printf("modemd: another program holds the modem's line\n");
+        fprintf(stderr, "modemd: %s: another program holds the modem's line\n", LOCK_FILE);
         return 1;
     }
     /* Blocked, these signals stay pending while the library's handler is on them, and are

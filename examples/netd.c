@@ -4,9 +4,9 @@
  * Logs to a file of its own, loads and changes its parameters, reads a block of the CLI
  * configuration, runs commands, guards against running twice, and has two threads that wait
  * on event flags. It ends on SIGTERM or SIGINT.
- *
- * Usage: netd [SERVICE]     (parameters in /tmp/config/SERVICE.conf; default: netd)
  */
+#include "arguments.h"
+
 #include <qzlib.h>
 
 #include <stdio.h>
@@ -16,6 +16,13 @@
 #define MODULE "netd"
 #define LOG_FILE "/tmp/netd.log"
 #define LOG_CAP_BYTES (64 * 1024)
+
+static const char USAGE[] =
+    "Usage: netd [SERVICE]\n"
+    "Live on the library: parameters in /tmp/config/SERVICE.conf (default: netd), log in\n" LOG_FILE
+    ". Ends on SIGTERM or SIGINT.\n";
+
+enum { SERVICE_NAME_MAX = 200 }; /* the store opens none with more characters */
 
 enum { EV_LINK = 1 << 0, EV_STOP = 1 << 1 };
 
@@ -68,7 +75,7 @@ static void read_interface_block(void)
     memset(table, 0, sizeof table);
     for (i = 0; i < ENTRIES; i++)
         memcpy(table + i * ENTRY_SIZE, &keys[i], sizeof keys[i]);
-    /* Every call gives the block behind the one named by the first value; a block without a name ends that.
+    /* Every call gives the block after the one named by the first value; a block without a name ends that.
      */
     while (cli_config_get(table, sizeof table, 0) != -1 && table[sizeof(char *)] != '\0') {
         printf("netd: CLI block:");
@@ -85,6 +92,18 @@ static void run_commands(void)
     /* A command that outlives the call is left to the shell. */
     printf("netd: a command in the background gave %d\n",
            qzlib_exe_cmd("(sleep %d; echo finished >/tmp/background.txt) >/dev/null 2>&1 &", 1));
+}
+
+static const char *service_argument(int argc, char **argv)
+{
+    const int at = take_operands(MODULE, USAGE, argc, argv, 1);
+    const char *service = at < argc ? argv[at] : MODULE;
+
+    if (*service == '\0' || strchr(service, '/') != NULL)
+        wrong_usage(MODULE, service, "not a service's name");
+    if (strlen(service) > SERVICE_NAME_MAX)
+        wrong_usage(MODULE, service, "too long for a service's name");
+    return service;
 }
 
 /* Waits for the link, then works until it is told to stop. */
@@ -109,7 +128,7 @@ static void *link_watcher(void *unused)
 
 int main(int argc, char **argv)
 {
-    const char *service = argc > 1 ? argv[1] : "netd";
+    const char *service = service_argument(argc, argv);
     pthread_t threads[2];
     sigset_t ends;
     int sig = 0;

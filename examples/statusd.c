@@ -2,9 +2,10 @@
  * statusd: a daemon that wants to know how the modem is. Reads the table that modemd keeps in
  * /tmp/modem.info whenever it has been replaced, and hears of changes at once on the message
  * bus when a bus server runs. Prints both. Ends on SIGTERM or SIGINT.
- *
- * Usage: statusd [NAME]...     (values to watch; default: rssi sim)
  */
+#include "arguments.h"
+#include "bus.h"
+
 #include <qzlib.h>
 
 #include <signal.h>
@@ -14,9 +15,12 @@
 #include <unistd.h>
 
 #define STATUS_FILE "/tmp/modem.info"
-#define BUS_SOCKET "/tmp/mbus.sock"
 
-enum { MAX_WATCHED = 16, VALUE_SIZE = 128, LOOK_EVERY_MS = 200 };
+enum { MAX_WATCHED = 16, NAME_SIZE = 64, VALUE_SIZE = 128, LOOK_EVERY_MS = 200 };
+
+static const char USAGE[] = "Usage: statusd [NAME]...\n"
+                            "Print the named values (at most 16; default: rssi sim) of " STATUS_FILE "\n"
+                            "and of the message bus whenever they change. Ends on SIGTERM or SIGINT.\n";
 
 struct watched {
     const char *name;
@@ -60,25 +64,36 @@ static int show_packet(unsigned int type, const char *name, const void *data, un
     return 0;
 }
 
-/* Hears of changes from now on, when a bus server runs. */
+/* Hears of changes from now on, while a bus server runs. */
 static void listen_on_bus(void)
 {
-    if (access(BUS_SOCKET, F_OK) == 0 && qzlib_connect_mbus_server("statusd") == 0)
-        qzlib_mbus_down_cache_process(0, show_packet);
+    static int listening;
+
+    if (on_bus("statusd") && !listening)
+        listening = qzlib_mbus_down_cache_process(0, show_packet) == 0;
+}
+
+static void take_names(int argc, char **argv)
+{
+    const int first = take_operands("statusd", USAGE, argc, argv, MAX_WATCHED);
+    int i;
+
+    for (i = first; i < argc; i++) {
+        if (*argv[i] == '\0' || strlen(argv[i]) >= NAME_SIZE)
+            wrong_usage("statusd", argv[i], "a value's name has 1 to 63 characters");
+        watched[i - first].name = argv[i];
+        watched_count = i - first + 1;
+    }
 }
 
 int main(int argc, char **argv)
 {
     const struct timespec pause = {0, LOOK_EVERY_MS * 1000000L};
     sigset_t ends;
-    int i;
 
+    take_names(argc, argv);
     setvbuf(stdout, NULL, _IOLBF, 0);
     openmsg_com("/tmp/statusd.log", 0, "statusd", 0);
-    for (i = 1; i < argc && i <= MAX_WATCHED; i++) {
-        watched[i - 1].name = argv[i];
-        watched_count = i;
-    }
     /* Before the bus starts its threads, so that they inherit the mask. */
     sigemptyset(&ends);
     sigaddset(&ends, SIGTERM);
@@ -88,6 +103,7 @@ int main(int argc, char **argv)
     listen_on_bus();
     printf("statusd: running\n");
     do {
+        listen_on_bus();
         if (file_is_new() && qzlib_update_modem_status_info_tab() == 0)
             show_changes();
     } while (sigtimedwait(&ends, NULL, &pause) < 0);

@@ -8,14 +8,21 @@
  * text says otherwise. Names are part of the interface as they stand, misspelt ones
  * included (cli_find_paremeter, qzlib_event_unint, qzlib_str_tolowr, ...).
  *
- * Sections, one per family:
- *   strings and addresses, message log, CLI configuration, service store, message bus,
- *   serial line and AT chat, event flags, routing, boot environment, modem status, local
- *   messages, LEDs and GPIOs, files and packages, commands and processes, system
- *   statistics, device information, sockets, network interfaces, probes.
+ * Sections, in this order, and the folder that each is defined in:
+ *   Strings and addresses      src/str        Local messages           src/modem
+ *   Message log                src/log        LEDs and GPIOs           src/modem
+ *   CLI configuration          src/log        Files and packages       src/system
+ *   Service store              src/service    Commands and processes   src/system
+ *   Message bus                src/mbus       System statistics        src/system
+ *   Serial line and AT chat    src/chat       Device information       src/device
+ *   Event flags                src/event      Sockets                  src/socket
+ *   Routing                    src/route      Network interfaces       src/net
+ *   Boot environment           src/bootenv    Probes                   src/net
+ *   Modem status               src/modem
  *
  * The cJSON functions come with the library: <cjson/cJSON.h> is included here, and a
- * daemon that links with -lqzlib alone may call them.
+ * daemon that links with -lqzlib alone may call them. libqzlib.so is a linker script: what
+ * loads the library at run time names libqzlib.so.3 (in Python, CDLL("libqzlib.so.3")).
  */
 #ifndef QZLIB_H
 #define QZLIB_H
@@ -85,7 +92,7 @@ void qzlib_str_del_crlf(char *str);
 /**
  * Find the last component of a path.
  * @param path  not null
- * @return pointer into path behind its last '/', to its terminator when it ends in '/';
+ * @return pointer into path after its last '/', to its terminator when it ends in '/';
  *         path itself when it has none
  */
 char *qzlib_path_notdir(char *path);
@@ -170,7 +177,10 @@ void openmsg_com(const char *path, int max_size, const char *ident, int flags);
 /** Send this process's messages to syslog: openmsg_com(NULL, 0, ident, 0). */
 void openmsg(const char *ident);
 
-/** End syslog mode with closelog(); nothing to do in file mode. Later messages reopen. */
+/**
+ * End syslog mode with closelog(); nothing to do in file mode. Later messages reopen syslog,
+ * under the program's name: the ident is lost, call openmsg() again to have it.
+ */
 void closemsg(void);
 
 /**
@@ -182,6 +192,13 @@ void closemsg(void);
  * priority of the level (debug goes out as LOG_INFO, fatal as LOG_EMERG), the message at
  * most 1022 characters. A log file that cannot be opened costs that message and one
  * syslog line at LOG_ERR. Nothing is allocated. Callable from any thread.
+ *
+ * In a signal handler only where the interrupted thread cannot be in debug_msg(), syslog(),
+ * malloc() or the time zone functions (str_timestamp() too): it would wait for ever for their
+ * locks. From the first dev_init() on debug_msg() itself holds back the six signals that
+ * chat_signal_handler() is installed for. In a child that was forked from a process with
+ * threads it may hang likewise, in libc's time zone or syslog lock: exec first, or fork
+ * before there are threads.
  * @param level   QZLIB_LOG_DEBUG to QZLIB_LOG_FATAL, no other value
  * @param module  source module for syslog ("{module->line}"), or null for the bare message
  * @param line    line of the call
@@ -190,13 +207,19 @@ void closemsg(void);
 void debug_msg(int level, const char *module, int line, const char *format, ...) QZLIB_PRINTF(4, 5);
 
 /**
- * Format a time as local time, "%Y-%m-%d %X".
+ * Format a time as local time, "%Y-%m-%d %X". In programs that are built with _TIME_BITS=64
+ * for 32-bit glibc t is cut to 32 bits, the library's own time_t there: up to 2038, and 0 for
+ * now, which has no end.
  * @param t     seconds since the epoch; 0 for now
  * @param buf   receives at most size - 1 characters; its last byte is always set to NUL
  * @param size  of buf in bytes, at least 1
  * @return buf
  */
+#if defined(__GLIBC__) && defined(_TIME_BITS) && _TIME_BITS == 64 && !defined(__LP64__)
+char *str_timestamp(int32_t t, char *buf, int size);
+#else
 char *str_timestamp(time_t t, char *buf, int size);
+#endif
 
 /**
  * Delete a file that has reached a size.
@@ -222,7 +245,8 @@ int reset_file_size(const char *path, int max_size);
 
 /**
  * Ask whether a block contains a text (the name is spelt so). Lines of at most 255
- * characters are read. The first block with that header line counts.
+ * characters, line end included, are read: a header of 255 characters never matches. The
+ * first block with that header line counts.
  * @param block  the whole header line, without its line end
  * @param text   text to find anywhere in a line of the block
  * @return 0 found; -1 not found, no such block, no file, or a null argument
@@ -235,7 +259,7 @@ int cli_find_paremeter(const char *block, const char *text);
  *
  * The table is one buffer that holds a run of entries, each at a 4-byte boundary of the
  * buffer: the address of the key (one machine word, which need not be aligned further),
- * directly behind it the value's area, then only zero bytes up to the next entry. The
+ * directly after it the value's area, then only zero bytes up to the next entry. The
  * caller zeroes the table, puts the keys in, and leaves room for the longest value
  * expected and its terminator; a longer one is cut to its area. The first entry's key is
  * the word that block headers begin with, and its value receives the header's argument;
@@ -247,8 +271,14 @@ int cli_find_paremeter(const char *block, const char *text);
  * before it is read, so that passing the table back again and again enumerates the
  * blocks. The search ends at a second block with the preset argument.
  *
+ * Such an enumeration never ends where the first block taken has no argument (the value stays
+ * empty, and the next call is a first one) and where an argument comes again after another
+ * block; keep the arguments seen, or a count. An argument that was cut to its area equals
+ * none and ends it. In a file with CRLF line ends a key without a value counts as a
+ * parameter found, with an empty value.
+ *
  * A parameter counts where its key's first occurrence in the line has a blank before it.
- * The character behind the key and further blanks are passed over, and an empty rest is no
+ * The character after the key and further blanks are passed over, and an empty rest is no
  * value. With QZLIB_CLI_WORDS the value is one word, the last line wins, and a line may
  * serve several entries in their order; otherwise it is the rest of the line and the first
  * line wins. One or two line-end characters are removed. A line that begins with
@@ -283,7 +313,7 @@ int cli_config_get(void *table, int size, int mode);
  * several; a NUL byte ends its line's text; a last line without line feed is not taken.
  * Once an ungrouped parameter was read, indented lines are skipped up to the next header.
  *
- * The store is a flat list in file order: a group is a header entry and the members behind
+ * The store is a flat list in file order: a group is a header entry and the members after
  * it, up to the next header of another name; a further header of the same name before that
  * continues the group. Entries in front of the first header are outside any group, as are
  * all of type SERVICE_NODE_TOP. A null or empty group argument means "outside any group".
@@ -337,7 +367,8 @@ int qzlib_service_info_empty(service_info *info);
  * Write the store as a file that reads back to the same entries. Groups without members are
  * not written, deliberately. Names and values are written as they stand: blanks around them,
  * line feeds, a name with '=' or a leading '#', a group called "shutdown" read back otherwise.
- * Write errors are ignored.
+ * An ungrouped parameter without a value, other than "shutdown", is written as its name alone,
+ * which reads back as a group header. Write errors are ignored.
  * @param path  created or truncated; any path, though only /tmp/config/SERVICE.conf is read
  *              by qzlib_service_info_init()
  * @return 0; -1 for a null argument or when the file cannot be opened for writing
@@ -363,7 +394,7 @@ int qzlib_service_set_param(service_info *info, const char *group, const char *n
 
 /**
  * Add a parameter, even if there is one of that name. In a group the new one goes directly
- * behind the first of its name, deliberately: a, then b, then c come out as a, c, b. Places
+ * after the first of its name, deliberately: a, then b, then c come out as a, c, b. Places
  * and results are otherwise those of qzlib_service_set_param().
  */
 int qzlib_service_set_param_repeat(service_info *info, const char *group, const char *name,
@@ -384,7 +415,7 @@ int qzlib_service_set_param_repeat(service_info *info, const char *group, const 
 int qzlib_service_del_param(service_info *info, const char *group, const char *name, const char *value);
 
 /**
- * Find the first parameter of a name. In a group an ungrouped parameter behind the header
+ * Find the first parameter of a name. In a group an ungrouped parameter after the header
  * ends the search, though it does not when setting or deleting.
  * @param group      null or empty: outside any group
  * @param value_out  256 bytes that receive the value as strncpy() fills them, without
@@ -408,7 +439,7 @@ int qzlib_service_find_param(const char *service, const char *group, const char 
 int qzlib_service_get_group_name(const service_info *info, service_param_list *out);
 
 /**
- * List the parameters of one group; an ungrouped parameter behind the header ends it.
+ * List the parameters of one group; an ungrouped parameter after the header ends it.
  * @return their number, at most SERVICE_MAX_ENTRIES, 0 when there is no such group; -1 for a
  *         null argument or an empty group, with nothing written
  */
@@ -441,7 +472,11 @@ int qzlib_service_get_param_num(const service_info *info);
  * waits in qzlib_mbus_read_pkg() and the down cache are looked after). Packets are written
  * and read without heap and, when nobody sleeps on the ring, without a system call. A
  * process that is killed at any point stops nobody else. Messages go to debug_msg() with
- * the module "mbus_api". */
+ * the module "mbus_api".
+ *
+ * When the server ends, writes are refused from then on. A daemon that finds its own name no
+ * longer (qzlib_find_client_by_name() gives null, without a system call) connects again: look
+ * when a write is refused, and now and then. One that was killed is replaced unnoticed. */
 
 #define QZLIB_MBUS_SOCKET "/tmp/mbus.sock" /**< control socket, bound by the bus server */
 
@@ -501,7 +536,7 @@ typedef struct mbus_client {
     uint64_t client_dropped;         /**< bytes the client dropped: up ring full */
     pthread_cond_t down_cond;        /**< process-shared, for packets in the down ring */
     uint32_t flags;                  /**< set by the client; the bits are the bus server's */
-    uint32_t reserved;
+    uint32_t reserved;               /**< that of the last record is the server's doorbell, see docs/bus.md */
 } mbus_client;
 
 /** The share segment, 8520 bytes. */
@@ -590,9 +625,10 @@ int qzlib_client_set_flag(unsigned flags);
 int qzlib_client_clear_flag(unsigned flags);
 
 /**
- * Join the bus. Blocks for up to 6 seconds when no server answers (4 attempts), for up to a
- * second while its queue is full, else for some milliseconds; the server has about 7 ms to
- * enter the name in its table. Logs success at level 1 and a segment that cannot be had at
+ * Join the bus. Blocks for up to 6 seconds when no server answers (4 attempts), for up to
+ * 250 ms while its queue is full, for as long while it has not read what this name sent in a former
+ * connection, else for some milliseconds; the server has about 7 ms to enter the name in its
+ * table. Logs success at level 1 and a segment that cannot be had at
  * level 3. A process that is connected leaves the bus first; one that was forked from a connected one
  * leaves it silently, and its parent stays.
  * @param name  1 to 32 characters. One that another process has, without regard to case, is
@@ -606,7 +642,7 @@ int qzlib_connect_mbus_server(const char *name);
 /**
  * Leave the bus. A thread that waits in qzlib_mbus_read_pkg() gets null; the down cache
  * sleeps until the process connects again. Payloads that were handed out are gone. What was
- * written before is still delivered.
+ * written before is still delivered: by mbusd always, by another server if it reads it in time.
  * Logs at level 1; does nothing when not connected.
  * @return 0
  */
@@ -643,8 +679,9 @@ int qzlib_mbus_write_data(const void *data, int len);
  * skipped with a message at level 2 and gives null.
  *
  * Waiting costs nothing while the ring is idle. The wait is bounded by 1 ms, doubling to
- * 1 s while no packet comes, so that a packet whose writer failed to signal it (was
- * killed, or is built on older rules) is late by no more than the ring was idle, at most 1 s.
+ * 1 s while no packet comes, so that a packet whose writer failed to signal it (is built on
+ * older rules) is late by no more than the ring was idle, at most 1 s. Where the server knows
+ * doorbells (mbusd) none is missed, and the bound, for a server that was killed, is 16 times that.
  * @param client  null or the own record; as bus server another record
  * @param nowait  0: wait for a packet; the server's side never waits and logs at level 2, as
  *                both do when the ring is not attached
@@ -682,10 +719,10 @@ int qzlib_mbus_down_cache_process(int max_bytes, mbus_pkg_callback callback);
  * buffer is full, or the expected text was seen. The timeout counts anew for every piece,
  * so an answer that trickles in keeps a call going. OK and ERROR are not interpreted.
  * Calls that send first discard everything pending on the line in both directions. Every
- * call leaves the descriptor non-blocking. A signal that arrives while a call waits ends
- * it with the result of a failed wait. Descriptors are borrowed, of any number (there is
- * no FD_SETSIZE bound), from dev_init(): without its handler the write alarm of the
- * sending calls would end the process.
+ * call leaves the descriptor non-blocking. A signal whose handler runs while a call waits
+ * ends it with the result of a failed wait, also with SA_RESTART. Descriptors are borrowed,
+ * of any number (there is no FD_SETSIZE bound), from dev_init(): without its handler the
+ * write alarm of the sending calls would end the process.
  *
  * A negative descriptor, a null pointer, a command of more than 509 characters and a raw
  * length below 0 or above 512 are refused: "argument error", result -1, nothing sent and
@@ -731,7 +768,7 @@ extern int at_modem_error;
  * @param flags  for open(), unchanged (O_RDWR | O_NOCTTY | O_NONBLOCK); close-on-exec only
  *               if O_CLOEXEC is among them
  * @param baud   rate from speeds_list; another one is logged and the speed kept; 0 keeps it
- * @return descriptor above 0, the caller's until dev_close(); 0 or below when it cannot be
+ * @return descriptor above 2, the caller's until dev_close(); 0 or below when it cannot be
  *         opened (the last result of open(): nothing is open then, since descriptor 0
  *         counts as a failure, deliberately); -1 when the alarm fired, all six signal
  *         actions restored
@@ -788,13 +825,14 @@ int chat_expect(int fd, const char *expected, int timeout, int log);
 
 /**
  * Collect what arrives.
- * @param buffer   receives at most size - 1 bytes and a NUL behind them; its last byte is
+ * @param buffer   receives at most size - 1 bytes and a NUL after them; its last byte is
  *                 set to NUL first, and when nothing arrives that is all
  * @param size     of buffer in bytes; below 2 the result is 0 at once
  * @param timeout  seconds of silence
  * @param log      not 0: log the traffic (nothing when nothing arrived)
  * @return bytes read, also when a read failed after them (unlike chat_send_read(),
- *         deliberately); -1 when a wait failed or for a bad argument
+ *         deliberately); on a line that was hung up at once, with 0; -1 when a wait failed or
+ *         for a bad argument
  */
 int chat_read(int fd, char *buffer, int size, int timeout, int log);
 
@@ -806,7 +844,8 @@ int chat_send_expect(int fd, const char *command, const char *expected, int time
  * "^SIMST:255" is logged as "..........USIM Remove........", whatever log says.
  * @param command  as chat_send()
  * @param buffer   receives at most size - 1 bytes and a NUL; its last byte is set to NUL
- *                 before sending
+ *                 before sending, and when nothing arrives that is all: an older answer is
+ *                 still in it, look at the count
  * @param size     of buffer in bytes; below 2 the command is sent and the result is 0
  * @param timeout  seconds of silence
  * @param log      not 0: log the traffic
@@ -821,7 +860,7 @@ int chat_send_read(int fd, const char *command, char *buffer, int size, int time
  * not read.
  * @param data    length bytes, sent as they are
  * @param answer  at least 9 bytes and at least length: the byte at length - 1 is set to NUL
- *                first, the answer gets a NUL behind it
+ *                first, the answer gets a NUL after it
  * @param length  0 to 512
  * @return as chat_send_read(), "^SIMST:255" and at_modem_error included
  */
@@ -832,10 +871,12 @@ int chat_send_hex_read(int fd, const void *data, char *answer, int length, int t
 
 /* ---- Event flags ---------------------------------------------------------------------
  * 32 flags on which the threads of one process wait. Time limits are whole seconds of the
- * monotonic clock, and a limit below 1 means no limit. Every change wakes one waiter, not
- * all; a woken waiter whose condition does not hold starts its whole limit anew. No wait
- * changes a flag. Functions are safe from any thread; a null group gives -1 (0 from
- * qzlib_event_check_flag()). */
+ * monotonic clock, and a limit below 1 means no limit. Every change, also one that changes
+ * nothing, wakes one waiter, whichever it waits for, and not all: one whose condition does not
+ * hold starts its whole limit anew, and another whose condition does hold sleeps on until the
+ * next change. So let one thread wait on a group, or change it once for each waiter. No wait
+ * changes a flag. A waiter may be cancelled. Functions are safe from any thread; a null group
+ * gives -1 (0 from qzlib_event_check_flag()). */
 
 /** An event flag group, made by qzlib_event_init(). Its fields are the library's. */
 typedef struct qzlib_event {
@@ -930,7 +971,7 @@ int srt_ipinnet_judge(const char *ip, const char *mask, const char *probe);
 /** One route of a table that a policy rule with a source looks up; see qz_srtinfo_stat(). */
 typedef struct srtinfo {
     char table[8];        /**< name or number of the table, at most 7 characters */
-    int32_t prio;         /**< priority of the rule, not negative */
+    int32_t prio;         /**< priority of the rule, not negative; 2147483647 for larger ones */
     char source[32];      /**< the rule's "from": an address or prefix */
     char dest[24];        /**< destination as the tool prints it; "0.0.0.0/0" for "default" */
     char dest_ip[16];     /**< its address, dotted */
@@ -995,7 +1036,7 @@ int srt_iip_get(const char *name, char *ip);
  *
  * The message's numbers are those of the routing daemon's protocol and go out unchanged.
  * Prefix bytes are deliberately not masked to the length, the daemon does that; with lengths
- * above 32 the bytes behind the address are zero. Address 0.0.0.0 is the default route
+ * above 32 the bytes after the address are zero. Address 0.0.0.0 is the default route
  * whatever its length says.
  *
  * Aborts the process, in every build, on a length that leaves no prefix bytes ("10.0.0.0/0")
@@ -1029,7 +1070,8 @@ int qzlib_do_route(unsigned int command, unsigned int type, const char *prefix, 
  * meanwhile is lost: see docs/bootenv.md for what to do about it. Failures are printed on
  * standard output: "can't get boot env device and offset", "open %s fail\n",
  * "read %s fail\n", "write %s fail\n" with the device. A device that opens as descriptor 0
- * counts as one that cannot be opened. */
+ * counts as one that cannot be opened; as 1 or 2 it is moved up, since what a daemon without
+ * these prints would be written over the bootloader. */
 
 /**
  * List the environment, or look up one entry.
@@ -1071,14 +1113,18 @@ int qzlib_clear_boot_env(void);
 
 /**
  * The standard CRC-32 (reflected, polynomial 0xEDB88320), of a buffer or continued over
- * several. No state: callable from any thread. The name is libz's too, with other types: do
- * not include both headers in one source.
+ * several. No state: callable from any thread. The name is zlib's too, with other types. A
+ * source that includes both headers includes <zlib.h> first, or defines QZLIB_NO_CRC32: the
+ * declaration is left out then. Which of the two it calls is decided by the order in which
+ * the libraries are linked; both give the same sums.
  * @param crc  0 to start, else the result so far
  * @param buf  at any alignment; may be null when len is 0
  * @param len  bytes
  * @return the checksum; 0xCBF43926 over "123456789" from 0
  */
+#if !defined(QZLIB_NO_CRC32) && !defined(ZLIB_H)
 unsigned int crc32(unsigned int crc, const unsigned char *buf, unsigned int len);
+#endif
 
 /**
  * CRC-32 of a whole file. A read error is reported with perror() and ends the file there.
@@ -1127,7 +1173,8 @@ const char *qzlib_get_modem_status_info(const char *name);
 typedef struct local_msg {
     uint32_t magic;    /**< set by qzlib_msg_send(): 0x515A4D53 */
     int32_t dst_pid;   /**< receiving process; 0 or below: any */
-    char dst_name[64]; /**< name of the receiving process; empty: any */
+    char dst_name[64]; /**< name of the receiving process, at most 15 characters, all that the kernel
+                            keeps: a longer one never matches; empty: any */
     int32_t src_pid;   /**< set by qzlib_msg_send() */
     char src_name[64]; /**< set by qzlib_msg_send(): the process name */
     uint32_t type;     /**< the application's */
@@ -1140,13 +1187,16 @@ typedef struct local_msg {
  * without qzlib_msg_exit() replaces the channel; when it fails the old one stays.
  *
  * The callback runs on the receiver thread, one message at a time; the message and its data
- * are valid only until it returns. Of a message with more than 3776 bytes of data the rest
- * is not received: data_len is the sent length, and the bytes past 3776 are without meaning.
- * A read error in the thread hands over the message before once more, deliberately.
+ * are valid only until it returns. All signals are blocked in that thread: a program that the
+ * callback starts inherits that, and an AT exchange needs SIGALRM; so set another mask there
+ * first. Of a message with more than 3776 bytes of data the rest is not received: data_len is
+ * the sent length, and the bytes past 3776 are without meaning. A read error in the thread
+ * hands over the message before once more, deliberately.
  * @param callback  null: the channel only sends
  * @param ctx       handed to the callback
- * @return 0, also when the thread could not be started; -1 when a socket call failed or the
- *         own name could not be read from /proc; QZLIB_ERR_NO_MEMORY
+ * @return 0, also when the thread could not be started; -1 when a socket call failed, the
+ *         own name could not be read from /proc or, with a callback, libc's unwinder
+ *         (libgcc_s.so.1 for glibc) could not be loaded; QZLIB_ERR_NO_MEMORY
  */
 int qzlib_msg_init(void (*callback)(local_msg *msg, void *ctx), void *ctx);
 
@@ -1200,7 +1250,8 @@ enum {
 int qzlib_led_name_set(const char *name, unsigned int mode);
 
 /**
- * An LED's mode as the kernel reports it, not as it was set.
+ * An LED's mode as the kernel reports it, not as it was set. The first 255 characters of the
+ * trigger file are looked at: one that a kernel with many triggers lists later is not found.
  * @return QZLIB_LED_OFF to QZLIB_LED_ONE_SHOT; -1 for null, an unreadable file, another
  *         trigger, or a blink whose delay_on is neither 100 nor 500
  */
@@ -1251,7 +1302,8 @@ int qzlib_fd_read(int fd, void *buf, unsigned len, int timeout_ms);
  * occurs. Deliberately, when everything is written it still waits until the descriptor is
  * writable once more and writes 0 bytes: on a pipe or socket that is full to the last byte
  * the call lasts until there is room again (or to its limit), and a datagram socket sends
- * an empty datagram.
+ * an empty datagram. On a blocking descriptor with less room than there are bytes the write
+ * itself waits, without regard to the limit: give it a non-blocking one.
  * @param fd          open descriptor; SIGPIPE is the caller's affair
  * @param buf         bytes to write
  * @param len         how many
@@ -1418,7 +1470,9 @@ int qzlib_get_process_path_by_pid(int pid, char *buf, int size);
 int qzlib_get_pid_by_name_path(const char *name, const char *path);
 
 /**
- * Ask whether no other process has this one's name and program path.
+ * Ask whether no other process has this one's name and program path. A process whose program
+ * file was replaced meanwhile, by an update for example, has another path ("... (deleted)")
+ * and is not seen.
  * @return 1 unique, or /proc cannot be read; 0 another instance runs
  */
 int qzlib_process_is_unique(void);
@@ -1461,7 +1515,8 @@ int qzlib_get_mem_use_percent(void);
 /**
  * Share of the processors' time that was not idle, over one second in which the caller waits
  * (less when a signal interrupts it). Waiting for devices counts as busy. From /proc/stat.
- * @return percent; 0 when no tick went by; -1 when the file cannot be opened
+ * @return 0 to 100, whatever the counters do; 0 when no tick went by; -1 when the file cannot
+ *         be opened (logged) or read
  */
 int qzlib_get_cpu_use_percent(void);
 
@@ -1489,7 +1544,7 @@ int qzlib_get_device_sn(char *value_out);
 int qzlib_get_device_model(char *value_out);
 
 /**
- * Bootloader version: the text behind "boot_version=" up to the next whitespace, in the first
+ * Bootloader version: the text after "boot_version=" up to the next whitespace, in the first
  * 256 bytes of /proc/cmdline.
  * @param out  256 bytes
  * @return 0; -1 for null, an unreadable file or no such text
@@ -1513,7 +1568,7 @@ int qzlib_get_device_softversion(char *out);
  */
 int qzlib_get_device_build_time(char *out);
 
-/** The hexadecimal number behind "androidboot.serialno=" in the first 512 bytes of /proc/cmdline. @return it;
+/** The hexadecimal number after "androidboot.serialno=" in the first 512 bytes of /proc/cmdline. @return it;
  * 0 without */
 unsigned int qzlib_get_cpuid(void);
 
@@ -1721,16 +1776,25 @@ int qzlib_set_interface_flag(const char *ifname, unsigned mask);
 int qzlib_clear_interface_flag(const char *ifname, unsigned mask);
 
 /* ---- Probes --------------------------------------------------------------------------
- * Is a host there, and does a name resolve. Neither logs. No state: callable from any thread. */
+ * Is a host there, and does a name resolve. Neither logs. Callable from any thread; neither is
+ * broken off when its thread is cancelled. */
 
 /**
  * Time until a host takes a TCP connection. A child process resolves and connects, one address
  * after the other; failed attempts count into the time and the lookup does not. At the limit
  * the child is ended. It is gone when the call returns, and it ends through exit(), so that
- * output which the caller has not flushed comes out twice: flush before.
+ * output which the caller has not flushed comes out twice (flush before) and the functions of
+ * atexit() and the destructors of static objects run in the child: they must not wait for
+ * threads, which it does not have.
+ *
+ * A child that is forked while another thread is in the resolver can inherit a lock that nobody
+ * gives back, and hangs until the limit. For a name the call therefore waits until no look-up
+ * of the library's is under way (qzlib_get_domain_ip(), the connecting calls of the sockets),
+ * and holds up new ones; it cannot see those that the process makes itself: do not call
+ * getaddrinfo() and the like in other threads meanwhile, or probe an address.
  * @param host        name or address
  * @param port        number as text
- * @param timeout_ms  milliseconds for all of it; 0: no limit
+ * @param timeout_ms  milliseconds for all of it, the wait for other look-ups too; 0: no limit
  * @return the time on the scale of qzlib_get_system_uptime_ms(): 1 per 10 ms and a jump at
  *         every second of uptime; -1 when nobody took the connection, at the limit, or when
  *         no pipe or child can be had; QZLIB_ERR_FAILED (-264) when the name or port is not

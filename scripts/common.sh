@@ -22,15 +22,42 @@ need() {
     done
     [ -n "$missing" ] || return 0
     say "installing$missing"
+    if [ "$(id -u)" -ne 0 ] && ! command -v sudo >/dev/null; then
+        echo "there is no sudo; root has to install them first" >&2
+        exit 1
+    fi
     as_root apt-get update -qq
     # shellcheck disable=SC2086 # a list of words
     as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $missing \
         </dev/null >/dev/null
 }
 
+# Ends the script, before it builds anything, where the kernel would refuse a router in a box.
+need_box() {
+    set -- --mount --net --ipc --uts --pid --fork --propagation unchanged --mount-proc true
+    [ "$(id -u)" -ne 0 ] || ! unshare "$@" 2>/dev/null || return 0
+    unshare --map-root-user "$@" || {
+        echo "this machine permits no router in a box: run this as root, in a container with the" \
+            "capability SYS_ADMIN; or permit user namespaces (sysctl user.max_user_namespaces=10000," \
+            "where they exist kernel.unprivileged_userns_clone=1 and" \
+            "kernel.apparmor_restrict_unprivileged_userns=0; not in a chroot)" >&2
+        exit 1
+    }
+}
+
 BUILD_PACKAGES="cmake ninja-build gcc g++ libc6-dev pkg-config libcjson-dev"
 RUN_PACKAGES="iproute2 net-tools procps"
+BENCH_PACKAGES="libbenchmark-dev zlib1g-dev libdbus-1-dev libmosquitto-dev"
 TEST_PACKAGES="libgtest-dev u-boot-tools libubootenv-tool"
+
+# Style and lint are those of one version, since every version has its own. Debian 12 has this one;
+# elsewhere scripts/test leaves both out and says so.
+STYLE_PACKAGES="clang-format-14 clang-tidy-14"
+can_check_style() {
+    for tool in $STYLE_PACKAGES; do
+        command -v "$tool" >/dev/null || apt-cache show "$tool" >/dev/null 2>&1 || return 1
+    done
+}
 
 # run_tests BUILD [CTEST-OPTION...]: many at once, since most of them wait. Some look at the
 # clock: a case that fails is tried once more, and CTest shows both results.

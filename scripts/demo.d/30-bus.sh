@@ -27,7 +27,7 @@ wait_for "a table with all of it" \
     awk '/^bus_param +16 +16 +0 +0 +20 +20 +0 +0$/ { found = 1 } END { exit !found }' /tmp/mbusd.out
 tail -n 3 /tmp/mbusd.out | show
 
-note "the watcher is killed without warning; the server cleans up behind it"
+note "the watcher is killed without warning; the server cleans up after it"
 kill -9 $watch_pid
 wait $watch_pid 2>/dev/null
 wait_for "the end of the watcher's record" grep -q 'watcher: its process is gone' /tmp/mbusd.log

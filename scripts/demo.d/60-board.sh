@@ -4,21 +4,25 @@
 title "boardd: identity, boot environment, LEDs, watchdog, local messages"
 partition=$(grep -l '^aboot$' /sys/class/mtd/mtd*/name | sed 's|.*/mtd\([0-9]*\)/name|\1|')
 flash=/dev/mtdblock$partition
-head -c "$(cat "/sys/class/mtd/mtd$partition/size")" /dev/zero | tr '\0' '\377' >"$flash"
-note "the flash behind $flash is blank; the watchdog is a plain file, which can be fed but not stopped"
-
-note "the settings' command, for the serial number:"
-mkdir -p /tmp/bin
-printf '#!/bin/sh\necho hd_number=QZ-0042\n' >/tmp/bin/nvram
-chmod +x /tmp/bin/nvram
-PATH=$PATH:/tmp/bin
+note "the flash is $flash; the watchdog is a plain file, which can be fed but not stopped"
+note "the settings, of which the serial number is one:"
 nvram show | show
+note "an order that no daemon takes:"
+boardd led net 2 >/tmp/order.out 2>&1 && fail "the order was carried out"
+show /tmp/order.out
+grep -q '^boardd: net 2: no boardd takes the order' /tmp/order.out || fail "the order did not say why"
 
 # start_boardd LOG: starts it in the background, its output in LOG.
 start_boardd() {
     boardd >"$1" &
     boardd_pid=$!
     wait_for "boardd's start" grep -q 'boardd: running' "$1"
+}
+
+# order WORD...: gives an order and shows the answer.
+order() {
+    boardd "$@" >/tmp/order.out || fail "the order was not carried out"
+    show /tmp/order.out
 }
 
 # kernel_confirms LED TRIGGER: plays the kernel, which marks the active trigger in its list.
@@ -38,18 +42,16 @@ done
 
 note "another process orders by name: LED net fast, LED data on"
 kernel_confirms power none
-boardd led net 2 || fail "the order was not sent"
-boardd led data 1 || fail "the order was not sent"
-wait_for "the orders" grep -q 'LED data is to be in mode 1' /tmp/boot1.out
+order led net 2
+order led data 1
 [ "$(cat /sys/class/leds/net/delay_on /sys/class/leds/net/delay_off)" = 100100 ] || fail "the delays of net"
 [ "$(cat /sys/class/leds/data/brightness)" = 1 ] || fail "the brightness of data"
 kernel_confirms net timer
 kernel_confirms data none
+note "and asks"
 for led in net data power; do
-    boardd show $led || fail "the order was not sent"
+    order show $led
 done
-wait_for "the answers" grep -q 'LED power is in mode' /tmp/boot1.out
-grep LED /tmp/boot1.out | show
 grep -q 'LED net is in mode 2' /tmp/boot1.out || fail "net does not blink"
 grep -q 'LED data is in mode 1' /tmp/boot1.out || fail "data is not on"
 
@@ -66,5 +68,8 @@ grep 'boardd: boot [0-9]' /tmp/boot2.out | show
 grep -q 'boardd: boot 2$' /tmp/boot2.out || fail "the boot was not counted"
 end "$boardd_pid" || fail "boardd's exit status"
 note "the environment in the last 128 KiB of $flash:"
-tail -c 131072 "$flash" | tail -c +5 | tr '\0' '\n' | sed '/^$/d' | show
-tail -c 131072 "$flash" | tail -c +5 | tr '\0' '\n' | grep -qx 'bootcount=2' || fail "bootcount is not on flash"
+tail -c 131072 "$flash" | tail -c +5 | tr '\0' '\n' | sed '/^$/d' >/tmp/environment
+show /tmp/environment
+for variable in baudrate=115200 bootcount=2; do
+    grep -qx $variable /tmp/environment || fail "$variable is not on flash"
+done

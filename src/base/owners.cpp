@@ -32,4 +32,12 @@ UniqueFd open_to_read(const char *path)
     return UniqueFd(open(path, O_RDONLY | O_CLOEXEC));
 }
 
+int move_up(int fd, int duplicate)
+{
+    if (static_cast<unsigned>(fd) > STDERR_FILENO)
+        return fd;
+    const UniqueFd low(fd);
+    return fcntl(fd, duplicate, STDERR_FILENO + 1);
+}
+
 } // namespace qz::base

@@ -10,6 +10,8 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#pragma GCC visibility push(hidden)
+
 namespace qz::base
 {
 
@@ -109,6 +111,10 @@ using UniqueDir = UniqueHandle<DIR, end_directory>;
 UniqueStream open_for_reading(const char *path);
 UniqueFd open_to_read(const char *path);
 
+// A device's descriptor, moved up when it is 0, 1 or 2: what a daemon without standard streams
+// prints must not reach a device. -1 without room; a negative one stays as it is.
+int move_up(int fd, int duplicate = F_DUPFD_CLOEXEC);
+
 // A heap block obtained with malloc() or calloc().
 class UniqueMemory
 {
@@ -126,3 +132,5 @@ private:
 };
 
 } // namespace qz::base
+
+#pragma GCC visibility pop

@@ -1,6 +1,9 @@
 #include "base/text.h"
 #include "base/owners.h"
 
+#include <algorithm>
+#include <limits>
+
 namespace qz::base
 {
 
@@ -18,7 +21,7 @@ void copy_text(std::span<char> out, std::string_view text)
     out[length] = '\0';
 }
 
-const char *behind_start(const char *text, const char *start)
+const char *skip_prefix(const char *text, const char *start)
 {
     const size_t length = strlen(start);
     return strncmp(text, start, length) == 0 ? text + length : nullptr;
@@ -32,6 +35,12 @@ bool read_start(const char *path, std::span<char> text)
         return false;
     (void)!read(file.get(), text.data(), text.size() - 1);
     return true;
+}
+
+int read_number(const char *text)
+{
+    constexpr long MAXIMUM = std::numeric_limits<int>::max();
+    return static_cast<int>(std::clamp(strtol(text, nullptr, 10), -MAXIMUM - 1, MAXIMUM));
 }
 
 bool read_line(FILE *stream, std::span<char> line)

@@ -7,6 +7,8 @@
 #include <span>
 #include <string_view>
 
+#pragma GCC visibility push(hidden)
+
 namespace qz::base
 {
 
@@ -17,8 +19,8 @@ void fill_field(std::span<char> field, const char *text);
 // Copy a text, cut to what the buffer holds, always terminated. The buffer is not empty.
 void copy_text(std::span<char> out, std::string_view text);
 
-// What stands behind a text's start; null when it starts with something else.
-const char *behind_start(const char *text, const char *start);
+// What stands after a text's start; null when it starts with something else.
+const char *skip_prefix(const char *text, const char *start);
 
 // A fixed-width field as text, without reading past it.
 inline std::string_view field_text(std::span<const char> field)
@@ -30,6 +32,10 @@ inline std::string_view field_text(std::span<const char> field)
 // the file cannot be opened; one that cannot be read is an empty text.
 bool read_start(const char *path, std::span<char> text);
 
+// atoi() as a 32-bit machine has it, on every machine: what does not fit is the largest number, or
+// the smallest one.
+int read_number(const char *text);
+
 // Read as fgets() does: up to and with the line feed, a longer line in pieces. False at the end.
 bool read_line(FILE *stream, std::span<char> line);
 
@@ -39,3 +45,5 @@ bool read_line(FILE *stream, std::span<char> line);
 bool read_full_line(FILE *stream, std::span<char> line);
 
 } // namespace qz::base
+
+#pragma GCC visibility pop

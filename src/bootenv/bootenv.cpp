@@ -82,7 +82,7 @@ bool take_partition(int number)
     Attribute text;
     if (!read_partition_attribute(number, "size", text))
         return false;
-    const int size = atoi(text.data()); // NOLINT(cert-err34-c): the kernel's own number
+    const int size = qz::base::read_number(text.data());
     if (size < static_cast<int>(ENVIRONMENT_SIZE))
         return false;
     environment.offset = size - static_cast<int>(ENVIRONMENT_SIZE);
@@ -97,7 +97,7 @@ bool find_block()
     for (int number = 0; number < PARTITIONS; ++number) {
         if (!read_partition_attribute(number, "name", name))
             return false;
-        if (qz::base::behind_start(name.data(), PARTITION_NAME_START) != nullptr)
+        if (qz::base::skip_prefix(name.data(), PARTITION_NAME_START) != nullptr)
             return take_partition(number);
     }
     return false;
@@ -135,7 +135,7 @@ int boot_env_load()
         puts("can't get boot env device and offset");
         return -1;
     }
-    UniqueFd device = open_device(environment.path, O_RDWR | O_SYNC);
+    UniqueFd device(qz::base::move_up(open_device(environment.path, O_RDWR | O_SYNC).release()));
     if (!device) {
         printf("open %s fail\n", environment.path);
         return -1;

@@ -6,34 +6,33 @@
 // on long buffers in four parallel lanes: a round waits for its loads and one register is
 // one chain of rounds, so a single lane leaves most of the processor idle.
 //
-// 32-bit machines go by half bytes with one table of 64 bytes. A table for whole bytes would be
-// 1 KiB in a library of 64, and in a cache of 16 to 32 KiB. What is summed there is the boot
-// environment before it is written to flash, beside which 128 KiB of it do not count.
+// 32-bit machines have one table of 1 KiB and look up a word's four bytes one after the other.
+// Eight tables would be 8 KiB in a library of 62, and in a cache of 16 to 32 KiB.
 //
 // The tables are made by the compiler: read-only pages shared by all daemons, no first call
-// to get right between threads. Words are loaded with memcpy(), so any alignment will do.
+// to get right between threads.
 #include "base/export.h"
-#include "base/owners.h"
 
 #include <array>
 #include <bit>
-#include <cstring>
 #include <qzlib.h>
+
+// Inlined by force: left to itself the compiler makes calls, at half the speed.
+#define INLINE [[maybe_unused, gnu::always_inline]] inline
 
 namespace
 {
 
 constexpr uint32_t POLYNOMIAL = 0xEDB88320U;
-constexpr uint32_t REGISTER_START = 0xFFFFFFFFU;
 
-constexpr size_t WORD_SIZE = sizeof(void *) == 8 ? 8 : 1;
-constexpr unsigned TABLE_BITS = sizeof(void *) == 8 ? 8 : 4; // looked up at once
+constexpr bool WIDE = sizeof(void *) == 8;
+constexpr size_t WORD_SIZE = WIDE ? 8 : 4;
 
 // A word's first byte must be its lowest: it meets the register's low end.
 static_assert(std::endian::native == std::endian::little);
 
-// tables[n][bits]: what these low bits leave in the register when n zero bytes follow them.
-using Tables = std::array<std::array<uint32_t, 1U << TABLE_BITS>, WORD_SIZE>;
+// tables[n][byte]: what this low byte leaves in the register when n zero bytes follow it.
+using Tables = std::array<std::array<uint32_t, 256>, WIDE ? WORD_SIZE : 1>;
 
 constexpr uint32_t shift_bit(uint32_t value)
 {
@@ -43,11 +42,11 @@ constexpr uint32_t shift_bit(uint32_t value)
 constexpr Tables make_tables()
 {
     Tables tables{};
-    for (uint32_t bits = 0; bits < tables[0].size(); ++bits) {
-        uint32_t value = bits;
-        for (unsigned bit = 0; bit < TABLE_BITS; ++bit)
+    for (uint32_t byte = 0; byte < 256; ++byte) {
+        uint32_t value = byte;
+        for (unsigned bit = 0; bit < 8; ++bit)
             value = shift_bit(value);
-        tables[0][bits] = value;
+        tables[0][byte] = value;
     }
     for (size_t n = 1; n < tables.size(); ++n)
         for (size_t byte = 0; byte < 256; ++byte) {
@@ -58,21 +57,23 @@ constexpr Tables make_tables()
 }
 
 constexpr Tables TABLES = make_tables();
-static_assert(TABLES[0][1] == (TABLE_BITS == 8 ? 0x77073096U : 0x1DB71064U));
+static_assert(TABLES[0][1] == 0x77073096U);
 
-uint32_t feed_byte(uint32_t reg, unsigned char byte)
+// Moves the register, which has met a byte, on by that byte.
+INLINE uint32_t shift_byte(uint32_t reg)
 {
-    reg ^= byte;
-    for (unsigned bits = 0; bits < 8; bits += TABLE_BITS)
-        reg = TABLES[0][reg % TABLES[0].size()] ^ (reg >> TABLE_BITS);
-    return reg;
+    return TABLES[0][reg & 0xFFU] ^ (reg >> 8);
 }
 
-uint32_t load32(const unsigned char *data)
+// In memory, at any alignment. A memcpy() would be a call on processors that want words aligned.
+struct [[gnu::packed, gnu::may_alias]] Word
 {
     uint32_t value;
-    memcpy(&value, data, sizeof value);
-    return value;
+};
+
+INLINE uint32_t load32(const unsigned char *data)
+{
+    return reinterpret_cast<const Word *>(data)->value;
 }
 
 // What four bytes leave in the register when `after` zero bytes follow them.
@@ -83,10 +84,11 @@ uint32_t look_up(uint32_t bytes)
            TABLES[AFTER + 1][(bytes >> 16) & 0xFFU] ^ TABLES[AFTER][bytes >> 24];
 }
 
-// Inlined by force: left to itself the compiler makes it a call, at half the speed.
-[[maybe_unused, gnu::always_inline]] inline uint32_t feed_word(uint32_t reg, const unsigned char *data)
+INLINE uint32_t feed_word(uint32_t reg, const unsigned char *data)
 {
-    return look_up<4>(reg ^ load32(data)) ^ look_up<0>(load32(data + 4));
+    if constexpr (WIDE)
+        return look_up<4>(reg ^ load32(data)) ^ look_up<0>(load32(data + 4));
+    return shift_byte(shift_byte(shift_byte(shift_byte(reg ^ load32(data)))));
 }
 
 // Product of two polynomials modulo the CRC's, bits reflected as in the register.
@@ -139,17 +141,17 @@ constexpr size_t SHORT_LANE = 1024;
 // The register after more bytes; inversion is the caller's.
 uint32_t feed(uint32_t reg, const unsigned char *data, size_t size)
 {
-    if constexpr (WORD_SIZE == 8) {
+    if constexpr (WIDE) {
         // Putting lanes together costs about as much as 200 bytes: long lanes where they fit.
         for (; size >= 4 * LONG_LANE; data += 4 * LONG_LANE, size -= 4 * LONG_LANE)
             reg = feed_four_lanes<LONG_LANE>(reg, data);
         for (; size >= 4 * SHORT_LANE; data += 4 * SHORT_LANE, size -= 4 * SHORT_LANE)
             reg = feed_four_lanes<SHORT_LANE>(reg, data);
-        for (; size >= WORD_SIZE; data += WORD_SIZE, size -= WORD_SIZE)
-            reg = feed_word(reg, data);
     }
+    for (; size >= WORD_SIZE; data += WORD_SIZE, size -= WORD_SIZE)
+        reg = feed_word(reg, data);
     for (; size != 0; ++data, --size)
-        reg = feed_byte(reg, *data);
+        reg = shift_byte(reg ^ *data);
     return reg;
 }
 
@@ -158,21 +160,4 @@ uint32_t feed(uint32_t reg, const unsigned char *data, size_t size)
 QZ_EXPORT unsigned int crc32(unsigned int crc, const unsigned char *buf, unsigned int len)
 {
     return ~feed(~crc, buf, len);
-}
-
-QZ_EXPORT unsigned int crc32file(const char *path)
-{
-    const qz::base::UniqueStream stream(path != nullptr ? fopen(path, "re") : nullptr);
-    if (!stream)
-        return 0;
-    uint32_t reg = REGISTER_START;
-    std::array<unsigned char, 4096> piece;
-    size_t size;
-    do { // a short piece is the last: reading does not go on behind an error that passes
-        size = fread(piece.data(), 1, piece.size(), stream.get());
-        reg = feed(reg, piece.data(), size);
-    } while (size == piece.size());
-    if (ferror(stream.get()) != 0)
-        perror(path); // what was read before the error still counts
-    return ~reg;
 }

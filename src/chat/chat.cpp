@@ -1,13 +1,15 @@
 #include "base/export.h"
 #include "base/owners.h"
-#include "chat/chat_log.h"
+#include "base/wait.h"
 
 #include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <poll.h>
+#include <qzlib.h>
 #include <termios.h>
+
+#define CHAT_LOG(level, ...) debug_msg(level, "vq_chat", __LINE__, __VA_ARGS__)
 
 QZ_EXPORT int at_modem_error = 0;
 
@@ -97,20 +99,14 @@ struct Collection {
     int failure = 0; // the negative result, for the two failures
 };
 
-// Not select(): its sets end at FD_SETSIZE. The message keeps its form, with the addresses of
-// what stands for descriptor set and timeout here.
+// The message keeps its form, with the address of what stands for the descriptor set here.
 int wait_readable(int fd, int timeout_s)
 {
-    pollfd set{fd, POLLIN, 0};
     const timespec timeout{timeout_s, 0};
-    int ready = ppoll(&set, 1, &timeout, nullptr);
-    if (ready > 0 && (set.revents & POLLNVAL) != 0) {
-        errno = EBADF;
-        ready = -1;
-    }
+    const int ready = qz::base::wait_ready(fd, POLLIN, &timeout);
     if (ready < 0)
         CHAT_LOG(QZLIB_LOG_ERROR, "cannot select( %d, %p, NULL, NULL, %p )",
-                 static_cast<int>(static_cast<unsigned>(fd) + 1U), static_cast<const void *>(&set),
+                 static_cast<int>(static_cast<unsigned>(fd) + 1U), static_cast<const void *>(&fd),
                  static_cast<const void *>(&timeout));
     return ready;
 }

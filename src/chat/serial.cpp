@@ -1,12 +1,15 @@
 #include "base/export.h"
 #include "base/owners.h"
-#include "chat/chat_log.h"
+#include "log/signals.h"
 
 #include <algorithm>
 #include <csignal>
+#include <qzlib.h>
 #include <span>
 #include <sys/ioctl.h>
 #include <termios.h>
+
+#define CHAT_LOG(level, ...) debug_msg(level, "vq_chat", __LINE__, __VA_ARGS__)
 
 // The signal actions that the last dev_init() or dev_close() found.
 QZ_EXPORT struct sigaction oldhup;
@@ -29,13 +32,48 @@ namespace
 
 using qz::base::ErrnoKeeper;
 using qz::base::UniqueFd;
+using qz::log::held_signals;
 
 constexpr int OPEN_ATTEMPTS = 4;
 constexpr time_t OPEN_PAUSE_S = 3;
 constexpr unsigned DEVICE_LIMIT_S = 5;
 constexpr time_t DTR_PULSE_S = 1;
 
-static_assert(B921600 == 0x1007 && B38400 == 0xf && B4000000 == 0x100f); // the same on x86, ARM and MIPS
+// The codes of both tables are the kernel's on x86, ARM and MIPS, and in order those of LIBC_SPEEDS:
+// 0 to 0xf, 0x1001 to 0x100f. A libc may have values of its own, such as plain rates.
+constexpr speed_t LIBC_SPEEDS[] = {
+    B0,      B50,      B75,      B110,     B134,     B150,     B200,     B300,     B600,     B1200,   B1800,
+    B2400,   B4800,    B9600,    B19200,   B38400,   B57600,   B115200,  B230400,  B460800,  B500000, B576000,
+    B921600, B1000000, B1152000, B1500000, B2000000, B2500000, B3000000, B3500000, B4000000,
+};
+constexpr size_t LAST_OLD_CODE = 0xf;
+constexpr uint32_t NEW_CODES = 0x1000;
+
+constexpr uint32_t code_at(size_t place)
+{
+    return static_cast<uint32_t>(place <= LAST_OLD_CODE ? place : NEW_CODES + place - LAST_OLD_CODE);
+}
+
+constexpr bool codes_are_libcs()
+{
+    for (size_t place = 0; place < std::size(LIBC_SPEEDS); ++place) {
+        if (LIBC_SPEEDS[place] != code_at(place))
+            return false;
+    }
+    return true;
+}
+
+// What cfsetospeed() takes for a code; one that a daemon made up goes through as it is.
+speed_t to_libc(uint32_t code)
+{
+    if constexpr (!codes_are_libcs()) {
+        for (size_t place = 0; place < std::size(LIBC_SPEEDS); ++place) {
+            if (code == code_at(place))
+                return LIBC_SPEEDS[place];
+        }
+    }
+    return code;
+}
 
 // Row 0 is never searched. 230400 stands twice, and 2000000 (0x100b) is absent on purpose.
 constexpr qzlib_speed uart_baud_table[31] = {
@@ -98,8 +136,11 @@ void take_signals(size_t place)
     action.sa_handler = chat_signal_handler;
     sigemptyset(&action.sa_mask);
     action.sa_flags = 0; // no SA_RESTART: the alarm has to break off a blocked call
-    for (; place < END; ++place)
+    for (; place < END; ++place) {
+        sigaddset(&held_signals.set, TAKEN[place].number);
+        __atomic_store_n(&held_signals.any, true, __ATOMIC_RELEASE);
         (void)sigaction(TAKEN[place].number, &action, TAKEN[place].old_action);
+    }
 }
 
 void restore_signals(size_t place, size_t end)
@@ -108,7 +149,7 @@ void restore_signals(size_t place, size_t end)
         (void)sigaction(TAKEN[place].number, TAKEN[place].old_action, nullptr);
 }
 
-// The alarm's action comes back behind that of the keyboard's interrupt.
+// The alarm's action comes back after that of the keyboard's interrupt.
 void restore_at_close()
 {
     restore_signals(0, 1);
@@ -146,7 +187,7 @@ int open_device(const char *path, int flags)
     for (int failures = 0; failures < OPEN_ATTEMPTS; ++failures) {
         fd = open(path, flags); // the caller's flags and no others, hence not close-on-exec
         if (fd > 0)
-            return fd;
+            return qz::base::move_up(fd, (flags & O_CLOEXEC) != 0 ? F_DUPFD_CLOEXEC : F_DUPFD);
         if (fd == 0)
             descriptor_zero.reset(fd);
         CHAT_LOG(QZLIB_LOG_ERROR, "open the device(%s) error, try again %d times", path, failures);
@@ -181,8 +222,9 @@ void set_speed(termios &settings, int baud)
     }
     if (row->code == 0)
         return;
-    (void)cfsetospeed(&settings, row->code);
-    (void)cfsetispeed(&settings, row->code);
+    const speed_t speed = to_libc(row->code);
+    (void)cfsetospeed(&settings, speed);
+    (void)cfsetispeed(&settings, speed);
 }
 
 // Raw, eight bits, one stop bit, hardware flow control; speed and PARODD as they were found.

@@ -65,7 +65,7 @@ int hand_out(char *out, const char *value)
     return 0;
 }
 
-// What stands behind a key in a text file of the kernel, of which as much is read as the buffer
+// What stands after a key in a text file of the kernel, of which as much is read as the buffer
 // holds; null without it.
 char *find_behind(const char *path, const char *key, std::span<char> text)
 {
@@ -167,7 +167,7 @@ QZ_EXPORT int qzlib_get_cputempture(void)
     Line line;
     if (!stream || !qz::base::read_line(stream.get(), line))
         return -1;
-    return atoi(line.data()); // NOLINT(cert-err34-c): the kernel's own number
+    return qz::base::read_number(line.data());
 }
 
 QZ_EXPORT int qzlib_get_moduel_type(void)

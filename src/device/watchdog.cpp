@@ -21,10 +21,7 @@ int watchdog()
     int fd = __atomic_load_n(&watchdog_fd, __ATOMIC_RELAXED);
     if (fd >= 1)
         return fd;
-    qz::base::UniqueFd device(open(WATCHDOG_PATH, O_RDWR | O_CLOEXEC));
-    if (device.get() == 0) // 0 stands for "not open": without this every call would open another
-        device.reset(fcntl(device.get(), F_DUPFD_CLOEXEC, 1));
-    fd = device.release();
+    fd = qz::base::move_up(open(WATCHDOG_PATH, O_RDWR | O_CLOEXEC)); // not 0, which stands for "not open"
     __atomic_store_n(&watchdog_fd, fd, __ATOMIC_RELAXED);
     return fd;
 }

@@ -1,4 +1,7 @@
+#include "base/atomic.h"
 #include "base/export.h"
+#include "base/lock.h"
+#include "base/thread.h"
 
 #include <cstdlib>
 #include <ctime>
@@ -8,28 +11,8 @@
 namespace
 {
 
-class Lock
-{
-public:
-    explicit Lock(qzlib_event &ev) : mutex_(ev.mutex) { pthread_mutex_lock(&mutex_); }
-    ~Lock() { pthread_mutex_unlock(&mutex_); }
-    Lock(const Lock &) = delete;
-    Lock &operator=(const Lock &) = delete;
-
-private:
-    pthread_mutex_t &mutex_;
-};
-
-// Atomic because qzlib_event_check_flag() reads without the mutex; every change is made under it.
-uint32_t load_flags(const qzlib_event &ev)
-{
-    return __atomic_load_n(&ev.flags, __ATOMIC_ACQUIRE);
-}
-
-void store_flags(qzlib_event &ev, uint32_t flags)
-{
-    __atomic_store_n(&ev.flags, flags, __ATOMIC_RELEASE);
-}
+using qz::base::load;
+using qz::base::Lock;
 
 timespec deadline_after(int seconds)
 {
@@ -40,13 +23,20 @@ timespec deadline_after(int seconds)
     return deadline;
 }
 
-// One wait for a change; the mutex is held. A limit below 1 means none.
+// One wait for a change; the mutex is held. A limit below 1 means none. A thread that is cancelled
+// in it gives the mutex up.
 int wait_change(qzlib_event &ev, int timeout_s)
 {
-    if (timeout_s < 1)
-        return pthread_cond_wait(&ev.changed, &ev.mutex);
-    const timespec deadline = deadline_after(timeout_s);
-    return pthread_cond_timedwait(&ev.changed, &ev.mutex, &deadline);
+    int result;
+    pthread_cleanup_push(qz::base::unlock, &ev.mutex);
+    if (timeout_s < 1) {
+        result = pthread_cond_wait(&ev.changed, &ev.mutex);
+    } else {
+        const timespec deadline = deadline_after(timeout_s);
+        result = pthread_cond_timedwait(&ev.changed, &ev.mutex, &deadline);
+    }
+    pthread_cleanup_pop(0);
+    return result;
 }
 
 enum class Wanted { ANY, ALL, NONE };
@@ -64,8 +54,8 @@ int wait_until(qzlib_event *ev, uint32_t mask, Wanted wanted, int timeout_s)
 {
     if (ev == nullptr)
         return -1;
-    const Lock lock(*ev);
-    while (!holds(load_flags(*ev), mask, wanted)) {
+    const Lock lock(ev->mutex);
+    while (!holds(load(ev->flags), mask, wanted)) {
         const int result = wait_change(*ev, timeout_s);
         if (timeout_s >= 1 && result != 0)
             return result;
@@ -78,8 +68,9 @@ int change_flags(qzlib_event *ev, uint32_t clear, uint32_t set)
 {
     if (ev == nullptr)
         return -1;
-    const Lock lock(*ev);
-    store_flags(*ev, (load_flags(*ev) & ~clear) | set);
+    const Lock lock(ev->mutex);
+    // Atomic because qzlib_event_check_flag() reads without the mutex; every change is made under it.
+    qz::base::store_release(ev->flags, (ev->flags & ~clear) | set);
     pthread_cond_signal(&ev->changed);
     return 0;
 }
@@ -119,7 +110,7 @@ QZ_EXPORT int qzlib_event_clear_flag(qzlib_event *ev, uint32_t mask)
 
 QZ_EXPORT int qzlib_event_check_flag(qzlib_event *ev, uint32_t mask)
 {
-    return ev != nullptr && (load_flags(*ev) & mask) == mask;
+    return ev != nullptr && (load(ev->flags) & mask) == mask;
 }
 
 QZ_EXPORT int qzlib_event_wait_flag(qzlib_event *ev, uint32_t mask, int timeout)
@@ -147,6 +138,6 @@ QZ_EXPORT int qzlib_event_wait_event(qzlib_event *ev, int timeout)
 {
     if (ev == nullptr)
         return -1;
-    const Lock lock(*ev);
+    const Lock lock(ev->mutex);
     return wait_change(*ev, timeout);
 }

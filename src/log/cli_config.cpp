@@ -39,12 +39,12 @@ std::string_view without_line_end(std::string_view text)
     return text;
 }
 
-// One entry of the caller's lookup table; behind the last one comes an entry without key. The area reaches to
+// One entry of the caller's lookup table; after the last one comes an entry without key. The area reaches to
 // the next entry: text, then zeros.
 struct Entry {
     const char *key;
     std::span<char> area;
-    size_t next; // offset of the entry behind this one
+    size_t next; // offset of the entry after this one
 
     [[nodiscard]] std::string_view value() const { return qz::base::field_text(area); }
 
@@ -95,8 +95,8 @@ private:
     std::span<char> bytes_;
 };
 
-// What stands behind a key in a parameter line; empty when the line holds no value for it. Only
-// the first occurrence is looked at, and the character behind the key is passed over unseen.
+// What stands after a key in a parameter line; empty when the line holds no value for it. Only
+// the first occurrence is looked at, and the character after the key is passed over unseen.
 const char *value_in_line(const char *line, const char *key)
 {
     const char *at = strstr(line, key);
@@ -137,7 +137,7 @@ private:
     {
         if (*line == '\0' || is_block_end(line))
             return nullptr;
-        const char *argument = qz::base::behind_start(line, header_.key);
+        const char *argument = qz::base::skip_prefix(line, header_.key);
         if (argument == nullptr || strchr(ARGUMENT_START, *argument) == nullptr) // the line's NUL is found
             return nullptr;
         return argument + strspn(argument, ARGUMENT_START);
@@ -187,15 +187,14 @@ private:
         bool found = false;
         std::array<char, GET_LINE_SIZE> line;
         while (qz::base::read_full_line(stream_, line) && !is_block_end(line.data())) {
-            if (qz::base::behind_start(line.data(), SHUTDOWN_LINE_START) != nullptr ||
-                parse_line(line.data()))
+            if (qz::base::skip_prefix(line.data(), SHUTDOWN_LINE_START) != nullptr || parse_line(line.data()))
                 found = true;
         }
         return found;
     }
 
     // Offers a line to the parameter entries. A value that is the rest of the line ends the
-    // line; behind a single word the next entries may find theirs.
+    // line; after a single word the next entries may find theirs.
     bool parse_line(const char *line) const
     {
         bool found = false;
@@ -221,7 +220,7 @@ private:
 
 bool is_block_header(const char *line, const char *block)
 {
-    const char *end = qz::base::behind_start(line, block);
+    const char *end = qz::base::skip_prefix(line, block);
     return end != nullptr && is_line_end(*end);
 }
 

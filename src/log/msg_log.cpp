@@ -1,15 +1,20 @@
+#include "base/atomic.h"
 #include "base/export.h"
 #include "base/owners.h"
 #include "base/text.h"
 #include "log/cli_file.h"
-#include "log/message.h"
+#include "log/signals.h"
 #include "log/time_text.h"
 
 #include <algorithm>
 #include <array>
+#include <csignal>
+#include <cstdarg>
 #include <qzlib.h>
 #include <sys/stat.h>
 #include <syslog.h>
+
+qz::log::HeldSignals qz::log::held_signals;
 
 namespace
 {
@@ -18,6 +23,7 @@ using qz::base::ErrnoKeeper;
 using qz::base::UniqueFd;
 using qz::base::UniqueStream;
 using qz::log::CLI_CONFIG_PATH;
+using qz::log::held_signals;
 
 constexpr char LEVEL_LINE_START[] = "log msg-level ";
 constexpr size_t CLI_LINE_SIZE = 384;
@@ -58,9 +64,9 @@ uint32_t level_file_mtime = 0;
 
 void take_level_line(const char *line)
 {
-    const char *word = qz::base::behind_start(line, LEVEL_LINE_START);
+    const char *word = qz::base::skip_prefix(line, LEVEL_LINE_START);
     for (size_t level = 0; word != nullptr && level < LEVELS.size(); ++level)
-        if (qz::base::behind_start(word, LEVELS[level].word) != nullptr)
+        if (qz::base::skip_prefix(word, LEVELS[level].word) != nullptr)
             return __atomic_store_n(&threshold, static_cast<int>(level), __ATOMIC_RELAXED);
 }
 
@@ -114,7 +120,7 @@ size_t format_message(std::span<char> out, Message &message)
 // costs more than all the rest of a line's formatting. A thread that finds it in use by
 // another one makes its own.
 struct SecondText {
-    int busy;
+    uint32_t busy;
     time_t second;
     char text[TIMESTAMP_SIZE];
 };
@@ -123,17 +129,17 @@ SecondText second_text = {};
 size_t append_timestamp(char *out)
 {
     const time_t now = time(nullptr);
-    if (__atomic_exchange_n(&second_text.busy, 1, __ATOMIC_ACQUIRE) != 0) {
+    if (!qz::base::exchange_if(second_text.busy, 0, 1)) {
         qz::log::format_time(now, {out, TIMESTAMP_SIZE});
         return strlen(out);
     }
-    if (second_text.second != now) {
+    if (second_text.second != now || second_text.text[0] == '\0') { // a clock may stand at 0
         second_text.second = now;
         qz::log::format_time(now, second_text.text);
     }
     const size_t length = strlen(second_text.text);
     memcpy(out, second_text.text, length);
-    __atomic_store_n(&second_text.busy, 0, __ATOMIC_RELEASE);
+    qz::base::store_release(second_text.busy, 0);
     return length;
 }
 
@@ -185,21 +191,6 @@ void qz::log::format_time(int64_t seconds, std::span<char> out)
     qz::base::copy_text(out, {text.data(), length});
 }
 
-void qz::log::log_message(int level, const char *module, int line, const char *format, va_list arguments)
-{
-    const ErrnoKeeper keeper; // callers look at errno after they logged
-    Message message{format, {}, errno};
-    msg_level_refresh();
-    if (__atomic_load_n(&threshold, __ATOMIC_RELAXED) > level)
-        return;
-    va_copy(message.arguments, arguments);
-    if (msg_log_state.path[0] != '\0')
-        emit_to_file(level_row(level), message);
-    else
-        emit_to_syslog(level_row(level), module, line, message);
-    va_end(message.arguments);
-}
-
 QZ_EXPORT void openmsg_com(const char *path, int max_size, const char *ident, int flags)
 {
     msg_log_state = {};
@@ -228,10 +219,23 @@ QZ_EXPORT void closemsg(void)
 
 QZ_EXPORT void debug_msg(int level, const char *module, int line, const char *format, ...)
 {
-    va_list arguments;
-    va_start(arguments, format);
-    qz::log::log_message(level, module, line, format, arguments);
-    va_end(arguments);
+    const ErrnoKeeper keeper; // callers look at errno after they logged
+    Message message{format, {}, errno};
+    msg_level_refresh();
+    if (__atomic_load_n(&threshold, __ATOMIC_RELAXED) > level)
+        return;
+    sigset_t before;
+    const bool hold = __atomic_load_n(&held_signals.any, __ATOMIC_ACQUIRE);
+    if (hold)
+        pthread_sigmask(SIG_BLOCK, &held_signals.set, &before);
+    va_start(message.arguments, format);
+    if (msg_log_state.path[0] != '\0')
+        emit_to_file(level_row(level), message);
+    else
+        emit_to_syslog(level_row(level), module, line, message);
+    va_end(message.arguments);
+    if (hold)
+        pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 QZ_EXPORT int reset_file_size(const char *path, int max_size)

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <span>
 
+#pragma GCC visibility push(hidden)
+
 namespace qz::log
 {
 
@@ -11,3 +13,5 @@ namespace qz::log
 void format_time(int64_t seconds, std::span<char> out);
 
 } // namespace qz::log
+
+#pragma GCC visibility pop

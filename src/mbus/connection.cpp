@@ -1,4 +1,5 @@
 #include "base/export.h"
+#include "base/lock.h"
 #include "base/owners.h"
 #include "base/text.h"
 #include "mbus/bus.h"
@@ -17,8 +18,9 @@ namespace
 using qz::base::UniqueFd;
 
 constexpr unsigned ATTEMPTS = 4; // to reach the server, and to find the name
-constexpr int REGISTER_PATIENCE_MS = 1000;
-constexpr int REGISTER_TRIES = 100;
+constexpr int REGISTER_PATIENCE_MS = 250;
+constexpr int REGISTER_TRIES = 25;
+constexpr int FORMER_PATIENCE_MS = 250; // for the server to read what a former life sent
 
 // Whether connect has finished: what the down cache's reader waits for.
 pthread_mutex_t connected_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -27,10 +29,9 @@ bool connected = false;
 
 void set_connected(bool value)
 {
-    pthread_mutex_lock(&connected_mutex);
+    const base::Lock lock(connected_mutex);
     connected = value;
     pthread_cond_broadcast(&connected_changed);
-    pthread_mutex_unlock(&connected_mutex);
 }
 
 void pause_ms(unsigned ms)
@@ -68,53 +69,71 @@ void send_command(int fd, const mbus_ctl_msg &message)
         (void)poll(&room, 1, REGISTER_PATIENCE_MS / REGISTER_TRIES);
 }
 
-// A record whose condition a client initialised: of this name's former life, most likely, which
-// the server may still be using.
-bool is_new(const mbus_client *record)
+// Whether the server has not read all that was sent in this name's former life.
+bool has_old_packets(const mbus_client &record)
 {
-    return record != nullptr && !is_initialised(record->down_cond);
+    return load(record.up_write) % QZLIB_MBUS_RING_SLOTS != load(record.up_read) % QZLIB_MBUS_RING_SLOTS;
 }
 
-// The server needs a moment to fill the record, or to make an old one new. One that stays as it
-// is will do: not every server clears what it fills.
+// The server needs a moment to fill the record, and one of a former life is not taken, and its
+// rings emptied, while packets lie there; but not every server reads them.
 mbus_client *await_record(const char *name)
 {
     pause_ms(1);
     mbus_client *record = qzlib_find_client_by_name(name);
-    for (unsigned failed = 1; !is_new(record) && failed < ATTEMPTS; ++failed) {
+    for (unsigned failed = 1; record == nullptr && failed < ATTEMPTS; ++failed) {
         pause_ms(failed);
+        record = qzlib_find_client_by_name(name);
+    }
+    for (int waited = 0; record != nullptr && has_old_packets(*record) && waited < FORMER_PATIENCE_MS;
+         ++waited) {
+        pause_ms(1);
         record = qzlib_find_client_by_name(name);
     }
     return record;
 }
 
-int take_record(mbus_client *record)
+bool take_record(mbus_client *record)
 {
     qz::base::copy_text(state.own_name, qz::base::field_text(record->name));
     state.table_gone = false;
     set_self(record);
-    if (qzlib_client_init(record) != 0) {
-        MBUS_LOG(QZLIB_LOG_ERROR, "connect to mbus fail");
-        set_self(nullptr);
-        return -1;
+    if (qzlib_client_init(record) == 0)
+        return true;
+    set_self(nullptr);
+    return false;
+}
+
+// A record that changed its name between finding and attaching is looked for again: the server was
+// just making it new.
+bool join(const char *name)
+{
+    for (unsigned tries = 0; tries < ATTEMPTS; ++tries) {
+        mbus_client *record = await_record(name);
+        if (record == nullptr)
+            return false;
+        if (take_record(record)) {
+            MBUS_LOG(QZLIB_LOG_INFO, "connect to mbus success");
+            set_connected(true);
+            return true;
+        }
+        if (qzlib_find_client_by_name(name) == record)
+            break;
     }
-    MBUS_LOG(QZLIB_LOG_INFO, "connect to mbus success");
-    set_connected(true);
-    return 0;
+    MBUS_LOG(QZLIB_LOG_ERROR, "connect to mbus fail");
+    return false;
 }
 
 // Whoever waits for a packet leaves first: once the server has read the command, the record
-// may be another client's.
-void leave(bool unregister)
+// may be another client's. Of an inherited connection, the parent's, no thread is here.
+void leave(bool inherited, bool unregister)
 {
-    mbus_client *own = self();
-    if (own == nullptr)
+    if (self() == nullptr)
         return;
     set_connected(false);
     set_self(nullptr);
-    if (!state.table_gone)
-        force_condition(own->down_cond);
-    wait_absence();
+    if (!inherited)
+        dismiss_users(state.own.base);
     const mbus_ctl_msg message = command(MBUS_CTL_UNREGISTER, state.own_name);
     if (unregister) // the server may be gone
         (void)qzlib_send_to_unixdomain(QZLIB_MBUS_SOCKET, &message, sizeof message);
@@ -141,10 +160,9 @@ bool is_new_process()
 
 void wait_connected()
 {
-    pthread_mutex_lock(&connected_mutex);
+    const base::Lock lock(connected_mutex);
     while (!connected)
         pthread_cond_wait(&connected_changed, &connected_mutex);
-    pthread_mutex_unlock(&connected_mutex);
 }
 
 } // namespace qz::mbus
@@ -155,7 +173,8 @@ QZ_EXPORT int qzlib_connect_mbus_server(const char *name)
 {
     if (name == nullptr)
         return QZLIB_ERR_ARGUMENT;
-    leave(!is_new_process()); // a forked process's parent stays on the bus
+    const bool inherited = is_new_process();
+    leave(inherited, !inherited); // a forked process's parent stays on the bus
     UniqueFd fd = reach_server();
     if (!fd)
         return -1;
@@ -164,8 +183,7 @@ QZ_EXPORT int qzlib_connect_mbus_server(const char *name)
     const int result = qzlib_mbus_share_init();
     if (result != 0)
         return result;
-    mbus_client *record = await_record(name);
-    if (record != nullptr && take_record(record) == 0)
+    if (join(name))
         return 0;
     qzlib_mbus_share_uninit();
     return -1;
@@ -173,7 +191,6 @@ QZ_EXPORT int qzlib_connect_mbus_server(const char *name)
 
 QZ_EXPORT int qzlib_disconnect_mbus_server(void)
 {
-    (void)is_new_process();
-    leave(true);
+    leave(is_new_process(), true);
     return 0;
 }

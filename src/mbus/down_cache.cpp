@@ -1,8 +1,10 @@
 #include "base/export.h"
+#include "base/lock.h"
 #include "base/text.h"
+#include "base/thread.h"
 #include "mbus/bus.h"
+#include "mbus/ring.h"
 
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <unistd.h>
@@ -10,6 +12,7 @@
 namespace
 {
 
+using qz::base::Lock;
 using namespace qz::mbus;
 
 // What a packet must fit into the cap with, what it is charged, and what is asked of the
@@ -19,7 +22,7 @@ constexpr uint32_t CHARGE_EXTRA = 83;
 constexpr uint32_t DEFAULT_CAP = 8388608;
 constexpr int SMALLEST_CAP = 4097;
 
-// A cached packet. It lies behind its payload, which thus starts where the heap block does,
+// A cached packet. It lies after its payload, which thus starts where the heap block does,
 // aligned for whatever the callback takes it for; hence packed.
 struct [[gnu::packed]] Node {
     Node *next;
@@ -31,18 +34,6 @@ struct [[gnu::packed]] Node {
     [[nodiscard]] char *payload() { return reinterpret_cast<char *>(this) - length; }
 };
 static_assert(sizeof(Node) <= ADMISSION_EXTRA);
-
-class Lock
-{
-public:
-    explicit Lock(pthread_mutex_t &mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_); }
-    ~Lock() { pthread_mutex_unlock(&mutex_); }
-    Lock(const Lock &) = delete;
-    Lock &operator=(const Lock &) = delete;
-
-private:
-    pthread_mutex_t &mutex_;
-};
 
 // The list is changed and waited for under its mutex, so that no wake-up is lost. The count
 // is changed by the reader and by the delivery thread without it.
@@ -81,7 +72,7 @@ bool is_admitted(uint32_t length)
            __atomic_load_n(&used_bytes, __ATOMIC_RELAXED) + ADMISSION_EXTRA + length;
 }
 
-Node *make_node(const mbus_pkg &pkg, uint32_t length)
+Node *make_node(const mbus_pkg &pkg, uint8_t type, uint32_t length)
 {
     auto *block = static_cast<char *>(malloc(length + ADMISSION_EXTRA));
     if (block == nullptr) {
@@ -91,26 +82,27 @@ Node *make_node(const mbus_pkg &pkg, uint32_t length)
     memcpy(block, payload_of(pkg), length);
     auto *node = reinterpret_cast<Node *>(block + length);
     node->length = length;
-    node->type = pkg.type;
+    node->type = type;
     qz::base::fill_field(node->name, pkg.name);
     return node;
 }
 
 void cache(const mbus_pkg &pkg)
 {
-    const uint32_t length = __atomic_load_n(&pkg.length, __ATOMIC_RELAXED);
-    if (length > READ_LENGTH_MAX)
+    const uint8_t type = load_relaxed(pkg.type);
+    const uint32_t length = load_relaxed(pkg.length);
+    if (type >= TYPES || length > READ_LENGTH_MAX)
         return; // changed in the ring after it was checked
     if (!is_admitted(length)) {
         MBUS_LOG(QZLIB_LOG_WARNING, "%s down_cache is full, drop %dbytes", state.own_name,
                  static_cast<int>(length));
         return;
     }
-    Node *node = make_node(pkg, length);
+    Node *node = make_node(pkg, type, length);
     if (node == nullptr)
         return;
     append(node);
-    __atomic_fetch_add(&used_bytes, CHARGE_EXTRA + length, __ATOMIC_RELAXED);
+    qz::base::add(used_bytes, CHARGE_EXTRA + length);
     pthread_cond_signal(&delivery);
 }
 
@@ -145,27 +137,9 @@ void *down_cache_deliver(void *argument)
         if (callback != nullptr)
             (void)callback(node->type, node->name, node->payload(), length);
         free(node->payload());
-        __atomic_fetch_sub(&used_bytes, CHARGE_EXTRA + length, __ATOMIC_RELAXED);
+        qz::base::add(used_bytes, -(CHARGE_EXTRA + length));
     }
     return nullptr;
-}
-
-// A thread that is never joined.
-void start(void *(*run)(void *), void *argument)
-{
-    pthread_t thread;
-    (void)pthread_create(&thread, nullptr, run, argument);
-}
-
-// The process's signals stay with its own threads.
-void start_reader()
-{
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
-    start(down_cache_reader, nullptr);
-    pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 } // namespace
@@ -186,8 +160,9 @@ QZ_EXPORT int qzlib_mbus_down_cache_process(int max_bytes, mbus_pkg_callback cal
     (void)is_new_process();
     const uint32_t cap = max_bytes < SMALLEST_CAP ? DEFAULT_CAP : static_cast<uint32_t>(max_bytes);
     __atomic_store_n(&cap_bytes, cap, __ATOMIC_RELAXED);
-    start_reader();
+    pthread_t thread; // neither is joined
+    (void)qz::base::start_thread(thread, down_cache_reader, nullptr);
     // With the caller's signal mask: the callback may start programs, which inherit it.
-    start(down_cache_deliver, reinterpret_cast<void *>(callback));
+    (void)pthread_create(&thread, nullptr, down_cache_deliver, reinterpret_cast<void *>(callback));
     return 0;
 }

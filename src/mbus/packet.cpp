@@ -1,136 +1,22 @@
 #include "base/export.h"
 #include "base/text.h"
 #include "mbus/bus.h"
+#include "mbus/ring.h"
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
-#include <sched.h>
 
 namespace qz::mbus
 {
 namespace
 {
 
-constexpr uint8_t TYPES = 4;
-constexpr uint32_t YIELD_PATIENCE_US = 1000;
-constexpr unsigned DIRECT_SLEEPS = 500;
-constexpr uint32_t POLL_US = 50; // about what a sleep and a wake-up cost
-constexpr unsigned BACKOFF_MAX = 511;
-
-// What every packet goes through is kept in one piece, and what few go through out of it.
-#define PACKET_PATH [[gnu::always_inline]] inline
+// What few packets go through is kept out of the path.
 #define ASIDE [[gnu::noinline]]
 
-// The end of a ring that this process works on. The indices lie in shared memory; one of
-// them is moved by this process alone, both may hold anything.
-struct Ring {
-    Slot *slots;
-    uint32_t &write;
-    uint32_t &read;
-};
-
-// Acquires what the peer published with the index.
-uint32_t load_index(const uint32_t &index)
+ASIDE int drop(const mbus_client &client, Doorbell bell, uint64_t &dropped, uint32_t length)
 {
-    return __atomic_load_n(&index, __ATOMIC_ACQUIRE) % SLOTS;
-}
-
-template <typename Integer>
-Integer load_relaxed(const Integer &field)
-{
-    return __atomic_load_n(&field, __ATOMIC_RELAXED);
-}
-
-uint32_t following(uint32_t slot)
-{
-    return (slot + 1) % SLOTS;
-}
-
-enum class Side { CLIENT, SERVER };
-
-// Sequentially consistent against begin_wait(): either the sleeper sees the packet or the
-// writer sees the sleeper. False when the server's index moved meanwhile: a client that connects
-// anew has emptied the ring, and what lies before this packet is old.
-template <Side SIDE>
-bool publish(uint32_t &index, uint32_t before, uint32_t slot)
-{
-    if constexpr (SIDE == Side::SERVER)
-        return __atomic_compare_exchange_n(&index, &before, slot, false, __ATOMIC_SEQ_CST, __ATOMIC_RELAXED);
-    __atomic_store_n(&index, slot, __ATOMIC_SEQ_CST);
-    return true;
-}
-
-bool is_empty(const Ring &ring)
-{
-    return __atomic_load_n(&ring.write, __ATOMIC_SEQ_CST) % SLOTS == load_index(ring.read);
-}
-
-uint32_t mark_of(const Slot &slot)
-{
-    return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(slot.payload));
-}
-
-// The bounded copy of a name, in words: all of the packet path's own work is here. Zero
-// bytes are found with the usual trick; the lowest one found is a true one.
-void copy_name(char (&to)[QZLIB_MBUS_PKG_NAME_SIZE], const char (&from)[QZLIB_MBUS_PKG_NAME_SIZE])
-{
-    constexpr size_t ONES = ~size_t{0} / 0xff;
-    memset(to, 0, sizeof to);
-#pragma GCC unroll WIDE_ADDRESSES ? 8 : 1
-    for (size_t at = 0; at < sizeof to; at += sizeof(size_t)) {
-        size_t chunk;
-        memcpy(&chunk, from + at, sizeof chunk);
-        const size_t zeros = (chunk - ONES) & ~chunk & (ONES << 7);
-        if (zeros != 0) {
-            chunk &= ((zeros & (~zeros + 1)) >> 7) - 1;
-            memcpy(to + at, &chunk, sizeof chunk);
-            return;
-        }
-        memcpy(to + at, &chunk, sizeof chunk);
-    }
-}
-
-// A packet as it was when it was checked: as bus server of 32 bits a caller may pass on a
-// header that lies in a ring, where its writer can still change it.
-struct Outgoing {
-    const mbus_pkg &header;
-    uint8_t type;
-    uint32_t length;
-    const void *data;
-
-    explicit Outgoing(const mbus_pkg &pkg)
-        : header(pkg), type(load_relaxed(pkg.type)), length(load_relaxed(pkg.length)),
-          data(load_relaxed(pkg.data))
-    {
-    }
-    [[nodiscard]] bool is_valid() const
-    {
-        return type < TYPES && length >= 1 && length <= QZLIB_MBUS_PAYLOAD_MAX && data != nullptr;
-    }
-};
-
-// False when the ring is full, or was emptied meanwhile.
-template <Side SIDE>
-PACKET_PATH bool put(const Ring &ring, const Outgoing &packet)
-{
-    const uint32_t before = load_relaxed(ring.write); // this side's own
-    const uint32_t at = before % SLOTS;
-    const uint32_t next = following(at);
-    if (next == load_index(ring.read))
-        return false;
-    Slot &slot = ring.slots[at];
-    slot.type = packet.type;
-    slot.length = packet.length;
-    slot.data_address = mark_of(slot) | FRESH;
-    copy_name(slot.name, packet.header.name);
-    memcpy(slot.payload, packet.data, packet.length);
-    return publish<SIDE>(ring.write, before, next);
-}
-
-ASIDE int drop(const mbus_client &client, pthread_cond_t &condition, uint64_t &dropped, uint32_t length)
-{
-    force_condition(condition);
+    ring_anyway(bell);
     dropped += length;
     MBUS_LOG(QZLIB_LOG_DEBUG, "mbus write drop, name:%.32s, size:%d", client.name, static_cast<int>(length));
     return -1;
@@ -150,13 +36,13 @@ int write_up(mbus_client &client, const Outgoing &packet)
     if (self() != &client)
         return -1;
     mbus_share_segment *segment = share();
-    Attachment &own = state.own;
-    if (segment == nullptr || own.base == nullptr)
+    char *const base = state.own.attached();
+    if (segment == nullptr || base == nullptr)
         return fail(client);
     client.client_offered += packet.length;
-    if (!put<Side::CLIENT>({own.up_ring(), client.up_write, client.up_read}, packet))
-        return drop(client, segment->up_cond, client.client_dropped, packet.length);
-    signal_condition(segment->up_cond, own.signals);
+    if (!put<Side::CLIENT>({up_slots(base), client.up_write, client.up_read}, packet))
+        return drop(client, up_doorbell(*segment), client.client_dropped, packet.length);
+    ring(up_doorbell(*segment), state.own.rung);
     return 0;
 }
 
@@ -166,9 +52,10 @@ int write_down(mbus_client &client, const Outgoing &packet)
     if (attachment == nullptr || attachment->base == nullptr)
         return fail(client);
     client.server_offered += packet.length;
-    if (!put<Side::SERVER>({attachment->down_ring(), client.down_write, client.down_read}, packet))
-        return drop(client, client.down_cond, client.server_dropped, packet.length);
-    signal_condition(client.down_cond, attachment->signals);
+    const Doorbell bell = down_doorbell(attachment->base, client);
+    if (!put<Side::SERVER>({down_slots(attachment->base), client.down_write, client.down_read}, packet))
+        return drop(client, bell, client.server_dropped, packet.length);
+    ring(bell, attachment->rung);
     return 0;
 }
 
@@ -182,7 +69,7 @@ PACKET_PATH uint32_t next_slot(const Ring &ring, Attachment &attachment)
     if (at != end && at == attachment.handed_out &&
         load_relaxed(ring.slots[at].data_address) == mark_of(ring.slots[at])) {
         at = following(at);
-        __atomic_store_n(&ring.read, at, __ATOMIC_RELEASE);
+        base::store_release(ring.read, at);
     }
     if (at != end)
         return at;
@@ -208,11 +95,11 @@ ASIDE mbus_pkg *skip(Slot &slot, uint32_t &read, uint32_t at, const mbus_client 
     MBUS_LOG(QZLIB_LOG_WARNING, "mbus read fail, name:%.32s, type:%d, len:%d", client.name, type,
              static_cast<int>(length));
     __atomic_store_n(&slot.data_address, 0, __ATOMIC_RELAXED);
-    __atomic_store_n(&read, following(at), __ATOMIC_RELEASE);
+    base::store_release(read, following(at));
     return nullptr;
 }
 
-// Type and length are looked at once: what was checked is what counts. The slot behind is
+// Type and length are looked at once: what was checked is what counts. The next slot is
 // fetched meanwhile, to be read and to be marked.
 PACKET_PATH mbus_pkg *take(const Ring &ring, uint32_t at, Attachment &attachment, const mbus_client &client,
                            uint64_t &bytes_read)
@@ -232,62 +119,28 @@ PACKET_PATH mbus_pkg *take(const Ring &ring, uint32_t at, Attachment &attachment
     return hand_out(slot, attachment, type, length);
 }
 
-uint32_t monotonic_us()
+// Whether the bus server knows doorbells. It writes this process's ring alone.
+bool is_server_plain()
 {
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint32_t>(now.tv_sec) * 1'000'000 + static_cast<uint32_t>(now.tv_nsec / 1000);
+    mbus_share_segment *segment = share();
+    return segment == nullptr || !is_served(up_doorbell(*segment).word);
 }
 
-// Where the writer has a processor of its own its answer is often on the way, and waiting for
-// it is cheaper for both than a sleep and a wake-up. Every time in vain makes the next rarer,
-// so that a reader with little to do spends nothing.
-void await_answer(const Ring &ring, Patience &patience)
-{
-    if (patience.waits_unpolled > 0) {
-        --patience.waits_unpolled;
-        return;
-    }
-    const uint32_t start = monotonic_us();
-    do {
-        sched_yield();
-        if (!is_empty(ring)) {
-            patience.backoff = 0;
-            return;
-        }
-    } while (monotonic_us() - start < POLL_US);
-    patience.backoff = std::min(patience.backoff * 2 + 1, BACKOFF_MAX);
-    patience.waits_unpolled = patience.backoff;
-}
-
-// Gives the processor away before sleeping: on one core the writer then fills the ring, and
-// nobody has to be woken. That is good only while the processor soon comes back. Where others
-// compute, a sleeper that is woken gets it sooner than one who gave it away.
-void let_writer_run(const Ring &ring, Patience &patience)
-{
-    if (patience.direct_sleeps > 0) {
-        --patience.direct_sleeps;
-        return;
-    }
-    const uint32_t start = monotonic_us();
-    sched_yield();
-    if (monotonic_us() - start > YIELD_PATIENCE_US)
-        patience.direct_sleeps = DIRECT_SLEEPS;
-    else if (is_empty(ring))
-        await_answer(ring, patience);
-}
-
-// False when the process disconnects.
+// False when the process disconnects or detaches.
 bool wait_packet(const Ring &ring, mbus_client &client, Attachment &own)
 {
-    let_writer_run(ring, state.patience);
+    char *const base = reinterpret_cast<char *>(ring.slots) - QZLIB_MBUS_RING_SIZE;
+    const auto is_connected = [&] { return self() == &client && own.attached() == base; };
+    let_writers_run(state.patience, [&ring] { return !is_empty(ring); });
     while (is_empty(ring)) {
-        const uint32_t ticket = begin_wait(client.down_cond);
+        const bool plain = is_server_plain();
         bool woken = true;
-        if (is_empty(ring) && self() == &client)
-            woken = wait_condition(client.down_cond, ticket, own.wait_ms);
-        end_wait(client.down_cond);
-        if (self() != &client)
+        {
+            Wait wait(down_doorbell(base, client), plain);
+            if (is_empty(ring) && is_connected())
+                woken = wait.sleep(plain ? own.wait_ms : own.wait_ms * RUNG_WAIT_FACTOR);
+        }
+        if (!is_connected())
             return false;
         if (!woken)
             own.wait_ms = std::min(own.wait_ms * 2, WAIT_MAX_MS);
@@ -296,9 +149,8 @@ bool wait_packet(const Ring &ring, mbus_client &client, Attachment &own)
     return true;
 }
 
-ASIDE mbus_pkg *wait_and_take(mbus_client &client, Attachment &own)
+ASIDE mbus_pkg *wait_and_take(const Ring &ring, mbus_client &client, Attachment &own)
 {
-    const Ring ring = {own.down_ring(), client.down_write, client.down_read};
     if (!wait_packet(ring, client, own))
         return nullptr;
     return take(ring, load_index(ring.read), own, client, client.client_read);
@@ -313,13 +165,14 @@ ASIDE mbus_pkg *refuse_read(const mbus_client &client)
 mbus_pkg *read_down(mbus_client &client, bool nowait)
 {
     Attachment &own = state.own;
-    if (own.base == nullptr)
+    char *const base = own.attached();
+    if (base == nullptr)
         return refuse_read(client);
-    const Ring ring = {own.down_ring(), client.down_write, client.down_read};
+    const Ring ring = {down_slots(base), client.down_write, client.down_read};
     const uint32_t at = next_slot(ring, own);
     if (at != SLOTS)
         return take(ring, at, own, client, client.client_read);
-    return nowait ? nullptr : wait_and_take(client, own);
+    return nowait ? nullptr : wait_and_take(ring, client, own);
 }
 
 mbus_pkg *read_up(mbus_client &client, bool nowait)
@@ -327,7 +180,7 @@ mbus_pkg *read_up(mbus_client &client, bool nowait)
     Attachment *attachment = find_attachment(&client);
     if (!nowait || attachment == nullptr || attachment->base == nullptr)
         return refuse_read(client);
-    const Ring ring = {attachment->up_ring(), client.up_write, client.up_read};
+    const Ring ring = {up_slots(attachment->base), client.up_write, client.up_read};
     const uint32_t at = next_slot(ring, *attachment);
     return at == SLOTS ? nullptr : take(ring, at, *attachment, client, client.server_read);
 }

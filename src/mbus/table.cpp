@@ -97,6 +97,18 @@ void detach(Attachment &attachment)
         remove_if_unused(attachment.handle.id);
 }
 
+void detach_own()
+{
+    char *const base = state.own.attached();
+    state.own.set_detached();
+    if (self() != nullptr) // or else they went before
+        dismiss_users(base);
+    Attachment own = state.own;
+    own.base = base;
+    detach(own);
+    state.own.handle = {};
+}
+
 // Attaches unless that very segment is attached already.
 bool attach(mbus_client &record, Attachment &attachment, int id)
 {
@@ -121,7 +133,7 @@ bool attach(mbus_client &record, Attachment &attachment, int id)
 void empty_rings(mbus_client &record)
 {
     for (uint32_t *index : {&record.up_write, &record.up_read, &record.down_write, &record.down_read})
-        __atomic_store_n(index, 0, __ATOMIC_SEQ_CST);
+        store(*index, 0);
 }
 
 bool same_name(const mbus_client &record, const char *name)
@@ -133,7 +145,7 @@ bool same_name(const mbus_client &record, const char *name)
 bool is_in_use()
 {
     return std::any_of(std::begin(state.in_use), std::end(state.in_use),
-                       [](const uint32_t &use) { return __atomic_load_n(&use, __ATOMIC_ACQUIRE) != 0; });
+                       [](const uint32_t &use) { return load(use) != 0; });
 }
 
 Attachment *remember(Attachment *attachment)
@@ -162,21 +174,24 @@ Attachment *search_attachment(const mbus_client *record)
 }
 
 // Users notice soon; the bound is for a caller that is itself such a thread, interrupted.
-void wait_absence()
+void dismiss_users(char *base)
 {
+    if (base != nullptr)
+        ring_anyway(down_doorbell(base, *state.own.record));
     const timespec pause = {0, 1'000'000};
     int left = LEAVE_PATIENCE_MS;
     do
         (void)nanosleep(&pause, nullptr);
     while (--left > 0 && is_in_use());
+    if (base != nullptr)
+        store(down_doorbell(base, *state.own.record).word, 0);
 }
 
 // The record is not looked at: the server may have given it to somebody else by now.
 void uninit_own()
 {
     MBUS_LOG(QZLIB_LOG_INFO, "remove %s on client", state.own_name);
-    detach(state.own);
-    state.own = {};
+    detach_own();
 }
 
 } // namespace qz::mbus
@@ -220,13 +235,15 @@ QZ_EXPORT int qzlib_client_init(mbus_client *client)
         return -1;
     }
     if (own_side && strncmp(client->name, name.text(), sizeof client->name) != 0) {
-        detach(state.own); // we were so late that the server gave the record to somebody else
+        detach(state.own); // it is not this name's, or not yet again
         state.own = {};
         return -1;
     }
     if (own_side) {
         empty_rings(*client);
         init_condition(client->down_cond);
+        if (state.own.base != nullptr)
+            serve(down_doorbell(state.own.base, *client));
     }
     // "on server" on both sides: tools that read logs know this text.
     MBUS_LOG(QZLIB_LOG_INFO, "create %s on server, memid=%d", name.text(), id);
@@ -275,8 +292,7 @@ QZ_EXPORT void qzlib_mbus_share_uninit(void)
 {
     if (self() != nullptr) { // the indices go with the table, so the rings are of no more use
         state.table_gone = true;
-        detach(state.own);
-        state.own = {};
+        detach_own();
     }
     if (mbus_share != nullptr) {
         (void)shmdt(mbus_share);

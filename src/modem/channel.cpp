@@ -4,21 +4,29 @@
 //
 // Two sockets where the process receives: the kernel never hands a multicast back to the
 // socket that sent it, and a process does get its own messages.
+#include "base/atomic.h"
 #include "base/export.h"
 #include "base/owners.h"
 #include "base/text.h"
+#include "base/thread.h"
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
+#include <dlfcn.h>
 #include <linux/netlink.h>
 #include <pthread.h>
 #include <qzlib.h>
 #include <sys/socket.h>
 
+#if __has_include(<gnu/lib-names.h>)
+#include <gnu/lib-names.h>
+#endif
+
 namespace
 {
 
+using qz::base::CancellationHold;
 using qz::base::UniqueFd;
 
 constexpr uint32_t MESSAGE_MAGIC = 0x515A4D53; // "QZMS", the most significant byte first
@@ -49,8 +57,8 @@ using MessageCallback = void (*)(local_msg *msg, void *ctx);
 // way when the channel is closed still has its message. So the thread and the channel share
 // it, and the last one frees it.
 struct Receiver {
-    int references;
-    bool stopped;            // atomic; set once, by whoever closes the channel
+    uint32_t references;
+    uint32_t stopped;        // atomic; set once, by whoever closes the channel
     pthread_mutex_t reading; // held by the thread while it uses fd
     int fd;
     Identity self;
@@ -70,35 +78,16 @@ struct Channel {
 // One channel per process, null when closed. Unlocked: callers serialise.
 Channel *channel = nullptr;
 
-// qzlib_msg_exit() works through to its end even where the calling thread is being
-// cancelled, which it is when a callback closes its own channel.
-class CancellationHold
-{
-public:
-    CancellationHold() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &saved_); }
-    ~CancellationHold() { pthread_setcancelstate(saved_, nullptr); }
-    CancellationHold(const CancellationHold &) = delete;
-    CancellationHold &operator=(const CancellationHold &) = delete;
-
-private:
-    int saved_ = 0;
-};
-
 void drop_receiver(void *argument)
 {
     auto *receiver = static_cast<Receiver *>(argument);
-    if (__atomic_sub_fetch(&receiver->references, 1, __ATOMIC_ACQ_REL) == 0)
+    if (qz::base::add(receiver->references, -1U) == 0)
         free(receiver);
-}
-
-void unlock(void *mutex)
-{
-    pthread_mutex_unlock(static_cast<pthread_mutex_t *>(mutex));
 }
 
 bool is_stopped(const Receiver &receiver)
 {
-    return __atomic_load_n(&receiver.stopped, __ATOMIC_ACQUIRE);
+    return qz::base::load(receiver.stopped) != 0;
 }
 
 // One read under the lock; the thread is cancelled in it, and a closed descriptor is never
@@ -106,7 +95,7 @@ bool is_stopped(const Receiver &receiver)
 bool read_datagram(Receiver &receiver, ssize_t &count)
 {
     pthread_mutex_lock(&receiver.reading);
-    pthread_cleanup_push(unlock, &receiver.reading);
+    pthread_cleanup_push(qz::base::unlock, &receiver.reading);
     if (!is_stopped(receiver))
         count = read(receiver.fd, receiver.buffer, READ_SIZE);
     pthread_cleanup_pop(1);
@@ -158,7 +147,7 @@ void *msg_receiver(void *argument)
 void stop_receiver(Channel &closing)
 {
     Receiver *receiver = closing.receiver;
-    __atomic_store_n(&receiver->stopped, true, __ATOMIC_RELEASE);
+    qz::base::store_release(receiver->stopped, 1);
     pthread_cancel(closing.thread);
     pthread_detach(closing.thread);
     pthread_mutex_lock(&receiver->reading);
@@ -204,6 +193,17 @@ UniqueFd open_socket(int (*attach)(int, const sockaddr *, socklen_t))
     return fd;
 }
 
+// Where libc loads its unwinder at a process's first pthread_cancel(), it aborts the process when it
+// cannot: no such file, or no descriptor left. Loaded here, and for good, the channel can be closed.
+bool load_unwinder()
+{
+#ifdef LIBGCC_S_SO
+    return dlopen(LIBGCC_S_SO, RTLD_NOW) != nullptr;
+#else
+    return true;
+#endif
+}
+
 UniqueChannel make_channel(UniqueFd &sending, const Identity &self)
 {
     auto *made = static_cast<Channel *>(calloc(1, sizeof(Channel)));
@@ -226,7 +226,7 @@ bool start_receiver(Channel &opening, UniqueFd &receiving, MessageCallback callb
     receiver->self = opening.self;
     receiver->callback = callback;
     receiver->ctx = ctx;
-    if (pthread_create(&opening.thread, nullptr, msg_receiver, receiver) != 0) {
+    if (!qz::base::start_thread(opening.thread, msg_receiver, receiver)) {
         free(receiver);
         return true;
     }
@@ -235,7 +235,7 @@ bool start_receiver(Channel &opening, UniqueFd &receiving, MessageCallback callb
     return true;
 }
 
-// Copies the data behind the head; returns the length of both, nothing else being sent.
+// Copies the data after the head; returns the length of both, nothing else being sent.
 size_t put_data(Channel &open, const local_msg &msg)
 {
     if (msg.data == nullptr || msg.data_len <= 0)
@@ -265,7 +265,7 @@ QZ_EXPORT int qzlib_msg_init(void (*callback)(local_msg *msg, void *ctx), void *
         return named;
     UniqueFd sending = open_socket(connect);
     UniqueFd receiving = callback != nullptr ? open_socket(bind) : UniqueFd();
-    if (!sending || (callback != nullptr && !receiving))
+    if (!sending || (callback != nullptr && (!receiving || !load_unwinder())))
         return -1;
     UniqueChannel opening = make_channel(sending, self);
     if (!opening || (callback != nullptr && !start_receiver(*opening.get(), receiving, callback, ctx)))
@@ -294,6 +294,8 @@ QZ_EXPORT int qzlib_msg_send(local_msg *msg)
     return 0;
 }
 
+// It works through to its end even where the calling thread is being cancelled, which it is when
+// a callback closes its own channel.
 QZ_EXPORT void qzlib_msg_exit(void)
 {
     const CancellationHold hold;

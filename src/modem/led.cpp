@@ -63,7 +63,7 @@ bool read_first_line(const Path &path, Line &line)
 int read_number(const Path &path)
 {
     Line line;
-    return read_first_line(path, line) ? atoi(line.data()) : -1; // NOLINT(cert-err34-c): the kernel's number
+    return read_first_line(path, line) ? qz::base::read_number(line.data()) : -1;
 }
 
 bool write_led(const char *led, const char *file, const char *text)
@@ -113,7 +113,7 @@ int steady_mode(const char *led)
     Line line;
     if (!read_first_line(led_path(led, "brightness"), line))
         return -1;
-    return atoi(line.data()) != 0 ? QZLIB_LED_ON : QZLIB_LED_OFF; // NOLINT(cert-err34-c): as above
+    return qz::base::read_number(line.data()) != 0 ? QZLIB_LED_ON : QZLIB_LED_OFF;
 }
 
 int to_status(bool done)

@@ -38,7 +38,7 @@ std::span<char> value_area(size_t row)
     return std::span(table).subspan(row * sizeof(Row) + offsetof(Row, value), VALUE_COPY_SIZE);
 }
 
-// False for a line without a colon. Everything behind the first colon belongs to the value.
+// False for a line without a colon. Everything after the first colon belongs to the value.
 bool store_line(size_t row, char *line)
 {
     char *colon = strchr(line, ':');

@@ -141,7 +141,7 @@ void read_counters(const char *text, const Counters &counters)
 }
 
 // Finds the first line that has the name anywhere in it: "eth0" also finds veth0, deliberately.
-// What stands behind its first ':', or null.
+// What stands after its first ':', or null.
 const char *find_counters(FILE *stream, const char *ifname, std::span<char> line)
 {
     if (!read_line(stream, line) || !read_line(stream, line)) // the two heading lines

@@ -1,12 +1,14 @@
 #include "base/export.h"
+#include "base/lookup.h"
 #include "base/owners.h"
 #include "base/text.h"
+#include "base/thread.h"
 
 #include <arpa/inet.h>
 #include <array>
 #include <csignal>
 #include <cstdlib>
-#include <netdb.h>
+#include <poll.h>
 #include <qzlib.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -15,37 +17,25 @@
 namespace
 {
 
+using qz::base::AddressList;
+using qz::base::change;
+using qz::base::lookup_breaks;
+using qz::base::lookups;
 using qz::base::UniqueFd;
 
 constexpr size_t IP_TEXT_SIZE = 16;
 
-// A resolver's list.
-class AddressList
+// Both look for any family of stream sockets.
+constexpr addrinfo hints_with(int flags)
 {
-public:
-    AddressList(const char *host, const char *service, int flags)
-    {
-        addrinfo hints{};
-        hints.ai_flags = flags;
-        hints.ai_family = AF_UNSPEC;
-        hints.ai_socktype = SOCK_STREAM;
-        resolved_ = getaddrinfo(host, service, &hints, &head_) == 0;
-    }
-    ~AddressList()
-    {
-        if (head_ != nullptr)
-            freeaddrinfo(head_);
-    }
-    AddressList(const AddressList &) = delete;
-    AddressList &operator=(const AddressList &) = delete;
-
-    [[nodiscard]] bool resolved() const { return resolved_; }
-    [[nodiscard]] const addrinfo *head() const { return resolved_ ? head_ : nullptr; }
-
-private:
-    addrinfo *head_ = nullptr;
-    bool resolved_ = false;
-};
+    addrinfo hints{};
+    hints.ai_flags = flags;
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    return hints;
+}
+constexpr addrinfo NUMERIC_PORT = hints_with(AI_NUMERICSERV);
+constexpr addrinfo OWN_FAMILIES = hints_with(AI_ADDRCONFIG);
 
 // ---- The child of the latency probe: the resolver, sockets and exit(), nothing else ----
 
@@ -66,7 +56,7 @@ Attempt try_connect(const addrinfo &entry)
 // an address whose socket refused SO_REUSEADDR counts as connected: kept as callers know it.
 int32_t measure_latency(const char *host, const char *port)
 {
-    const AddressList addresses(host, port, AI_NUMERICSERV);
+    const AddressList addresses(host, port, &NUMERIC_PORT);
     if (!addresses.resolved())
         return QZLIB_ERR_FAILED;
     const unsigned long long start = qzlib_get_system_uptime_ms();
@@ -100,12 +90,50 @@ void take_default_signals(const sigset_t &sigterm)
 
 // ---- The parent -----------------------------------------------------------------------
 
-// fork() with SIGTERM held back in both: the parent's signal can come before the child has
-// dropped the daemon's handler.
+// The resolver then takes no locks.
+bool is_address(const char *host)
+{
+    in6_addr address; // or a shorter one
+    return inet_pton(AF_INET, host, &address) == 1 || inet_pton(AF_INET6, host, &address) == 1;
+}
+
+// Takes the wait off the limit (0: none); false when nothing of it is left.
+bool wait_for_lookups(int &limit_ms)
+{
+    while (change(lookups) != 0) {
+        (void)poll(nullptr, 0, qz::base::TURN_MS);
+        if (limit_ms > 0 && (limit_ms -= qz::base::TURN_MS) <= 0)
+            return false;
+    }
+    return true;
+}
+
+// fork() apart from the library's look-ups, waiting for which counts towards the limit; without a
+// child when that was all of it. And with SIGTERM held back in both: the parent's signal can come
+// before the child has dropped the daemon's handler.
 class ProbeChild
 {
 public:
-    ProbeChild(const char *host, const char *port, UniqueFd &read_end, UniqueFd &write_end)
+    ProbeChild(const char *host, const char *port, UniqueFd &read_end, UniqueFd &write_end, int &limit_ms)
+    {
+        change(lookup_breaks, 1);
+        if (is_address(host) || wait_for_lookups(limit_ms))
+            start(host, port, read_end, write_end);
+        change(lookup_breaks, -1);
+    }
+    ~ProbeChild()
+    {
+        while (pid_ > 0 && waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+        }
+    }
+    ProbeChild(const ProbeChild &) = delete;
+    ProbeChild &operator=(const ProbeChild &) = delete;
+
+    [[nodiscard]] pid_t pid() const { return pid_; }
+    void terminate() const { (void)kill(pid_, SIGTERM); } // it may just have ended
+
+private:
+    void start(const char *host, const char *port, UniqueFd &read_end, UniqueFd &write_end)
     {
         sigset_t sigterm;
         sigset_t saved;
@@ -120,24 +148,13 @@ public:
         }
         pthread_sigmask(SIG_SETMASK, &saved, nullptr);
     }
-    ~ProbeChild()
-    {
-        while (pid_ > 0 && waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-        }
-    }
-    ProbeChild(const ProbeChild &) = delete;
-    ProbeChild &operator=(const ProbeChild &) = delete;
 
-    [[nodiscard]] pid_t pid() const { return pid_; }
-    void terminate() const { (void)kill(pid_, SIGTERM); } // it may just have ended
-
-private:
-    pid_t pid_;
+    pid_t pid_ = -1;
 };
 
 // ---- The name probe -------------------------------------------------------------------
 
-// The four bytes behind the port, whatever the family of the address: of an IPv6 address that
+// The four bytes after the port, whatever the family of the address: of an IPv6 address that
 // is its flow information, normally 0.0.0.0. Kept as callers know it.
 bool format_address(const addrinfo &entry, std::array<char, IP_TEXT_SIZE> &text)
 {
@@ -154,13 +171,14 @@ QZ_EXPORT int qzlib_get_tcp_latency(const char *host, const char *port, int time
 {
     if (host == nullptr || port == nullptr || timeout_ms < 0)
         return QZLIB_ERR_ARGUMENT;
+    const qz::base::CancellationHold hold; // or the pipe and the child would be left
     std::array<int, 2> ends;
     const int result = pipe2(ends.data(), O_CLOEXEC);
     if (result < 0)
         return result;
     UniqueFd read_end(ends[0]);
     UniqueFd write_end(ends[1]);
-    const ProbeChild child(host, port, read_end, write_end);
+    const ProbeChild child(host, port, read_end, write_end, timeout_ms);
     if (child.pid() < 0)
         return child.pid();
     write_end.reset(); // a child that ends without an answer ends the wait
@@ -182,7 +200,7 @@ QZ_EXPORT int qzlib_get_domain_ip(const char *name, char *ip_out)
         memmove(ip_out, name, size);
         return 0;
     }
-    const AddressList addresses(name, nullptr, AI_ADDRCONFIG);
+    const AddressList addresses(name, nullptr, &OWN_FAMILIES);
     std::array<char, IP_TEXT_SIZE> text{};
     for (const addrinfo *entry = addresses.head(); entry != nullptr; entry = entry->ai_next) {
         if (!format_address(*entry, text))

@@ -7,6 +7,8 @@
 #include <span>
 #include <sys/types.h>
 
+#pragma GCC visibility push(hidden)
+
 namespace qz::route
 {
 
@@ -40,3 +42,5 @@ private:
 };
 
 } // namespace qz::route
+
+#pragma GCC visibility pop

@@ -33,8 +33,7 @@ int cidr_parse(const char *text, ParsedPrefix &out)
     if (text == nullptr)
         return -1;
     const char *slash = strchr(text, '/');
-    out.length =
-        slash == nullptr ? ADDRESS_BITS : atoi(slash + 1); // NOLINT(cert-err34-c): atoi's rules are meant
+    out.length = slash == nullptr ? ADDRESS_BITS : qz::base::read_number(slash + 1);
     const size_t address_length = slash == nullptr ? strlen(text) : static_cast<size_t>(slash - text);
     std::array<char, IP_TEXT_SIZE + 1> address_text;
     qz::base::copy_text(address_text, {text, address_length});
@@ -50,7 +49,7 @@ void write_address(char *out, const Address &address)
     (void)inet_ntop(AF_INET, address.data(), out, IP_TEXT_SIZE); // an IPv4 address always fits
 }
 
-// Clears the bits behind the length. A length without bits to clear leaves the address as it
+// Clears the bits after the length. A length without bits to clear leaves the address as it
 // is, and so does a negative one.
 void keep_network(Address &address, int length)
 {

@@ -1,5 +1,6 @@
 #include "base/export.h"
 #include "base/owners.h"
+#include "base/text.h"
 
 #include <arpa/inet.h>
 #include <array>
@@ -86,7 +87,7 @@ struct Prefix {
     int length = 0;
     bool is_default = false;
     size_t byte_count = 0;                     // taken from the length, modulo 256
-    std::array<uint8_t, MESSAGE_SIZE> bytes{}; // zero behind the address, for lengths above 32
+    std::array<uint8_t, MESSAGE_SIZE> bytes{}; // zero after the address, for lengths above 32
 };
 
 // False when the text has no length part.
@@ -98,8 +99,8 @@ bool parse_prefix(const char *text, Prefix &prefix)
         return false;
     prefix.is_default = strcmp(address.data(), "0.0.0.0") == 0;
     if (prefix.is_default)
-        return true;                     // whatever the length says
-    prefix.length = atoi(length.data()); // NOLINT(cert-err34-c): atoi's rules are meant
+        return true; // whatever the length says
+    prefix.length = qz::base::read_number(length.data());
     prefix.byte_count = static_cast<uint8_t>((prefix.length + 7) / 8);
     const in_addr bytes = to_address(address.data());
     memcpy(prefix.bytes.data(), &bytes, sizeof bytes);

@@ -42,7 +42,7 @@ static_assert(offsetof(srt_rule, source) == offsetof(srtinfo, source) &&
 bool parse_rule(const char *line, srt_rule &rule)
 {
     const auto [priority, from, source, lookup, table] = split_words<5>(line);
-    rule.prio = atoi(priority.data()); // NOLINT(cert-err34-c): "32765:" gives 32765
+    rule.prio = qz::base::read_number(priority.data()); // "32765:" gives 32765
     if (source == "all" || rule.prio < 0 || table.size() >= sizeof rule.table)
         return false;
     copy_text(rule.table, table);
@@ -158,8 +158,8 @@ QZ_EXPORT srtinfo *qz_srtinfo_stat(void)
     CommandOutput rules(words);
     SnapshotList list;
     std::array<char, LINE_SIZE> line;
-    srt_rule rule;
     while (rules.read_line(line)) {
+        srt_rule rule{}; // records hold all of it
         if (parse_rule(line.data(), rule))
             append_routes(list, rule);
     }

@@ -6,6 +6,8 @@
 #include <span>
 #include <string_view>
 
+#pragma GCC visibility push(hidden)
+
 namespace qz::route
 {
 
@@ -22,3 +24,5 @@ std::array<std::string_view, COUNT> split_words(const char *text)
 }
 
 } // namespace qz::route
+
+#pragma GCC visibility pop

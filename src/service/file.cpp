@@ -49,7 +49,7 @@ int32_t entry_type(bool is_indented, const char *name, const char *value)
 }
 
 // Appends the line's entry, if it has one. last_type is the type of the last stored entry:
-// behind an ungrouped parameter no group is open, and an indented line belongs nowhere.
+// after an ungrouped parameter no group is open, and an indented line belongs nowhere.
 // False when memory runs out.
 bool take_line(service_info &info, int32_t &last_type, char *line)
 {

@@ -7,6 +7,8 @@
 #include <qzlib.h>
 #include <type_traits>
 
+#pragma GCC visibility push(hidden)
+
 namespace qz::service
 {
 
@@ -55,7 +57,7 @@ private:
 void node_unlink(service_node &node);
 void service_node_free(service_node &node);
 
-// Puts a node that is in no list behind another link, or behind the list's ends: in front.
+// Puts a node that is in no list after another link, or after the list's ends: in front.
 inline void link_after(Link &place, service_node &node)
 {
     node.link = {place.next, &place};
@@ -86,3 +88,5 @@ struct service_info {
     }
 };
 static_assert(sizeof(service_info) == 2 * sizeof(void *));
+
+#pragma GCC visibility pop

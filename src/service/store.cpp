@@ -19,7 +19,7 @@ static_assert(sizeof(void *) != 4 || offsetof(service_param_list, value) == 4100
 static_assert(sizeof(void *) != 4 || offsetof(service_param_list, type) == 8196);
 static_assert(sizeof(void *) != 4 || sizeof(service_param_list) == 12292);
 
-// Whether an ungrouped parameter behind a group's header ends the group. Reading calls take
+// Whether an ungrouped parameter after a group's header ends the group. Reading calls take
 // it so; changing calls look past it, up to the next other header.
 enum class TopEntry { ENDS_GROUP, IS_PASSED };
 
@@ -103,7 +103,7 @@ const service_node *find_param(const service_info &info, const char *group, cons
     return find_ungrouped(info, name);
 }
 
-// What a new ungrouped entry is put behind: just before the first header; in front when
+// What a new ungrouped entry is put after: just before the first header; in front when
 // there is none (so entries come out in reverse order, deliberately), though "shutdown" keeps
 // its place at the very front.
 Link &ungrouped_place(service_info &info)
@@ -146,7 +146,7 @@ int insert_ungrouped(service_info &info, const char *name, const char *value, bo
     return insert_at(ungrouped_place(info), name, value, type);
 }
 
-// The search stops at the first match, so a repeated parameter goes directly behind the first
+// The search stops at the first match, so a repeated parameter goes directly after the first
 // one of its name: a, then b, then c come out as a, c, b. Callers rely on that order.
 int insert_in_group(service_info &info, const char *group, const char *name, const char *value, bool repeat)
 {

@@ -1,10 +1,10 @@
 #include "base/export.h"
+#include "base/lookup.h"
 #include "base/owners.h"
 #include "base/text.h"
 
 #include <arpa/inet.h>
 #include <cstdlib>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <optional>
 #include <qzlib.h>
@@ -67,8 +67,10 @@ int connect_directly(const char *host, const char *port, int type)
     UniqueFd fd = open_socket(AF_INET, type);
     if (!fd)
         return -1;
-    sockaddr_in address = ipv4_address(static_cast<unsigned>(atoi(port))); // NOLINT: digits only
+    sockaddr_in address = ipv4_address(static_cast<unsigned>(qz::base::read_number(port)));
     int result = inet_pton(AF_INET, host, &address.sin_addr);
+    if (result == 0)
+        address.sin_addr = {}; // some C libraries leave the first bytes of a bad address behind
     if (result >= 0)
         result = connect(fd.get(), generic(address), sizeof address);
     const int descriptor = fd.release();
@@ -90,12 +92,10 @@ int connect_first(const addrinfo *list, int type)
 
 std::optional<int> connect_resolved(const char *host, const char *port, int type)
 {
-    addrinfo *list = nullptr;
-    if (getaddrinfo(host, port, nullptr, &list) != 0)
+    const qz::base::AddressList addresses(host, port, nullptr);
+    if (!addresses.resolved())
         return std::nullopt;
-    const int result = connect_first(list, type);
-    freeaddrinfo(list);
-    return result;
+    return connect_first(addresses.head(), type);
 }
 
 // Also applied to the -1 of a walk that found nothing, which thereby becomes -264.
@@ -197,8 +197,6 @@ QZ_EXPORT int qzlib_create_listen_unixdomain(const char *path)
     }
     const sockaddr_un address = local_address(path);
     (void)unlink(path); // a stale file of an earlier run; there may be none
-    if (strlen(path) >= sizeof address.sun_path)
-        (void)unlink(address.sun_path); // where such a run's cut path put it
     if (bind(fd.get(), generic(address), sizeof address) != 0) {
         fd.reset();
         SOCKET_LOG(QZLIB_LOG_ERROR, "cannot bind the addr(%s) in create UNIX domain socket", path);

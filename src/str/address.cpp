@@ -78,7 +78,7 @@ QZ_EXPORT unsigned int qzlib_ip_mask_is_valid(const char *ip_slash_len)
     const PrefixText prefix(ip_slash_len);
     if (!prefix.is_split() || !qzlib_ip_is_valid(prefix.address()))
         return 0;
-    return static_cast<unsigned>(atoi(prefix.length())) <= 32; // NOLINT(cert-err34-c): atoi's rules are meant
+    return static_cast<unsigned>(qz::base::read_number(prefix.length())) <= 32;
 }
 
 QZ_EXPORT unsigned int qzlib_mac_is_valid(const char *mac)

@@ -76,7 +76,7 @@ QZ_EXPORT int qzlib_path_is_mountpoint(const char *path)
     struct stat status;
     if (path == nullptr || lstat(path, &status) != 0 || !S_ISDIR(status.st_mode))
         return 0;
-    // A path too long for "/.." behind it is no mount point: cut, it would name another directory.
+    // A path too long for "/.." after it is no mount point: cut, it would name another directory.
     std::array<char, PARENT_PATH_SIZE> parent_path;
     const int length = snprintf(parent_path.data(), parent_path.size(), "%s/..", path);
     struct stat parent;

@@ -2,6 +2,7 @@
 #include "base/owners.h"
 #include "base/text.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
@@ -22,9 +23,17 @@ constexpr char TOTAL_KEY[] = "MemTotal:";
 constexpr char AVAILABLE_KEY[] = "MemAvailable:";
 
 struct Uptime {
-    long long seconds = 0;
-    long long fraction = 0; // the digits behind the point as a number: hundredths of a second
+    unsigned long long seconds = 0;
+    unsigned long long fraction = 0; // the digits after the point as a number: hundredths of a second
 };
+
+// Digits only: strtoll() by itself takes blanks and a sign in front of them.
+unsigned long long read_digits(const char *text, char **end = nullptr)
+{
+    return static_cast<unsigned char>(*text - '0') <= 9
+               ? static_cast<unsigned long long>(strtoll(text, end, 10))
+               : 0;
+}
 
 // By plain reads: the latency probe takes its times in a child of a threaded process, where the
 // heap is better left alone.
@@ -33,10 +42,10 @@ Uptime read_uptime()
     std::array<char, UPTIME_TEXT_SIZE> text;
     (void)qz::base::read_start("/proc/uptime", text); // without it: zero
     Uptime uptime;
-    char *end = nullptr;
-    uptime.seconds = strtoll(text.data(), &end, 10);
+    char *end = text.data();
+    uptime.seconds = read_digits(end, &end);
     if (*end == '.')
-        uptime.fraction = strtoll(end + 1, nullptr, 10);
+        uptime.fraction = read_digits(end + 1);
     return uptime;
 }
 
@@ -48,7 +57,7 @@ UniqueStream open_meminfo()
     return stream;
 }
 
-// The number behind a key that may stand anywhere in the line. False without the key.
+// The number after a key that may stand anywhere in the line. False without the key.
 bool find_value(const char *line, const char *key, uint32_t &value)
 {
     const char *at = strstr(line, key);
@@ -100,29 +109,28 @@ CpuTicks parse_cpu_line(const char *line)
     return ticks;
 }
 
-// Reads the file's first line afresh. Not through a stream: rewinding one may leave its buffer
-// as it was, and the second sample would be the first again.
-CpuTicks read_cpu_ticks(const UniqueFd &file)
+// Reads the file's first line afresh; false when it cannot be read. Not through a stream: rewinding
+// one may leave its buffer as it was, and the second sample would be the first again.
+bool read_cpu_ticks(const UniqueFd &file, CpuTicks &ticks)
 {
     std::array<char, LINE_SIZE> line{};
     if (pread(file.get(), line.data(), line.size() - 1, 0) < 0)
-        return {};
+        return false;
     line[strcspn(line.data(), "\n")] = '\0';
-    return parse_cpu_line(line.data());
+    ticks = parse_cpu_line(line.data());
+    return true;
 }
 
-// 32-bit signed arithmetic that wraps: the counters do too. So does the one quotient that has no
-// place in 32 bits, that of the smallest number and -1.
+// The counters wrap at 32 bits, and single ones do go down: the idle time is then a share that does
+// not exist, and a total that went down no time at all.
 int cpu_percent(const CpuTicks &before, const CpuTicks &after)
 {
-    const uint32_t total = after.total - before.total;
-    const uint32_t idle = after.idle - before.idle;
-    if (total == 0)
+    const auto total = static_cast<int32_t>(after.total - before.total);
+    const auto idle = static_cast<int32_t>(after.idle - before.idle);
+    if (total <= 0)
         return 0;
-    const uint32_t busy_hundredfold = (total - idle) * 100;
-    if (total == UINT32_MAX)
-        return static_cast<int>(0 - busy_hundredfold);
-    return static_cast<int32_t>(busy_hundredfold) / static_cast<int32_t>(total);
+    const auto busy = static_cast<uint32_t>(total - std::clamp(idle, 0, total));
+    return static_cast<int>(busy * 100 / static_cast<uint32_t>(total));
 }
 
 } // namespace
@@ -136,7 +144,7 @@ QZ_EXPORT unsigned int qzlib_get_system_uptime(void)
 QZ_EXPORT unsigned long long qzlib_get_system_uptime_ms(void)
 {
     const Uptime uptime = read_uptime();
-    return static_cast<unsigned long long>(uptime.seconds * 1000 + uptime.fraction);
+    return uptime.seconds * 1000 + uptime.fraction;
 }
 
 QZ_EXPORT int qzlib_get_total_mem_size(void)
@@ -174,7 +182,10 @@ QZ_EXPORT int qzlib_get_cpu_use_percent(void)
         debug_msg(QZLIB_LOG_WARNING, MODULE, __LINE__, "fopen /proc/stat fail\n");
         return -1;
     }
-    const CpuTicks before = read_cpu_ticks(file);
+    CpuTicks before;
+    CpuTicks after;
+    if (!read_cpu_ticks(file, before))
+        return -1;
     sleep(1);
-    return cpu_percent(before, read_cpu_ticks(file));
+    return read_cpu_ticks(file, after) ? cpu_percent(before, after) : -1;
 }

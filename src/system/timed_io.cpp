@@ -1,22 +1,14 @@
 #include "base/export.h"
-#include "base/owners.h"
+#include "base/wait.h"
 
-#include <array>
-#include <climits>
-#include <ctime>
+#include <cerrno>
 #include <qzlib.h>
-#include <sys/select.h>
-#include <sys/time.h>
+#include <unistd.h>
 
 namespace
 {
 
-using qz::base::UniqueMemory;
-
-enum class Ready { TO_READ, TO_WRITE };
-
-// select() changes the time value it is given on some systems only, so what is left of a limit
-// is worked out from the clock.
+// Where a limit ends, so that what is left of it is known after a signal or a part of the work.
 class Deadline
 {
 public:
@@ -24,86 +16,50 @@ public:
     {
         if (!limited_)
             return;
-        const timeval limit = {limit_ms / 1000,
-                               limit_ms % 1000 * 1000 + 1}; // 1: never early for the clock's rounding
-        const timeval start = now();
-        timeradd(&start, &limit, &end_);
+        clock_gettime(CLOCK_MONOTONIC, &end_);
+        end_.tv_sec += limit_ms / 1000;
+        end_.tv_nsec += static_cast<long>(limit_ms % 1000) * 1'000'000;
     }
 
-    // The time value for select(): null when there is no limit.
-    [[nodiscard]] timeval *left(timeval &value) const
+    // Null when there is no limit.
+    [[nodiscard]] const timespec *left(timespec &value) const
     {
         if (!limited_)
             return nullptr;
-        const timeval current = now();
-        timersub(&end_, &current, &value);
+        clock_gettime(CLOCK_MONOTONIC, &value);
+        value.tv_sec = end_.tv_sec - value.tv_sec;
+        value.tv_nsec = end_.tv_nsec - value.tv_nsec;
+        if (value.tv_nsec >= SECOND_NS) {
+            ++value.tv_sec;
+            value.tv_nsec -= SECOND_NS;
+        } else if (value.tv_nsec < 0) {
+            --value.tv_sec;
+            value.tv_nsec += SECOND_NS;
+        }
         if (value.tv_sec < 0)
             value = {};
         return &value;
     }
 
 private:
-    static timeval now()
-    {
-        timespec time{};
-        clock_gettime(CLOCK_MONOTONIC, &time);
-        return {time.tv_sec, time.tv_nsec / 1000};
-    }
+    static constexpr long SECOND_NS = 1'000'000'000;
 
     bool limited_;
-    timeval end_{};
+    timespec end_{}; // up to two seconds in the nanoseconds
 };
 
-// A set for select() that holds one descriptor, whatever its number: an fd_set ends at 1024.
-class SingleSet
+int wait_once(int fd, short events, const Deadline &deadline)
 {
-public:
-    explicit SingleSet(int fd) : large_(fd < FD_SETSIZE ? nullptr : calloc(word(fd) + 1, sizeof(Word)))
-    {
-        if (fd < FD_SETSIZE || large_)
-            words()[word(fd)] = Word{1} << (static_cast<size_t>(fd) % WORD_BITS);
-    }
-
-    // Null when there was no memory for a large set.
-    [[nodiscard]] fd_set *get(int fd)
-    {
-        return fd < FD_SETSIZE || large_ ? reinterpret_cast<fd_set *>(words()) : nullptr;
-    }
-
-private:
-    using Word = unsigned long; // the kernel's unit
-    static constexpr size_t WORD_BITS = sizeof(Word) * CHAR_BIT;
-    static_assert(sizeof(fd_set) == FD_SETSIZE / CHAR_BIT);
-
-    static size_t word(int fd) { return static_cast<size_t>(fd) / WORD_BITS; }
-    Word *words() { return large_ ? reinterpret_cast<Word *>(large_.get()) : small_.data(); }
-
-    std::array<Word, FD_SETSIZE / WORD_BITS> small_{};
-    UniqueMemory large_;
-};
-
-// One wait: what select() gives. A number that is not open is asked for first, since select()
-// passes over numbers behind the end of the process's table and would wait for nothing.
-int wait_once(int fd, Ready ready, const Deadline &deadline)
-{
-    if (fcntl(fd, F_GETFD) < 0)
-        return -1;
-    SingleSet holder(fd);
-    fd_set *set = holder.get(fd);
-    if (set == nullptr)
-        return -1;
-    timeval value;
-    timeval *left = deadline.left(value);
-    return ready == Ready::TO_READ ? select(fd + 1, set, nullptr, nullptr, left)
-                                   : select(fd + 1, nullptr, set, nullptr, left);
+    timespec left;
+    return qz::base::wait_ready(fd, events, deadline.left(left));
 }
 
 // A signal does not end the wait, nor does it begin the limit anew.
-int wait_ready(int fd, Ready ready, const Deadline &deadline)
+int wait_through(int fd, short events, const Deadline &deadline)
 {
     int result = 0;
     do {
-        result = wait_once(fd, ready, deadline);
+        result = wait_once(fd, events, deadline);
     } while (result < 0 && errno == EINTR);
     return result;
 }
@@ -114,7 +70,7 @@ QZ_EXPORT int qzlib_fd_read(int fd, void *buf, unsigned len, int timeout_ms)
 {
     if (fd < 0 || buf == nullptr)
         return -1;
-    const int ready = wait_ready(fd, Ready::TO_READ, Deadline(timeout_ms));
+    const int ready = wait_through(fd, POLLIN, Deadline(timeout_ms));
     if (ready <= 0)
         return ready;
     return static_cast<int>(read(fd, buf, len));
@@ -129,7 +85,7 @@ QZ_EXPORT int qzlib_fd_write(int fd, const void *buf, unsigned len, int timeout_
     const auto *bytes = static_cast<const char *>(buf);
     const Deadline deadline(timeout_ms);
     unsigned total = 0;
-    while (wait_ready(fd, Ready::TO_WRITE, deadline) > 0) {
+    while (wait_through(fd, POLLOUT, deadline) > 0) {
         const ssize_t written = write(fd, bytes + total, len - total);
         if (written <= 0)
             break;
@@ -142,7 +98,7 @@ QZ_EXPORT int qzlib_fd_read_package(int fd, void *buf, int size, int gap_ms)
 {
     if (fd < 0 || buf == nullptr || size < 1 || gap_ms < 1)
         return -1;
-    const int ready = wait_once(fd, Ready::TO_READ, Deadline(0)); // a signal ends this one
+    const int ready = wait_once(fd, POLLIN, Deadline(0)); // a signal ends this one
     if (ready < 0)
         return ready;
     auto *bytes = static_cast<char *>(buf);
@@ -152,6 +108,6 @@ QZ_EXPORT int qzlib_fd_read_package(int fd, void *buf, int size, int gap_ms)
         if (count <= 0)
             break;
         total += static_cast<int>(count);
-    } while (total < size && wait_ready(fd, Ready::TO_READ, Deadline(gap_ms)) > 0);
+    } while (total < size && wait_through(fd, POLLIN, Deadline(gap_ms)) > 0);
     return total;
 }

@@ -23,7 +23,7 @@ constexpr off_t MAX_PROGRAM_BYTES = 5242880;
 constexpr std::string_view MARKER = "--qzversion";
 constexpr size_t SEPARATOR_SIZE = 1;
 
-// The version text in a program's bytes, behind which one NUL stands; null without a stamp. A
+// The version text in a program's bytes, after which one NUL stands; null without a stamp. A
 // marker without 'V' is left behind by one byte more than its separator, deliberately.
 const char *find_version(std::span<const char> program)
 {

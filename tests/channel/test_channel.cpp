@@ -376,6 +376,9 @@ TEST_F(Channel, exit_in_a_storm_of_messages_ends_the_deliveries)
     std::atomic<long> calls = 0;
     const auto count = [](local_msg *msg, void *ctx) {
         EXPECT_EQ(static_cast<char *>(msg->data)[msg->data_len - 1], 's');
+        sigset_t mask;
+        pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+        EXPECT_EQ(sigismember(&mask, SIGALRM), 1) << "signals are for the daemon's own threads";
         ++*static_cast<std::atomic<long> *>(ctx);
     };
     for (int i = 0; i < 200; ++i) {

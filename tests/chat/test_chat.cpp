@@ -414,28 +414,50 @@ TEST_P(BadModem, every_call_ends_in_time_with_what_arrived)
 INSTANTIATE_TEST_SUITE_P(Profiles, BadModem, testing::Range<size_t>(0, std::size(PROFILES)),
                          [](const auto &row) { return std::get<0>(PROFILES[row.param]); });
 
-TEST(SimulatedModem, answers_from_a_table_that_can_be_changed)
+TEST(SimulatedModem, does_what_it_is_told)
 {
-    start_log();
-    Modem modem({"--fault", "usim@AT+CREG?"});
-    const int fd = dev_init(Modem::TTY, FLAGS, 115200);
-    char b[512];
-    EXPECT_GT(chat_send_read(fd, "AT+CREG?", b, sizeof b, 1, 0), 0);
-    EXPECT_EQ(b, std::string(ANSWER) + "\r\n^SIMST:255\r\n");
-    const auto answers = [fd](const char *command, const char *answer) {
-        return chat_send_expect(fd, command, answer, 5, 0) == 1;
+    const std::string x = "\r\n$ Home\r\n";
+    const Table<const char *, const char *, std::string> cases = {
+        {"", "ATE0", "ATE0\r\r\nOK\r\n"},
+        {"", "AT$QCRMCALL=1,1", "\r\n$QCRMCALL: 1, V4\r\n\r\nOK\r\n"},
+        {"answer AT+X => $$ $operator", "at+x", "\r\n$ \"Example Mobile\"\r\n"},
+        {"value operator = Home", "AT+X", x},
+        {"fault before=ALL", "AT+X", "\r\nALL\r\n" + x},
+        {"fault before=SOME@AT+*", "AT+X", "\r\nSOME\r\n" + x},
+        {"fault before=NEW", "AT+X", "\r\nSOME\r\n" + x},
+        {"nofault before@AT+*", "AT+X", "\r\nNEW\r\n" + x},
+        {"nofault before", "AT+X", "\r\nALL\r\n" + x},
+        {"clear", "AT+X", x},
+        {"fault 1:half=4", "AT+X", "\r\n$ "},
+        {"", "AT+X", x},
+        {"", "AT+CMGS=1", "\r\n> "},
+        {"", "some text\x1a", "\r\n+CMGS: 17\r\n\r\nOK\r\n"},
     };
-    EXPECT_TRUE(answers("AT+CPIN?", "+CME ERROR: 10"));
+    start_log();
+    Modem modem({"--echo", "on"});
+    int fd = dev_init(Modem::TTY, FLAGS, 115200);
+    char b[512];
+    for (const auto &[instruction, command, expected] : cases) {
+        if (*instruction != '\0')
+            modem.control(instruction);
+        EXPECT_EQ(chat_send_read(fd, command, b, sizeof b, 1, 0), expected.size()) << command;
+        EXPECT_EQ(b, expected) << instruction;
+    }
+    modem.control("fault drop=2");
+    EXPECT_EQ(chat_send_read(fd, "AT+X", b, sizeof b, 1, 0), x.size() - 2);
+    modem.control("fault vanish=0");
+    chat_send(fd, "AT", 0);
+    dev_close(fd);
+    EXPECT_TRUE(
+        eventually([] { return Modem::transcript().find("-> \\r\\nRDY\\r\\n") != std::string::npos; }));
     modem.control("clear");
-    EXPECT_TRUE(answers("at+cpin?", "+CPIN: READY"));
-    modem.control("value operator = \"Roaming\"");
-    EXPECT_TRUE(answers("AT+COPS?", "\"Roaming\""));
-    EXPECT_TRUE(answers("AT+NONE", "ERROR"));
-    EXPECT_EQ(chat_send_hex_read(fd, "\xa5\x01\0", b, 3, 1, 0), 4);
-    EXPECT_EQ(std::string(b, 4), std::string("\xa5\x01\0\x06", 4));
+    fd = dev_init(Modem::TTY, FLAGS, 115200);
+    EXPECT_EQ(chat_send_expect(fd, "AT", "AT\r\r\nOK", 5, 0), 1) << "the echo is on again";
+    modem.control("fault late=60000");
+    chat_send(fd, "AT", 0);
+    modem.control("say RING");
+    EXPECT_EQ(chat_expect(fd, "\r\nRING\r\n", 5, 0), 1) << "before the answer";
     EXPECT_EQ(dev_close(fd), 0);
-    EXPECT_NE(modem.transcript().find(" <- AT+CPIN?\\r\n"), std::string::npos);
-    EXPECT_NE(modem.transcript().find(" -> \\r\\n+CME ERROR: 10\\r\\n\n"), std::string::npos);
 }
 
 // A line that never drains: the alarm breaks the write off, the process lives.
@@ -455,8 +477,9 @@ TEST_P(LineThatNeverDrains, is_given_up_at_the_limit_and_of_use_again)
 {
     const auto &[name, limit_s, message, errors, call] = STALLED[GetParam()];
     start_log();
-    Modem modem({"--fault", "stall"});
+    Modem modem({"--fault", "stall=3"});
     const int fd = dev_init(Modem::TTY, FLAGS, 115200);
+    EXPECT_EQ(chat_send_expect(fd, "AT", "OK", 5, 0), 1) << "so many bytes are taken";
     take_log();
     char b[16];
     const Stopwatch watch;

@@ -1,4 +1,6 @@
+#include "support/box.h"
 #include "support/modem.h"
+#include "support/scale.h"
 #include "support/seccomp.h"
 #include "support/syscall_trace.h"
 
@@ -139,7 +141,7 @@ TEST_F(Serial, unknown_speed_is_logged_and_kept)
     EXPECT_EQ(cfgetospeed(&now), static_cast<speed_t>(B19200));
     dev_close(fd);
 
-    speeds_list[0] = {500000, B500000}; // the table can be written to
+    speeds_list[0] = {500000, 0x1005}; // the table can be written to
     take_log();
     fd = dev_init(path.c_str(), FLAGS, 500000);
     EXPECT_EQ(take_log(), opened());
@@ -165,9 +167,13 @@ TEST_F(Serial, device_that_cannot_be_opened_is_tried_four_times)
 
 TEST_F(Serial, descriptor_zero_counts_as_a_failure_and_is_not_kept)
 {
+    const int out = dup(1);
     close(0);
+    close(1); // moved up from there
     const int fd = dev_init(path.c_str(), FLAGS, 0);
-    EXPECT_GT(fd, 0);
+    EXPECT_EQ(dup2(out, 1) + close(out), 1);
+    EXPECT_GT(fd, 2);
+    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
     EXPECT_EQ(take_log(), "<ERROR>open the device(" + path + ") error, try again 0 times\n" + opened());
     dev_close(fd);
     EXPECT_EQ(open("/", O_PATH), 0) << "kept";
@@ -204,6 +210,21 @@ TEST_F(Serial, signals_during_the_set_up_are_logged_and_survived)
     EXPECT_EQ(dev_close(fd), 0);
 }
 
+// A handler that waits for libc's lock of the log under the thread that it interrupted hangs.
+TEST(SerialLog, takes_signals_all_the_time_while_a_daemon_logs)
+{
+    const pid_t daemon = start_child([] {
+        dev_init("/dev/null", FLAGS, 0);
+        const itimerval often = {{0, 300}, {0, 300}};
+        setitimer(ITIMER_REAL, &often, nullptr);
+        for (int i = 0; i < scaled(5000); ++i)
+            debug_msg(QZLIB_LOG_ERROR, "daemon", i, "logs");
+        return 0;
+    });
+    EXPECT_TRUE(eventually([=] { return waitpid(daemon, nullptr, WNOHANG) != 0; }));
+    kill(daemon, SIGKILL);
+}
+
 TEST_F(Serial, device_that_hangs_while_it_is_set_up_is_given_up_after_five_seconds)
 {
     filter_calls(SYS_ioctl, 1, TCSETSF, SECCOMP_RET_USER_NOTIF);
@@ -233,8 +254,13 @@ TEST_F(Serial, calls_reach_the_kernel_in_the_order_that_drivers_expect)
     const auto describe = [](const Call &call) -> std::string {
         if (call.number == SYS_rt_sigaction && call.args[1] != 0)
             return "signal " + std::to_string(call.args[0]);
+#ifdef SYS_alarm
         if (call.number == SYS_alarm)
             return "alarm " + std::to_string(call.args[0]);
+#else // ARM has a timer for it, whose seconds follow the two words of its interval
+        if (call.number == SYS_setitimer)
+            return "alarm " + std::to_string(call.word(call.args[1] + 2 * sizeof(long)));
+#endif
         if (call.number != SYS_ioctl)
             return "";
         if ((call.args[1] == TIOCMBIS || call.args[1] == TIOCMBIC) && call.ioctl_value() == TIOCM_DTR)

@@ -183,14 +183,18 @@ TEST(Watchdog, device_is_opened_once_and_a_failure_tried_again)
     EXPECT_EQ(qzlib_watchdog_stop(), -1);
     EXPECT_EQ(open_descriptors(), descriptors);
     write_file(WATCHDOG, "");
+    const int out = dup(1);
     close(0); // descriptor 0, next to be given, means "not open"
+    close(1); // and what is printed is not for the device
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(qzlib_watchdog_feed(), 1);
     EXPECT_EQ(read_file(WATCHDOG), "\n\n\n");
+    EXPECT_LT(fcntl(1, F_GETFD), 0);
     errno = 0;
     EXPECT_EQ(qzlib_watchdog_stop(), -1) << "a plain file knows no such request";
     EXPECT_EQ(errno, ENOTTY);
     EXPECT_LT(fcntl(0, F_GETFD), 0);
+    EXPECT_EQ(dup2(out, 1) + close(out), 1);
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 

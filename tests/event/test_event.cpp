@@ -108,6 +108,27 @@ TEST_F(Event, one_change_wakes_one_waiter)
     EXPECT_EQ(woken, 1);
 }
 
+TEST_F(Event, cancelled_waiter_gives_the_group_up)
+{
+    const auto for_ever = [](void *waited) -> void * {
+        qzlib_event_wait_flag(static_cast<qzlib_event *>(waited), 1, 0);
+        return nullptr;
+    };
+    const auto with_limit = [](void *waited) -> void * {
+        qzlib_event_wait_event(static_cast<qzlib_event *>(waited), 100);
+        return nullptr;
+    };
+    for (void *(*const wait)(void *) : {+for_ever, +with_limit}) {
+        pthread_t waiter;
+        pthread_create(&waiter, nullptr, wait, ev);
+        std::this_thread::sleep_for(100ms);
+        pthread_cancel(waiter);
+        pthread_join(waiter, nullptr);
+        ASSERT_EQ(pthread_mutex_trylock(&ev->mutex), 0);
+        pthread_mutex_unlock(&ev->mutex);
+    }
+}
+
 // Two threads hand a token back and forth; a lost wake-up hangs.
 TEST_F(Event, no_wake_up_is_lost_in_ten_thousand_rounds)
 {

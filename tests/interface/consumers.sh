@@ -33,9 +33,15 @@ find_package(qzlib 3.2 REQUIRED)
 add_executable(consumer consumer.c)
 target_link_libraries(consumer qzlib::qzlib ${CMAKE_DL_LIBS})
 CMAKE
-CC=$cc cmake -S project -B project/build -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+CC=$cc cmake -G Ninja -S project -B project/build -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build project/build >/dev/null
 
 for program in by_pkg_config_c by_pkg_config_cxx by_name_alone project/build/consumer; do
-    LD_LIBRARY_PATH=$prefix/lib "./$program" || { echo "failed: $program" && exit 1; }
+    LD_LIBRARY_PATH=$prefix/lib "$build/bin/qzbox" --bind "$work" -- "$work/$program" || { echo "failed: $program" && exit 1; }
+done
+
+# The tools find the library beside them, wherever the prefix is now.
+mv "$prefix" "$work/moved"
+for tool in "$work"/moved/bin/*; do
+    "$tool" --help >"$work/help" || { echo "does not start: $tool" && exit 1; }
 done

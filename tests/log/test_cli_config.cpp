@@ -74,7 +74,7 @@ TEST(CliConfigGet, takes_one_block_and_its_values)
         {"interface   lan  0 \n mtu 1\n!\n", LINES, "", 0, "lan  0 ||1|"},
         {"interface\n mtu 1\n!\n", LINES, "", 0, "||1|"}, // no argument
         {"interface\n!\ninterface \r\n x\n!\ninterface b\n!\n", LINES, "", 2, "b|||"},
-        // Preset: the block behind the one named.
+        // Preset: the block after the one named.
         {"interface a\n mtu 1\n!\ninterface\n mtu 2\n!\ninterface b\n mtu 3\n!\n", LINES, "a", 0, "b||3|"},
         {"interface ab\n!\ninterface a\n!\ninterface ab\n!\n", LINES, "a", 2, "ab|||"},
         {"interface a\n!\ninterface a\n mtu 1\n!\ninterface b\n!\n", LINES, "a", -1, "a|||"},

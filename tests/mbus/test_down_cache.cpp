@@ -178,6 +178,8 @@ TEST(DownCache, sleeps_while_disconnected_and_goes_on_after_a_reconnect)
         ASSERT_EQ(qzlib_mbus_down_cache_process(0, count_packet), 0);
         usleep(20'000); // the reader waits for a packet
         ASSERT_EQ(qzlib_client_clear_flag(1), 0);
+        qzlib_mbus_share_uninit(); // under the reader, which is sent away first
+        EXPECT_EQ(qzlib_mbus_write_data("x", 1), 0);
         ASSERT_EQ(qzlib_disconnect_mbus_server(), 0);
         const double before = cpu_seconds();
         usleep(300'000);

@@ -1,4 +1,6 @@
-#include "support/modem.h"
+#include "support/case.h"
+
+#include <qzlib.h>
 
 namespace
 {
@@ -96,7 +98,7 @@ TEST(ModemStatus, long_names_and_values_stay_inside_the_table)
     EXPECT_EQ(value("long"), value200.substr(0, 128) + "next");
     EXPECT_EQ(value("next"), "2");
     EXPECT_EQ(load(lines(63) + "last:" + value200 + "\n"), 0);
-    EXPECT_EQ(value("last"), value200) << "the last row has room behind it";
+    EXPECT_EQ(value("last"), value200) << "the last row has room after it";
     EXPECT_EQ(load(lines(64)), 0);
     EXPECT_EQ(value("name63"), "value63");
 
@@ -126,27 +128,6 @@ TEST(ModemStatus, file_replaced_while_it_is_read_gives_one_table_or_the_other)
     stop = true;
     writer.join();
     EXPECT_EQ(open_descriptors(), descriptors);
-}
-
-TEST(ModemDaemon, publishes_what_the_modem_says_and_survives_the_tty)
-{
-    const auto becomes = [](const char *name, const char *expected) {
-        return eventually([=] {
-            qzlib_update_modem_status_info_tab();
-            return value(name) == expected;
-        });
-    };
-    Modem modem;
-    Program daemon({"modemd", Modem::TTY});
-    EXPECT_TRUE(becomes("sim", "READY"));
-    modem.control("value csq = 31,99");
-    EXPECT_TRUE(becomes("rssi", "-51"));
-    modem.control("fault vanish=500"); // the tty goes and another one comes
-    modem.control("value csq = 0,99");
-    EXPECT_TRUE(becomes("rssi", "-113"));
-    modem.control("fault usim");
-    EXPECT_TRUE(becomes("sim", "absent"));
-    EXPECT_EQ(daemon.end(), 0);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "support/box.h"
 #include "support/case.h"
+#include "support/scale.h"
 
 #include <qzlib.h>
 
@@ -65,6 +66,23 @@ TEST_F(Latency, of_a_listener_and_of_none)
     EXPECT_EQ(latency(nullptr, "22", 20000), -257);
     EXPECT_EQ(latency("127.0.0.1", nullptr, 20000), -257);
     EXPECT_EQ(latency("127.0.0.1", "22", -1), -257);
+}
+
+TEST_F(Latency, by_name_beside_a_thread_that_looks_names_up)
+{
+    // Two addresses are sorted, under a lock that a look-up holds for most of its time.
+    const FakeFile hosts("/etc/hosts", "127.0.0.9 server\n127.0.0.1 server\n");
+    const Listener listener(false);
+    std::atomic<bool> stop = false;
+    std::thread other([&] {
+        char ip[16];
+        while (!stop)
+            qzlib_get_domain_ip("server", ip);
+    });
+    for (int i = 0; i < scaled(50); ++i)
+        EXPECT_GE(qzlib_get_tcp_latency("server", "22", 3000), 0) << i;
+    stop = true;
+    other.join();
 }
 
 TEST_F(Latency, of_a_silent_host_ends_at_the_limit_200_times)

@@ -20,7 +20,7 @@ struct Qzbox : testing::Test {
     }
     ~Qzbox() override { std::filesystem::remove_all(directory); }
 
-    // What a shell script of the host prints on both outputs; its status behind that, unless 0.
+    // What a shell script of the host prints on both outputs; its status after that, unless 0.
     static std::string host(const std::string &script)
     {
         FILE *pipe = popen(("exec 2>&1\n" + script).c_str(), "re");
@@ -125,18 +125,36 @@ TEST_F(Qzbox, tree_covers_files_of_the_kernel_and_of_the_host)
     tree("/tmp/config/cli.conf", "!\n");
     EXPECT_EQ(box("cat /proc/uptime /proc/net/wireless /sys/class/leds/power/brightness /etc/passwd\n"
                   "cat /etc/test_qzbox/new /tmp/config/cli.conf\n"
-                  "cat /etc/hosts /sys/class/net/lo/mtu; grep -c lo: /proc/net/dev",
+                  "cat /etc/group /sys/class/net/lo/mtu; grep -c lo: /proc/net/dev",
                   "--root $D/tree"),
-              "100.05 1.00\nnone\n1\nnobody else\nnew\n!\n" + read_file("/etc/hosts") + "65536\n1\n");
+              "100.05 1.00\nnone\n1\nnobody else\nnew\n!\n" + read_file("/etc/group") + "65536\n1\n");
 }
 
 TEST_F(Qzbox, proc_shows_the_trees_names_beside_live_processes)
 {
-    EXPECT_EQ(box("cat /proc/device-tree/model; cat /proc/self/comm; cat /proc/$$/comm\n"
-                  "sleep 60 & until grep sleep /proc/$!/comm; do :; done; ls /proc | grep -cx $!\n"
-                  "kill $!; wait $! 2>/dev/null || :; test ! -e /proc/$!; test ! -e /proc/nothing",
-                  "--root $ROUTER"),
-              read_file(ROUTER_TREE "/proc/device-tree/model") + "cat\nsh\nsleep\n1\n");
+    setenv("SCRIPT",
+           "cat /proc/device-tree/model; cat /proc/self/comm; cat /proc/$$/comm\n"
+           "sleep 60 & until grep sleep /proc/$!/comm; do :; done; ls /proc | grep -cx $!\n"
+           "kill $!; wait $! 2>/dev/null || :; test ! -e /proc/$!; test ! -e /proc/nothing",
+           1);
+    for (const std::string without_fuse :
+         {"", "unshare -rm sh -ec 'mount --bind /dev/null /dev/fuse; exec \"$@\"' sh "})
+        EXPECT_EQ(host(without_fuse + "$QZBOX --root $ROUTER -- sh -ec \"$SCRIPT\""),
+                  read_file(ROUTER_TREE "/proc/device-tree/model") + "cat\nsh\nsleep\n1\n");
+}
+
+// Its root directory is no mount of its own, as on build machines.
+TEST_F(Qzbox, chroot_holds_a_box_too)
+{
+    EXPECT_EQ(
+        host("exec 9<$QZBOX; unshare -rm sh -ec '\n"
+             "for name in $(ls /); do\n"
+             "  if [ -L /$name ]; then cp -P /$name $D\n"
+             "  elif [ -d /$name ]; then mkdir $D/$name; mount --rbind /$name $D/$name; fi\n"
+             "done\n"
+             "chroot $D /proc/self/fd/9 --root $ROUTER sh -c \"cat /proc/1/comm; ls /mnt; echo >/data/x\"'\n"
+             "ls /data/x 2>/dev/null || echo gone"),
+        "init\ngone\n");
 }
 
 TEST_F(Qzbox, writes_in_the_box_do_not_reach_the_tree)

@@ -1,6 +1,4 @@
-#include "support/box.h"
 #include "support/case.h"
-#include "support/program.h"
 #include "support/seccomp.h"
 
 #include <qzlib.h>
@@ -82,7 +80,7 @@ TEST_F(Request, is_sent_byte_for_byte)
 
 TEST_F(Request, that_cannot_be_made_is_refused)
 {
-    const std::string far_slash = std::string(4096, '1') + "/8"; // behind what is looked at
+    const std::string far_slash = std::string(4096, '1') + "/8"; // after what is looked at
     const char *const none = nullptr;
     for (const char *prefix : {none, "", "192.168.1.0", "a;reboot", far_slash.c_str()}) {
         EXPECT_EQ(add_route(prefix, "p"), -1);
@@ -153,45 +151,6 @@ TEST_F(Request, failing_write_is_printed_and_the_result_is_0)
     testing::internal::CaptureStdout();
     EXPECT_EQ(add_route("0.0.0.0/0", "10.64.0.1"), 0);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "write failed[No space left on device]\n");
-}
-
-// ---- The simulated routing daemon
-
-std::string printed()
-{
-    return read_file("/tmp/sim");
-}
-
-void wait_for_lines(int count) // besides the first one
-{
-    const auto there = [count] {
-        const std::string text = printed();
-        return std::count(text.begin(), text.end(), '\n') > count;
-    };
-    EXPECT_TRUE(eventually(there)) << printed();
-}
-
-TEST(Simulator, puts_requested_routes_into_the_kernel)
-{
-    sh("ip link add wan0 type veth peer name far0; ip link set wan0 up; ip link set far0 up\n"
-       "ip addr add 10.64.0.2/30 dev wan0");
-    Program simulator({"zservsim", "--apply"}, "/tmp/sim");
-    wait_for_lines(0);
-    EXPECT_EQ(add_route("0.0.0.0/0", "10.64.0.1"), 0);
-    EXPECT_EQ(add_route("192.168.77.9/20", "wan0"), 0);
-    EXPECT_EQ(add_route("192.168.99.0/24", "10.99.0.1"), 0);         // no way to there
-    EXPECT_EQ(qzlib_do_route(9, STATIC, "0.0.0.0/0", "wan0", 1), 0); // not a route command
-    wait_for_lines(8);                                               // ip's own error line among them
-    EXPECT_EQ(sh("ip route | grep -v kernel"), "default via 10.64.0.1 dev wan0 metric 2 \n"
-                                               "192.168.64.0/20 dev wan0 scope link metric 2 \n");
-    EXPECT_EQ(qzlib_do_route(8, STATIC, "0.0.0.0/0", "10.64.0.1", 2), 0);
-    wait_for_lines(10);
-    EXPECT_EQ(sh("ip route | grep -c default || true"), "0\n");
-    EXPECT_EQ(simulator.end(), 0);
-    for (const char *text : {"add 192.168.77.0/20 dev wan0 distance 2 type 4\napplied\n", "\nnot applied\n",
-                             "command 9 0.0.0.0/0 dev wan0 distance 1 type 4\n"})
-        EXPECT_NE(printed().find(text), std::string::npos) << text << printed();
-    EXPECT_NE(access(ADDRESS.sun_path, F_OK), 0);
 }
 
 } // namespace

@@ -12,12 +12,15 @@ namespace
 using namespace support;
 using Lines = std::vector<std::string>;
 
-// The records of a snapshot as text, one line each. Every field must end inside its width.
+// The records of a snapshot as text, one line each. Every field must end inside its width, with
+// nothing but zeros after its text.
 Lines snapshot()
 {
     const auto text = [](const char *field, size_t size) {
-        EXPECT_LT(strnlen(field, size), size);
-        return std::string(field, strnlen(field, size));
+        const size_t length = strnlen(field, size);
+        EXPECT_LT(length, size);
+        EXPECT_EQ(std::string(field + length, size - length), std::string(size - length, '\0'));
+        return std::string(field, length);
     };
     Lines lines;
     srtinfo *list = qz_srtinfo_stat();
@@ -77,9 +80,10 @@ TEST_F(Snapshot, of_scripted_lines_splits_them_by_position)
     ASSERT_EQ(long_route.find(" tail1"), 128U) << "the second piece begins with the last a";
     fake_ip("0:\tfrom all lookup local\n"
             "32765: from 192.168.10.0/24 lookup 100\n"
-            "-5: from 10.0.0.1 lookup 100\n"      // a negative priority
-            "7: from 10.0.0.2 lookup abcdefgh\n"  // a table name of 8 characters
-            "x: from 10.0.0.3 lookup abcdefg \n", // no number: 0
+            "-5: from 10.0.0.1 lookup 100\n"       // a negative priority
+            "7: from 10.0.0.2 lookup abcdefgh\n"   // a table name of 8 characters
+            "4294967295: from 10.0.0.3 lookup a\n" // the largest that a record holds
+            "x: from 10.0.0.3 lookup abcdefg \n",  // no number: 0
             "default via 10.64.0.1 dev rmnet0 \n"
             "10.64.0.0/30 dev rmnet0 proto kernel scope link src 10.64.0.2\n"
             "10.1.0.0/16 dev via0 proto kernel\n" // a device that is named so
@@ -90,7 +94,8 @@ TEST_F(Snapshot, of_scripted_lines_splits_them_by_position)
                 "123456789012345678901234567890123456789\n"
                 "10.3.0.0/16 dev eth3"); // no line feed
     Lines expected;
-    for (const std::string rule : {"100|32765|192.168.10.0/24|", "abcdefg|0|10.0.0.3|"}) {
+    for (const std::string rule :
+         {"100|32765|192.168.10.0/24|", "a|2147483647|10.0.0.3|", "abcdefg|0|10.0.0.3|"}) {
         for (const std::string route : {
                  "0.0.0.0/0|0.0.0.0|0.0.0.0|10.64.0.1|rmnet0",
                  "10.64.0.0/30|10.64.0.0|255.255.255.252|0.0.0.0|rmnet0",
@@ -106,7 +111,8 @@ TEST_F(Snapshot, of_scripted_lines_splits_them_by_position)
             expected.push_back(rule + route);
     }
     EXPECT_EQ(snapshot(), expected);
-    EXPECT_EQ(read_file("/tmp/calls"), "2:rule ls\n4:route ls table 100\n4:route ls table abcdefg\n");
+    EXPECT_EQ(read_file("/tmp/calls"),
+              "2:rule ls\n4:route ls table 100\n4:route ls table a\n4:route ls table abcdefg\n");
 }
 
 TEST_F(Snapshot, never_runs_what_is_in_the_text)

@@ -301,7 +301,7 @@ TEST(Service, files_of_any_kind_give_a_store_and_leave_no_descriptor)
     }
     EXPECT_EQ(qzlib_service_find_param(long_name.c_str(), nullptr, "top"), 0);
     EXPECT_EQ(qzlib_service_find_param(long_name.c_str(), "g", "k"), 0) << "the buffer may be missing";
-    EXPECT_EQ(qzlib_service_find_param(long_name.c_str(), "g", "hidden"), -1) << "behind an ungrouped one";
+    EXPECT_EQ(qzlib_service_find_param(long_name.c_str(), "g", "hidden"), -1) << "after an ungrouped one";
     const Store store("a=1\n");
     for (const char *path : {"/tmp/config/directory.conf", "/tmp/none/f", "/tmp/config/loop.conf"})
         EXPECT_EQ(qzlib_service_saveto_file(store.info, path), -1) << path;

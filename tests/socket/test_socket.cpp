@@ -73,12 +73,11 @@ TEST(LocalSocket, address_is_the_whole_structure_with_the_path_cut)
 {
     const std::string cut = "/tmp/" + std::string(102, 'p');
     const std::string path = cut + "tail";
-    for (int i = 0; i < 2; ++i) { // the second time over the file of the first
-        const Socket listener(qzlib_create_listen_unixdomain(path.c_str()));
-        EXPECT_EQ(access(cut.c_str(), F_OK), 0);
-        EXPECT_EQ(qzlib_send_to_unixdomain(path.c_str(), "x", 1), 0);
-        EXPECT_EQ(listener.receive(), "x");
-    }
+    const Socket listener(qzlib_create_listen_unixdomain(path.c_str()));
+    EXPECT_EQ(qzlib_create_listen_unixdomain(path.c_str()), QZLIB_ERR_FAILED) << "what lies there stays";
+    EXPECT_EQ(access(cut.c_str(), F_OK), 0);
+    EXPECT_EQ(qzlib_send_to_unixdomain(path.c_str(), "x", 1), 0);
+    EXPECT_EQ(listener.receive(), "x");
     // Only the full size of 110 gives the empty path an (abstract) address of 107 zeros.
     const Socket abstract(qzlib_create_listen_unixdomain(""));
     sockaddr_un address{};

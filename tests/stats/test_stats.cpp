@@ -26,6 +26,10 @@ TEST(Uptime, is_what_the_kernel_file_says_unscaled)
         {"7\n.55\n", 7, 7000},                   // the first line only
         {"4294967297.01 1\n", 1, 4294967297001}, // past 32 bits of seconds
         {"", 0, 0},
+        {"100. 200\n", 100, 100000}, // digits only
+        {"-5.07\n", 0, 0},
+        {"9999999999999999999.5\n", 4294967295,
+         18446744073709550621U},                     // the largest number, without overflow
         {std::string(62, '0') + "12.99\n", 1, 1000}, // 63 characters count
     };
     for (const auto &[content, seconds, milliseconds] : cases) {
@@ -73,6 +77,10 @@ TEST(CpuUse, is_the_difference_of_two_samples_a_second_apart)
         {"cpu 5 5 5 5 5 5 5\n", "cpu 5 5 5 5 5 5 5\n", 0},
         // past 32 bits
         {"cpu 4294967290 0 0 4294967290 0 0 0\n", "cpu 4294967300 0 0 4294967320 0 0 0\n", 25},
+        // counters that go down
+        {"cpu 0 0 0 100 0 0 0\n", "cpu 0 0 0 50 100 0 0\n", 100},
+        {"cpu 0 0 0 0 100 0 0\n", "cpu 0 0 0 100 50 0 0\n", 0},
+        {"cpu 100 0 0 100 0 0 0\n", "cpu 99 0 0 100 0 0 0\n", 0},
     };
     for (const auto &row : cases) {
         const FakeFile file("/proc/stat", std::get<0>(row));
@@ -89,6 +97,13 @@ TEST(CpuUse, is_the_difference_of_two_samples_a_second_apart)
         later.join();
         close(watch);
     }
+}
+
+TEST(CpuUse, is_not_taken_from_a_file_that_cannot_be_read)
+{
+    ASSERT_EQ(mount("/proc/self/mem", "/proc/stat", nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(qzlib_get_cpu_use_percent(), -1);
+    umount2("/proc/stat", MNT_DETACH);
 }
 
 TEST(Statistics, without_files_are_logged_but_for_the_uptime_and_close_them)

@@ -20,7 +20,7 @@ public:
     Pattern(const Pattern &) = delete;
     Pattern &operator=(const Pattern &) = delete;
 
-    // How often the pattern occurs, one behind the other.
+    // How often the pattern occurs, one after the other.
     [[nodiscard]] size_t count_in(const std::string &text) const
     {
         size_t count = 0;

@@ -29,13 +29,14 @@ struct Call {
             return "?";
         return bytes;
     }
-    // What the third argument of an ioctl() points to.
-    [[nodiscard]] int ioctl_value() const
+    [[nodiscard]] int word(uint64_t address) const
     {
         int value = 0;
-        memcpy(&value, memory(args[2], sizeof value).data(), sizeof value);
+        memcpy(&value, memory(address, sizeof value).data(), sizeof value);
         return value;
     }
+    // What the third argument of an ioctl() points to.
+    [[nodiscard]] int ioctl_value() const { return word(args[2]); }
 };
 
 // Runs the function in a traced child; what describe() says of its calls, empty texts left out.

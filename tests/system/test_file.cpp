@@ -60,7 +60,7 @@ TEST(FdWrite, writes_until_done_and_then_once_more)
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_DGRAM, 0, pair), 0);
     EXPECT_EQ(qzlib_fd_write(pair[0], data, 5, 0), 5);
     EXPECT_EQ(recv(pair[1], data, sizeof data, MSG_DONTWAIT), 5);
-    EXPECT_EQ(recv(pair[1], data, sizeof data, MSG_DONTWAIT), 0) << "no empty datagram behind the data";
+    EXPECT_EQ(recv(pair[1], data, sizeof data, MSG_DONTWAIT), 0) << "no empty datagram after the data";
 }
 
 TEST(FdWrite, limit_is_a_budget_for_the_whole_call)
@@ -70,7 +70,7 @@ TEST(FdWrite, limit_is_a_budget_for_the_whole_call)
     std::string bytes(room * 200, 'x');
     const Stopwatch last_wait;
     EXPECT_EQ(qzlib_fd_write(pipe.fds[1], bytes.data(), room, 100), static_cast<int>(room));
-    expect_took(last_wait, 0.1); // the wait behind the last byte
+    expect_took(last_wait, 0.1); // the wait after the last byte
 
     std::atomic<bool> stop{false};
     std::thread reader([&] { // takes 10 s for all of it
@@ -215,7 +215,7 @@ TEST_F(FileSystems, mount_points_differ_from_their_parent)
     std::string deep = "/tmp";
     while (deep.size() < 900)
         deep.append("/").append(99, 'd');
-    deep.append("/").append(1021 - deep.size() - 1, 'd'); // "/.." would not fit behind it
+    deep.append("/").append(1021 - deep.size() - 1, 'd'); // "/.." would not fit after it
     std::filesystem::create_directories(deep);
     for (const char *path : {"/", "/proc", "/tmp/m", "/tmp/m/"})
         EXPECT_EQ(qzlib_path_is_mountpoint(path), 1) << path;

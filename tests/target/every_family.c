@@ -279,7 +279,9 @@ static void sockets(void)
 {
     int listener = qzlib_create_listen_tcp("127.0.0.1", 7000);
     int client = qzlib_create_connect_tcp("127.0.0.1", "7000", 0);
-    CHECK(listener >= 0 && client >= 0);
+    int odd = qzlib_create_connect_udp("1.2.3.", "7000", 0); /* to 0.0.0.0, for which no route is needed */
+    CHECK(listener >= 0 && client >= 0 && odd >= 0);
+    close(odd);
     close(client);
     close(listener);
 }

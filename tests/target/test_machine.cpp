@@ -161,7 +161,7 @@ TEST(Watchdog, stopped_one_does_not_reset)
     sleep(4); // its period is 2 s
 }
 
-// The last one: nothing is printed behind it.
+// The last one: nothing is printed after it.
 TEST(WatchdogReset, fed_once_it_resets_the_machine)
 {
     EXPECT_EQ(qzlib_watchdog_feed(), 1);

@@ -2,7 +2,6 @@
 
 #include "log.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -58,19 +57,12 @@ pid_t sender_of(msghdr &message)
 
 } // namespace
 
-std::string printable(std::string_view name)
-{
-    std::string text(name);
-    std::replace_if(
-        text.begin(), text.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-    return text;
-}
-
 ControlSocket::~ControlSocket()
 {
     if (fd_ >= 0) {
         close(fd_);
-        unlink(QZLIB_MBUS_SOCKET);
+        if (!is_gone())
+            unlink(QZLIB_MBUS_SOCKET);
     }
     if (lock_ >= 0)
         close(lock_);
@@ -85,15 +77,31 @@ bool ControlSocket::claim()
     return false;
 }
 
+bool ControlSocket::is_gone() const
+{
+    struct stat status;
+    return stat(QZLIB_MBUS_SOCKET, &status) != 0 || status.st_dev != device_ || status.st_ino != inode_;
+}
+
 bool ControlSocket::open()
 {
+    if (fd_ >= 0)
+        close(fd_);
     fd_ = qzlib_create_listen_unixdomain(QZLIB_MBUS_SOCKET);
     if (fd_ < 0) {
-        log_line(QZLIB_LOG_ERROR, "cannot bind %s", QZLIB_MBUS_SOCKET);
+        if (!reported_)
+            log_line(QZLIB_LOG_ERROR, "cannot bind %s: %s", QZLIB_MBUS_SOCKET, strerror(errno));
+        reported_ = true;
         return false;
     }
+    reported_ = false;
     const int on = 1;
+    struct stat status;
     (void)chmod(QZLIB_MBUS_SOCKET, 0666); // as the shared memory
+    if (stat(QZLIB_MBUS_SOCKET, &status) == 0) {
+        device_ = status.st_dev;
+        inode_ = status.st_ino;
+    }
     if (setsockopt(fd_, SOL_SOCKET, SO_PASSCRED, &on, sizeof on) != 0 ||
         fcntl(fd_, F_SETOWN, getpid()) != 0 || fcntl(fd_, F_SETFL, O_NONBLOCK | O_ASYNC) != 0) {
         log_line(QZLIB_LOG_ERROR, "cannot set up %s: %s", QZLIB_MBUS_SOCKET, strerror(errno));

@@ -25,8 +25,10 @@ public:
 
     // Takes the place of the one bus server; false (logged) when another one runs.
     bool claim();
-    // Binds the socket, over the file of a dead server. SIGIO comes with every datagram.
+    // Binds the socket, over the file of a dead server, or anew. SIGIO comes with every datagram.
     bool open();
+    // Whether the file that clients find is no longer this socket's.
+    [[nodiscard]] bool is_gone() const;
     // Takes a datagram; false when there is none. One that is malformed is logged and gives no
     // command. Never waits.
     bool next(std::optional<Command> &command);
@@ -36,9 +38,9 @@ private:
 
     int lock_ = -1;
     int fd_ = -1;
+    bool reported_ = false; // that it cannot be bound
+    dev_t device_ = 0;      // of the file
+    ino_t inode_ = 0;
 };
-
-// A name for a log line: what cannot be printed is shown as '?'.
-std::string printable(std::string_view name);
 
 } // namespace mbusd

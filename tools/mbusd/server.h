@@ -4,114 +4,107 @@
 #pragma once
 
 #include "control.h"
+#include "member.h"
+#include "trace.h"
 
-#include <array>
-#include <bitset>
 #include <csignal>
-#include <cstdint>
-#include <string>
+#include <list>
 
 namespace mbusd
 {
 
-constexpr size_t CLIENTS = QZLIB_MBUS_CLIENTS;
-
-// Milliseconds of the monotonic clock.
-uint64_t now_ms();
-
 class Server
 {
 public:
-    explicit Server(mbus_share_segment &share) : share_(share) {}
+    Server(mbus_share_segment &share, Trace &trace) : share_(share), trace_(trace) {}
+
+    // ---- The table (table.cpp)
 
     // Takes over clients that live on from a server that died, and removes the rest of it.
     void adopt();
     void handle(const Command &command);
     // Lets clients go that died.
     void reap();
-    // Clients that left and whose packets are handed on: to be removed after the control queue
-    // was read to its end.
+    // Clients that left are removed after the control queue was read to its end.
     [[nodiscard]] bool has_hidden() const;
     void remove_hidden();
-    // Removes all clients.
+    // Refuses whatever clients write from now on, hands on what they have written, and removes them.
     void close();
+    void print_stats() const;
+    // Whether some client waits and signals with libc's condition alone.
+    [[nodiscard]] bool has_plain_clients();
 
-    // True when a packet waits in some up ring.
+    // ---- Packets (routing.cpp)
+
+    // True when a packet waits in some up ring, or here.
     [[nodiscard]] bool has_work() const;
     struct Progress {
         bool moved;   // some packet went on
         bool blocked; // some packet waits for room in a ring
     };
-    // One round over all clients; a bounded number of packets of each. Cut short, to be gone on
-    // with, when attention is not 0, but not before somebody had his turn.
+    // One round over all clients, a bounded number of packets of each; then everybody who got some
+    // is woken. Cut short, to be gone on with, when attention is not 0, but not before somebody had
+    // his turn.
     Progress route(const volatile sig_atomic_t &attention);
 
-    void print_stats() const;
-
 private:
-    using Targets = std::bitset<CLIENTS>;
-
-    struct Member {
-        std::string name; // empty: free
-        int key = 0;
-        int segment = -1;
-        mbus_seg_handle handle{}; // of this server's attachment, as it was made
-        pid_t pid = 0;
-        uint64_t since_ms = 0;         // of registering, or of leaving
-        bool attached = false;         // its process was seen attached
-        const char *leaving = nullptr; // why it is removed once all that it sent is handed on
-        bool hidden = false;           // which has come to pass
-        // The packet in hand and those that have not got it yet, for want of room.
-        const mbus_pkg *held = nullptr;
-        mbus_pkg outgoing{};
-        Targets waiting;
-        // The destination of the last packet, so that names are not searched for each.
-        std::array<char, QZLIB_MBUS_PKG_NAME_SIZE> last_name{};
-        Targets last_targets;
-        bool last_valid = false;
-        // A down ring that is full: since when, and whether senders no longer wait for it.
-        bool full = false;
-        bool stalled = false;
-        uint32_t full_at = 0;
-        uint64_t full_since_ms = 0;
-
-        [[nodiscard]] bool used() const { return !name.empty(); }
-        [[nodiscard]] bool connected() const { return used() && leaving == nullptr; }
-    };
-
     mbus_client &record(size_t index) { return share_.clients[index]; }
     [[nodiscard]] const mbus_client &record(size_t index) const { return share_.clients[index]; }
+    [[nodiscard]] qz::mbus::Doorbell doorbell(size_t index)
+    {
+        return qz::mbus::down_doorbell(members_[index].base, record(index));
+    }
+
     [[nodiscard]] bool is_dead(const Member &member) const;
-    size_t find_name(std::string_view name) const;
-    size_t find_conflict(std::string_view name, int key) const;
+    [[nodiscard]] size_t find_name(std::string_view name) const;
+    [[nodiscard]] size_t find_conflict(std::string_view name, int key) const;
     [[nodiscard]] bool may_take(const Member &holder, const Command &command) const;
     [[nodiscard]] bool may_unregister(const Member &holder, pid_t sender) const;
     bool make_way(const Command &command, size_t holder);
     size_t find_place();
     void add(const Command &command);
-    void enter(size_t index, const std::string &name, int key, pid_t pid, int segment);
-    [[nodiscard]] bool holds_next(size_t index) const;
+    bool enter(size_t index, const std::string &name, int key, int segment);
     void renew(size_t index, pid_t pid);
     void leave(size_t index, const char *why);
-    [[nodiscard]] bool is_done(size_t index) const;
     void hide(size_t index);
-    void flush(size_t index);
     void remove(size_t index);
     void adopt(size_t index);
     void forget_targets();
 
-    Targets targets_of(size_t sender, const mbus_pkg &pkg);
-    Progress serve(size_t index);
-    Progress route_from(size_t sender);
-    bool take(size_t sender);
-    bool hand_on(size_t sender);
-    bool give(const mbus_pkg &pkg, size_t receiver);
-    bool has_room(size_t receiver);
+    // Copies of what lies in an up ring go to the sender's backlog: some slots, or all that waits,
+    // up to the end that is returned.
+    void collect(size_t index, uint32_t from, uint32_t end);
+    uint32_t take_rest(size_t index);
+    // Makes an up ring look full from its end on. A packet that was just being written opens it
+    // again; then true, and what came is taken as well.
+    void shut(size_t index, uint32_t end);
+    bool shut_again(size_t index, uint32_t &end);
+
+    Targets targets_of(Sender &sender, size_t index, const mbus_pkg &pkg);
+    Progress serve(Sender &sender, size_t index);
+    bool next_packet(Sender &sender, size_t index, mbus_pkg &pkg);
+    Targets hand_out(const Sender &sender, const mbus_pkg &pkg, Targets targets);
+    bool give(const Sender &sender, const mbus_pkg &pkg, size_t receiver);
+    bool await_room(size_t receiver);
+    void keep(Sender &sender, size_t index, const mbus_pkg &pkg, Targets waiting);
+    void finish(Sender &sender, size_t index, uint32_t length);
+    void ring_all();
 
     mbus_share_segment &share_;
+    Trace &trace_;
     std::array<Member, CLIENTS> members_;
-    size_t end_ = 0;  // behind the last used record
-    size_t next_ = 0; // whose turn it is
+    std::list<Sender> estates_; // what clients left that are gone
+    Targets unrung_ = 0;        // who has got packets and was not woken yet
+    bool closing_ = false;      // the rings are not looked at any longer
+    size_t end_ = 0;            // after the last used record
+    size_t next_ = 0;           // whose turn it is
 };
+
+// Milliseconds and microseconds of the monotonic clock.
+uint64_t now_us();
+inline uint64_t now_ms()
+{
+    return now_us() / 1000;
+}
 
 } // namespace mbusd

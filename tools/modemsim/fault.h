@@ -2,7 +2,6 @@
 #pragma once
 
 #include <chrono>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -18,6 +17,9 @@ enum class FaultKind {
     SILENCE, // no answer and no echo
     GARBAGE, // random bytes instead of an answer
     LENGTH,  // letters instead of an answer
+    CHANGE,  // some bytes of the answer are others
+    DROP,    // ... are missing
+    HALF,    // the answer breaks off
     STALL,   // the line stops draining: writers block
     HANGUP,  // half an answer, then the line hangs up and a new one appears
     VANISH,  // the tty disappears
@@ -25,15 +27,23 @@ enum class FaultKind {
 };
 
 struct Fault {
-    FaultKind kind;
+    FaultKind kind{};
     unsigned number = 0;               // bytes, where the kind has them
     std::chrono::milliseconds pause{}; // where the kind has one
     bool returns = false;              // VANISH: a new tty appears after the pause
     std::string text;                  // the unsolicited line
-    std::string command;               // only for this command; empty: for all
+    std::string command; // only for this one, or those that begin so before a '*'; empty: for all
+    unsigned left = 0;   // commands that it strikes yet; 0: no limit
+    bool used = false;   // it has struck the present one
+
+    [[nodiscard]] bool concerns(std::string_view given) const;
+    [[nodiscard]] size_t specificity() const; // of two that concern a command the higher one strikes
 };
 
-// "NAME[=ARGUMENT][@COMMAND]", as the manual page has it. Nothing when it is not of that form.
-std::optional<Fault> parse_fault(std::string_view text);
+// "[N:]NAME[=ARGUMENT][@COMMAND]", as the manual page has it. Empty on success, else what is wrong.
+std::string parse_fault(std::string_view text, Fault &fault);
+
+// "NAME[@COMMAND]", of a fault to be taken back.
+std::string parse_fault_name(std::string_view text, Fault &fault);
 
 } // namespace modemsim

@@ -1,14 +1,11 @@
 // modemsim: a modem on a pseudo terminal that behaves as badly as real ones do. This file holds
 // the arguments, the control pipe and the loop.
+#include "../arguments.h"
 #include "modem.h"
 #include "text.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
 #include <getopt.h>
 #include <poll.h>
 #include <sys/signalfd.h>
@@ -22,6 +19,9 @@ using modemsim::Clock;
 using modemsim::Modem;
 using modemsim::Table;
 
+constexpr const char *TOOL = "modemsim";
+constexpr size_t CONTROL_LINE_MAX = 4096;
+
 constexpr const char *USAGE =
     "Usage: modemsim [OPTION]... TABLE\n"
     "Answer AT commands on a pseudo terminal as TABLE says; the path of the terminal is\n"
@@ -31,17 +31,19 @@ constexpr const char *USAGE =
     "  --echo on|off      echo commands until ATE0 or ATE1 says otherwise; default on\n"
     "  --fault FAULT      misbehave; may be repeated\n"
     "  --control FIFO     take instructions from this named pipe, made when missing:\n"
-    "                     fault FAULT, clear, value NAME = STEPS, say LINE\n"
+    "                     fault FAULT, nofault NAME[@COMMAND], clear, say LINE,\n"
+    "                     answer COMMAND => LINE | LINE, value NAME = STEP | STEP\n"
     "  --transcript FILE  write down what goes over the line\n"
-    "  --seed NUMBER      for the garbage; default 1\n"
-    "  --help             print this text\n"
+    "  --seed NUMBER      for what is random; default 1\n"
+    "  -h, --help         print this text\n"
     "  --version          print the version\n"
     "\n"
-    "FAULT is NAME[=ARGUMENT][@COMMAND], one of late=MS, pieces=BYTES,MS, bytes=MS,\n"
-    "before=LINE, inside=LINE, after=LINE, silence, garbage=BYTES, length=BYTES, stall,\n"
-    "hangup, vanish=MS, usim. See modemsim(1).\n"
+    "FAULT is [N:]NAME[=ARGUMENT][@COMMAND], N for the next N commands only. NAME is one of\n"
+    "late=MS, pieces=BYTES,MS, bytes=MS, before=LINE, inside=LINE, after=LINE, silence,\n"
+    "garbage=BYTES, length=BYTES, change=BYTES, drop=BYTES, half=BYTES, stall=BYTES, hangup,\n"
+    "vanish=MS, usim. See modemsim(1).\n"
     "\n"
-    "Try it, with a carriage return behind each command:\n"
+    "Try it, with a carriage return after each command:\n"
     "  modemsim --link /tmp/modem examples/modem.at &\n"
     "  cat /tmp/modem & printf 'ATI\\r' >/tmp/modem\n";
 
@@ -49,7 +51,7 @@ struct Options {
     const char *table = nullptr;
     const char *control = nullptr;
     const char *transcript = nullptr;
-    std::string link;
+    const char *link = nullptr;
     bool echo = true;
     unsigned seed = 1;
     std::vector<modemsim::Fault> faults;
@@ -57,38 +59,86 @@ struct Options {
 
 [[noreturn]] void fail(const std::string &text)
 {
-    fprintf(stderr, "modemsim: %s\n", text.c_str());
-    exit(EXIT_FAILURE);
+    arguments::fail(TOOL, text, EXIT_FAILURE);
 }
 
-void take_fault(Options &options, const char *text)
+modemsim::Fault fault_argument()
 {
-    auto fault = modemsim::parse_fault(text);
-    if (!fault)
-        fail(std::string("no such fault: ") + text);
-    options.faults.push_back(std::move(*fault));
+    modemsim::Fault fault;
+    if (const std::string error = modemsim::parse_fault(optarg, fault); !error.empty())
+        arguments::fail(TOOL, std::string("--fault ") + optarg + ": " + error);
+    return fault;
+}
+
+bool echo_argument()
+{
+    if (strcmp(optarg, "on") != 0 && strcmp(optarg, "off") != 0)
+        arguments::fail(TOOL, std::string("--echo ") + optarg + ": neither on nor off");
+    return strcmp(optarg, "on") == 0;
 }
 
 void take_option(Options &options, int chosen)
 {
-    if (chosen == 'l')
+    switch (chosen) {
+    case 'l':
         options.link = optarg;
-    else if (chosen == 'e' && (strcmp(optarg, "on") == 0 || strcmp(optarg, "off") == 0))
-        options.echo = strcmp(optarg, "on") == 0;
-    else if (chosen == 'f')
-        take_fault(options, optarg);
-    else if (chosen == 'c')
+        break;
+    case 'e':
+        options.echo = echo_argument();
+        break;
+    case 'f':
+        options.faults.push_back(fault_argument());
+        break;
+    case 'c':
         options.control = optarg;
-    else if (chosen == 't')
+        break;
+    case 't':
         options.transcript = optarg;
-    else if (chosen == 's' && modemsim::parse_number(optarg))
-        options.seed = *modemsim::parse_number(optarg);
-    else if (chosen == 'h')
-        exit(fputs(USAGE, stdout) < 0);
-    else if (chosen == 'V')
-        exit(puts("modemsim 3.2.0") < 0);
-    else
-        fail("wrong arguments; see modemsim --help");
+        break;
+    case 's':
+        options.seed = static_cast<unsigned>(arguments::number(TOOL, "--seed", optarg, 0, UINT32_MAX));
+        break;
+    case 'h':
+        arguments::print(TOOL, USAGE);
+    case 'V':
+        arguments::print(TOOL, "modemsim 3.2.0\n");
+    default:
+        exit(arguments::WRONG_USAGE); // getopt_long has said why
+    }
+}
+
+// A transcript must not be written over the table, nor into the pipe that is then read.
+void check_distinct(const char *one, const char *other)
+{
+    struct stat first {
+    };
+    struct stat second {
+    };
+    if (one == nullptr || other == nullptr)
+        return;
+    const bool same = stat(one, &first) == 0 && stat(other, &second) == 0 && !S_ISCHR(first.st_mode) &&
+                      first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+    if (same || strcmp(one, other) == 0)
+        arguments::fail(TOOL, std::string(one) + ": one file cannot be both");
+}
+
+// The files that are named must be of the kind that they are named for.
+void check_paths(const Options &options)
+{
+    struct stat found {
+    };
+    if (options.link != nullptr && !modemsim::Pty::may_link(options.link))
+        arguments::fail(TOOL, std::string("--link ") + options.link + ": " + strerror(errno));
+    for (const char *path : {options.table, options.link, options.control})
+        check_distinct(path, options.transcript);
+    check_distinct(options.link, options.control);
+    if (options.control == nullptr)
+        return;
+    const bool there = stat(options.control, &found) == 0;
+    if (there && !S_ISFIFO(found.st_mode))
+        arguments::fail(TOOL, std::string("--control ") + options.control + ": not a named pipe");
+    if (!there && !modemsim::Pty::may_link(options.control)) // nor anything else
+        arguments::fail(TOOL, std::string("--control ") + options.control + ": " + strerror(errno));
 }
 
 Options parse_arguments(int argc, char **argv)
@@ -103,50 +153,87 @@ Options parse_arguments(int argc, char **argv)
                                   {"version", no_argument, nullptr, 'V'},
                                   {nullptr, 0, nullptr, 0}};
     Options options;
+    argv[0] = const_cast<char *>(TOOL); // for getopt_long's own messages
     int chosen = 0;
-    while ((chosen = getopt_long(argc, argv, "", OPTIONS, nullptr)) != -1)
+    while ((chosen = getopt_long(argc, argv, "h", OPTIONS, nullptr)) != -1)
         take_option(options, chosen);
-    if (optind + 1 != argc)
-        fail("exactly one table is needed; see modemsim --help");
+    if (optind == argc)
+        arguments::fail(TOOL, "no table is given; see modemsim --help");
+    if (optind + 1 < argc)
+        arguments::fail(TOOL, std::string(argv[optind + 1]) + ": one table is enough");
     options.table = argv[optind];
+    check_paths(options);
     return options;
 }
 
 // ---- Control --------------------------------------------------------------------------
 
-// Opened for writing too, so that it has no end between two writers.
-int open_control(const char *path)
+// The named pipe; removed at the end when it was made here.
+class Control
 {
-    if (mkfifo(path, 0600) != 0 && errno != EEXIST)
-        fail(std::string(path) + ": " + strerror(errno));
-    const int fd = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0)
-        fail(std::string(path) + ": " + strerror(errno));
-    struct stat found {
-    };
-    if (fstat(fd, &found) != 0 || !S_ISFIFO(found.st_mode))
-        fail(std::string(path) + ": not a named pipe");
-    return fd;
+public:
+    explicit Control(const char *path) : path_(path)
+    {
+        if (path == nullptr)
+            return;
+        made_ = mkfifo(path, 0600) == 0;
+        if (!made_ && errno != EEXIST)
+            fail(std::string(path) + ": " + strerror(errno));
+        fd_ = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC); // for writing, too: no end between two writers
+        if (fd_ < 0)
+            fail(std::string(path) + ": " + strerror(errno));
+    }
+    ~Control()
+    {
+        if (made_)
+            unlink(path_);
+    }
+    Control(const Control &) = delete;
+    Control &operator=(const Control &) = delete;
+
+    [[nodiscard]] int descriptor() const { return fd_; }
+
+private:
+    const char *path_;
+    bool made_ = false;
+    int fd_ = -1;
+};
+
+std::string take_fault_back(Modem &modem, std::string_view text)
+{
+    modemsim::Fault like;
+    std::string error = modemsim::parse_fault_name(text, like);
+    if (error.empty() && !modem.remove_fault(like))
+        error = "it is not set";
+    return error;
 }
 
-bool obey(Modem &modem, Table &table, std::string_view line)
+// Empty on success, else what is wrong.
+std::string obey(Modem &modem, Table &table, std::string_view line)
 {
     const std::string_view word = line.substr(0, line.find(' '));
     const std::string_view rest = modemsim::trim(line.substr(word.size()));
     if (word == "clear" && rest.empty()) {
         modem.clear_faults();
-        return true;
+        return {};
     }
     if (word == "value")
-        return table.set_value(rest);
-    if (word == "say") {
+        return table.add_line(line);
+    if (word == "answer" && !rest.empty() && !rest.starts_with('#'))
+        return table.add_line(rest);
+    if (word == "nofault")
+        return take_fault_back(modem, rest);
+    if (word == "say" && !rest.empty()) {
         modem.say(rest);
-        return true;
+        return {};
     }
-    auto fault = word == "fault" ? modemsim::parse_fault(rest) : std::nullopt;
-    if (fault)
-        modem.add_fault(std::move(*fault));
-    return fault.has_value();
+    if (word != "fault")
+        return "no such instruction";
+    modemsim::Fault fault;
+    std::string error = modemsim::parse_fault(rest, fault);
+    if (error.empty())
+        modem.add_fault(std::move(fault));
+    return error;
 }
 
 // Obeys the full lines received so far.
@@ -161,9 +248,14 @@ void read_control(int fd, std::string &pending, Modem &modem, Table &table,
         const std::string line(modemsim::trim(pending.substr(0, end)));
         pending.erase(0, end + 1);
         transcript.note("--", line);
-        if (!line.empty() && !obey(modem, table, line))
-            fprintf(stderr, "modemsim: not understood: %s\n", line.c_str());
+        if (line.empty())
+            continue;
+        const std::string error =
+            line.size() < CONTROL_LINE_MAX ? obey(modem, table, line) : std::string("it is too long");
+        if (!error.empty())
+            fprintf(stderr, "%s: %.80s: %s\n", TOOL, line.c_str(), error.c_str());
     }
+    pending.resize(std::min(pending.size(), CONTROL_LINE_MAX));
 }
 
 // ---- The loop -------------------------------------------------------------------------
@@ -174,6 +266,8 @@ int stop_signals()
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGHUP);
+    signal(SIGPIPE, SIG_IGN); // who reads the output may go
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     return signalfd(-1, &signals, SFD_CLOEXEC);
 }
@@ -209,22 +303,26 @@ void serve(Modem &modem, Table &table, const modemsim::Transcript &transcript, i
 
 int main(int argc, char **argv)
 {
+    arguments::hold_standard_streams();
     const Options options = parse_arguments(argc, argv);
     Table table;
     if (const std::string error = table.load(options.table); !error.empty())
-        fail(error);
+        arguments::fail(TOOL, error);
     modemsim::Transcript transcript;
     if (options.transcript != nullptr && !transcript.open(options.transcript))
-        fail(std::string(options.transcript) + ": " + strerror(errno));
-    const int control = options.control != nullptr ? open_control(options.control) : -1;
+        arguments::fail(TOOL, std::string("--transcript ") + options.transcript + ": " + strerror(errno));
     const int signals = stop_signals();
+    const Control control(options.control);
 
-    Modem modem(table, transcript, options.link, options.echo, options.seed);
-    if (!modem.bring_up())
-        fail((options.link.empty() ? "no pseudo terminal: " : "no pseudo terminal, or no link to it: ") +
-             std::string(strerror(errno)));
+    const std::string link = options.link != nullptr ? options.link : "";
+    Modem modem(table, transcript, link, options.echo, options.seed);
+    if (!modem.bring_up()) {
+        fprintf(stderr, "%s: no pseudo terminal%s: %s\n", TOOL, link.empty() ? "" : ", or no link to it",
+                strerror(errno));
+        return EXIT_FAILURE;
+    }
     for (const modemsim::Fault &fault : options.faults)
         modem.add_fault(fault);
-    serve(modem, table, transcript, control, signals);
+    serve(modem, table, transcript, control.descriptor(), signals);
     return EXIT_SUCCESS;
 }

@@ -33,7 +33,8 @@ class Modem
 {
 public:
     Modem(Table &table, const Transcript &transcript, std::string link, bool echo, unsigned seed)
-        : table_(table), transcript_(transcript), link_(std::move(link)), echo_(echo), random_(seed)
+        : table_(table), transcript_(transcript), link_(std::move(link)), echo_at_start_(echo), echo_(echo),
+          random_(seed)
     {
     }
 
@@ -41,7 +42,8 @@ public:
     bool bring_up();
 
     void add_fault(Fault fault);
-    void clear_faults(); // the card is put back, the line drains again
+    bool remove_fault(const Fault &like); // the newest of that kind for that command; false without one
+    void clear_faults();                  // the card is put back, the line drains again
 
     void say(std::string_view line); // an unsolicited line, now
 
@@ -62,33 +64,49 @@ private:
         Clock::time_point due;
         Action action;
         std::string bytes;
+        bool continues = false; // an answer that has begun: nothing comes between
     };
 
     void take_byte(char byte);
+    void take_data(char byte);
     void take_command(std::string_view line);
+    void exchange(std::string_view command, std::string body);
     void answer(std::string_view command, std::string body);
     void misbehave_after(std::string_view command);
-    [[nodiscard]] const Fault *active(FaultKind kind, std::string_view command) const;
+    Fault *strike(FaultKind kind, std::string_view command);
+    void end_strikes();
+    [[nodiscard]] bool has(FaultKind kind) const;
     [[nodiscard]] std::string garble(std::string_view command, std::string body);
-    void schedule(std::chrono::milliseconds pause, Action action, std::string bytes = {});
+    void schedule(std::chrono::milliseconds pause, Action action, std::string bytes = {},
+                  bool continues = false);
     void send_answer(std::string_view command, std::string body);
     bool send(Event &event);
-    void go_away(bool for_good);
+    void stall(unsigned bytes);
+    void drain();
+    void disappear(bool for_good);
     void come_back();
-    void remove_card();
+    void reboot();
+    bool remove_card();
+    void insert_card();
 
     Table &table_;
     const Transcript &transcript_;
     Pty pty_;
     std::string link_;
+    bool echo_at_start_;
     bool echo_;
     bool card_present_ = true;
     bool blocked_ = false;
     bool gone_ = false;
     std::mt19937 random_;
     std::string input_;
+    struct {
+        std::string command; // that waits for a text; empty: none does
+        std::string answer;
+    } text_;
+    unsigned bytes_until_stall_ = 0; // 0: no stall is to come
     std::deque<Fault> faults_;
-    std::deque<Event> events_; // in the order of sending, one line: nothing overtakes
+    std::deque<Event> events_; // in the order of sending
 };
 
 } // namespace modemsim

@@ -33,8 +33,9 @@ bool Pty::open(const std::string &link)
 
 void Pty::hang_up()
 {
-    if (!link_.empty())
-        unlink(link_.c_str());
+    char target[sizeof "/dev/pts/" + 20] = "";
+    if (!link_.empty() && readlink(link_.c_str(), target, sizeof target - 1) > 0 && path_ == target)
+        unlink(link_.c_str()); // unless another modem has taken it over
     link_.clear();
     for (int *fd : {&slave_, &master_}) {
         if (*fd >= 0)
@@ -49,19 +50,32 @@ void Pty::set_draining(bool draining) const
         tcflow(slave_, draining ? TCOON : TCOOFF);
 }
 
-// Replaces an older link, and nothing else that may stand at that path.
-bool Pty::make_link(const std::string &link)
+bool Pty::may_link(const std::string &link)
 {
     struct stat found {
     };
-    if (lstat(link.c_str(), &found) == 0 && !S_ISLNK(found.st_mode)) {
+    const bool there = lstat(link.c_str(), &found) == 0;
+    if (there && S_ISLNK(found.st_mode))
+        return true;
+    if (there)
         errno = EEXIST;
+    if (there || errno != ENOENT || link.empty())
+        return false;
+    const size_t slash = link.rfind('/');
+    return access(slash == std::string::npos ? "." : link.substr(0, slash + 1).c_str(), W_OK) == 0;
+}
+
+bool Pty::make_link(const std::string &link)
+{
+    if (!may_link(link))
+        return false;
+    const std::string fresh = link + "." + std::to_string(getpid());
+    if (symlink(path_.c_str(), fresh.c_str()) != 0)
+        return false;
+    if (rename(fresh.c_str(), link.c_str()) != 0) {
+        unlink(fresh.c_str());
         return false;
     }
-    const std::string fresh = link + ".new";
-    unlink(fresh.c_str());
-    if (symlink(path_.c_str(), fresh.c_str()) != 0 || rename(fresh.c_str(), link.c_str()) != 0)
-        return false;
     link_ = link;
     return true;
 }

@@ -19,6 +19,10 @@ public:
     // given, is moved over to it in one step. False, with errno, when that cannot be done.
     bool open(const std::string &link);
 
+    // Whether open() would make that link: an older one is replaced, and nothing else that may
+    // stand there. False with errno.
+    [[nodiscard]] static bool may_link(const std::string &link);
+
     // Ends the line: who has the slave open sees the end of the data. The link goes too.
     void hang_up();
 

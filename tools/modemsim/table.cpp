@@ -3,6 +3,8 @@
 #include "text.h"
 
 #include <cctype>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 
 namespace modemsim
@@ -12,6 +14,7 @@ namespace
 {
 
 constexpr std::string_view ARROW = "=>";
+constexpr const char *BOOT = "boot"; // no command: these are kept in upper case
 
 bool take_word(std::string_view &line, std::string_view word)
 {
@@ -25,15 +28,18 @@ bool take_word(std::string_view &line, std::string_view word)
 
 std::string Table::load(const char *path)
 {
+    errno = 0;
     std::ifstream file(path);
-    if (!file)
-        return std::string(path) + ": cannot be read";
     std::string line;
     for (int number = 1; std::getline(file, line); ++number) {
         const std::string error = add_line(line);
         if (!error.empty())
             return std::string(path) + ":" + std::to_string(number) + ": " + error;
     }
+    if (errno != 0) // it could not be opened, or not be read
+        return std::string(path) + ": " + strerror(errno);
+    if (answers_.empty() && frames_.empty())
+        return std::string(path) + ": it holds no answer";
     return {};
 }
 
@@ -51,8 +57,11 @@ std::string Table::add_line(std::string_view line)
         return "no \"=>\"";
     const std::string_view command = trim(line.substr(0, arrow));
     const std::string_view answer = trim(line.substr(arrow + ARROW.size()));
+    if (command.empty())
+        return "no command before \"=>\"";
     if (!is_frame) {
-        (without_card ? answers_without_card_ : answers_)[to_upper(command)] = split(answer, '|');
+        std::string key = command == BOOT ? BOOT : to_upper(command);
+        (without_card ? answers_without_card_ : answers_)[std::move(key)] = split(answer, '|');
         return {};
     }
     const auto frame = parse_hex(command);
@@ -93,10 +102,16 @@ std::optional<std::vector<std::string>> Table::find(std::string_view command, bo
         lines = find_in(answers_, key);
     if (lines == nullptr)
         return std::nullopt;
-    std::vector<std::string> answer;
-    for (const std::string &line : *lines)
-        answer.push_back(expand(line));
-    return answer;
+    return expand(*lines);
+}
+
+std::vector<std::string> Table::boot_lines(bool card_present) const
+{
+    const auto without_card = answers_without_card_.find(BOOT);
+    if (!card_present && without_card != answers_without_card_.end())
+        return expand(without_card->second);
+    const auto found = answers_.find(BOOT);
+    return found != answers_.end() ? expand(found->second) : std::vector<std::string>{};
 }
 
 const std::string *Table::find_frame(std::string_view received) const
@@ -119,6 +134,16 @@ const std::vector<std::string> *Table::find_in(const Answers &answers, std::stri
     return nullptr;
 }
 
+std::vector<std::string> Table::expand(const std::vector<std::string> &lines) const
+{
+    std::vector<std::string> expanded;
+    expanded.reserve(lines.size());
+    for (const std::string &line : lines)
+        expanded.push_back(expand(line));
+    return expanded;
+}
+
+// "$$" is a dollar; one before anything but the name of a value stays, for commands have them, too.
 std::string Table::expand(std::string_view line) const
 {
     std::string text;
@@ -128,16 +153,25 @@ std::string Table::expand(std::string_view line) const
         size_t end = 0;
         while (end < line.size() && (isalnum(static_cast<unsigned char>(line[end])) != 0 || line[end] == '_'))
             ++end;
-        if (const auto found = values_.find(line.substr(0, end)); found != values_.end()) {
-            const Value &value = found->second;
-            const auto step = value.every == Clock::duration::zero()
-                                  ? 0
-                                  : static_cast<size_t>((Clock::now() - value.since) / value.every);
-            text += value.steps[step % value.steps.size()];
-        }
+        if (line.starts_with('$'))
+            text += line[end++];
+        else
+            text += step_of(line.substr(0, end));
         line.remove_prefix(end);
     }
     return text.append(line);
+}
+
+std::string Table::step_of(std::string_view name) const
+{
+    const auto found = values_.find(name);
+    if (found == values_.end())
+        return std::string("$").append(name);
+    const Value &value = found->second;
+    const auto step = value.every == Clock::duration::zero()
+                          ? 0
+                          : static_cast<size_t>((Clock::now() - value.since) / value.every);
+    return value.steps[step % value.steps.size()];
 }
 
 } // namespace modemsim

@@ -16,7 +16,7 @@ using Clock = std::chrono::steady_clock;
 class Table
 {
 public:
-    // Adds what a file says. Empty on success, else "FILE:LINE: what is wrong".
+    // Adds what a file says. Empty on success, else "FILE: why" or "FILE:LINE: what is wrong".
     std::string load(const char *path);
 
     // Adds one line of such a file. Empty on success, else what is wrong.
@@ -30,6 +30,9 @@ public:
     [[nodiscard]] std::optional<std::vector<std::string>> find(std::string_view command,
                                                                bool card_present) const;
 
+    // What a modem says when it has started.
+    [[nodiscard]] std::vector<std::string> boot_lines(bool card_present) const;
+
     // The answer to a frame that ends the bytes received so far.
     [[nodiscard]] const std::string *find_frame(std::string_view received) const;
 
@@ -42,7 +45,9 @@ private:
     using Answers = std::map<std::string, std::vector<std::string>, std::less<>>;
 
     static const std::vector<std::string> *find_in(const Answers &answers, std::string_view command);
+    [[nodiscard]] std::vector<std::string> expand(const std::vector<std::string> &lines) const;
     [[nodiscard]] std::string expand(std::string_view line) const;
+    [[nodiscard]] std::string step_of(std::string_view name) const;
 
     std::map<std::string, Value, std::less<>> values_;
     Answers answers_;

@@ -73,9 +73,7 @@ UniqueFd open_tree_directory(const char *tree)
 
 ProcServer build_box(const BoxOptions &options)
 {
-    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-        fail_errno("cannot make the mounts private (is a security module restricting user "
-                   "namespaces? see kernel.apparmor_restrict_unprivileged_userns)");
+    make_mounts_private();
     Reaches reaches;
     add_reaches(options, reaches);
     const UniqueFd tree = open_tree_directory(options.tree);

@@ -1,5 +1,6 @@
 // qzbox: run a command as on a router, in namespaces of its own. This file holds the process
 // that stays outside: arguments, signals and the exit status.
+#include "../arguments.h"
 #include "box.h"
 #include "namespaces.h"
 
@@ -33,7 +34,7 @@ constexpr const char *USAGE =
     "  --bind PATH  keep PATH visible although it lies below a private directory;\n"
     "               this holds anyway for the current directory, the directory of\n"
     "               COMMAND and those in LD_LIBRARY_PATH\n"
-    "  --help       print this text\n"
+    "  -h, --help   print this text\n"
     "  --version    print the version\n"
     "\n"
     "The exit status is COMMAND's, 128+N when signal N killed it, 127 when it is not found,\n"
@@ -49,16 +50,17 @@ BoxOptions parse_arguments(int argc, char **argv)
                                   {"version", no_argument, nullptr, 'V'},
                                   {nullptr, 0, nullptr, 0}};
     BoxOptions options;
+    argv[0] = const_cast<char *>("qzbox"); // for getopt_long's own messages
     int chosen = 0;
-    while ((chosen = getopt_long(argc, argv, "+", OPTIONS, nullptr)) != -1) {
+    while ((chosen = getopt_long(argc, argv, "+h", OPTIONS, nullptr)) != -1) {
         if (chosen == 'r')
             options.tree = optarg;
         else if (chosen == 'b')
             options.binds.push_back(optarg);
         else if (chosen == 'h')
-            exit(fputs(USAGE, stdout) < 0);
+            arguments::print("qzbox", USAGE, STATUS_NO_BOX);
         else if (chosen == 'V')
-            exit(puts("qzbox 3.2.0") < 0);
+            arguments::print("qzbox", "qzbox 3.2.0\n", STATUS_NO_BOX);
         else
             exit(STATUS_NO_BOX); // getopt_long has said why
     }

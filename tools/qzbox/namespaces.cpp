@@ -88,7 +88,7 @@ std::string refused_namespaces(int with_user)
          "kernel.unprivileged_userns_clone=1 and kernel.apparmor_restrict_unprivileged_userns=0",
          is_root ? "inside a container give it the capability SYS_ADMIN and a seccomp profile "
                    "that allows clone and mount"
-                 : "run qzbox as root");
+                 : "run qzbox as root, and inside a chroot only so");
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include <linux/fuse.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/timerfd.h>
 #include <sys/uio.h>
 
 #include <algorithm>
@@ -27,6 +28,12 @@ constexpr uint64_t FIRST_PROCESS = 0x10;
 constexpr uint64_t FIRST_NAMED = 0x20000000; // beyond the kernel's highest process number
 constexpr size_t REQUEST_BYTES = 65536;      // no request for a read-only tree is longer
 constexpr uint32_t OLD_INIT_MINOR = 23;      // before it the reply to INIT was shorter
+constexpr unsigned long MOUNT_FLAGS = MS_NOSUID | MS_NODEV | MS_NOEXEC;
+constexpr const char *KERNEL_PROC = "/.kernel/proc";
+
+// Without FUSE: no box starts a hundred processes in a millisecond.
+constexpr long LINK_INTERVAL_NS = 10'000'000;
+constexpr unsigned LINKS_AHEAD = 1024;
 
 // True for a decimal process number, which is put into `pid`.
 bool is_process(const std::string &name, uint64_t &pid)
@@ -59,7 +66,7 @@ UniqueFd open_or_fail(const char *path, int flags)
 {
     UniqueFd fd(open(path, flags | O_CLOEXEC));
     if (!fd.valid())
-        fail_errno("the tree adds names to /proc, which takes FUSE; cannot open %s", path);
+        fail_errno("cannot open %s", path);
     return fd;
 }
 
@@ -81,18 +88,66 @@ struct ProcServer::Request {
 ProcServer ProcServer::start()
 {
     ProcServer server;
-    // The device must be opened inside the box's own user namespace.
-    server.device_ = open_or_fail("/dev/fuse", O_RDWR | O_NONBLOCK);
     server.additions_ = open_or_fail(PROC_ADDITIONS, O_PATH | O_DIRECTORY);
-    server.kernel_ = open_or_fail("/.kernel/proc", O_PATH | O_DIRECTORY);
-    char options[96];
-    snprintf(options, sizeof(options), "fd=%d,rootmode=40555,user_id=0,group_id=0,allow_other",
-             server.device_.get());
-    mount_or_fail("proc", "/proc", "fuse", MS_NOSUID | MS_NODEV | MS_NOEXEC | MS_RDONLY, options);
+    server.kernel_ = open_or_fail(KERNEL_PROC, O_PATH | O_DIRECTORY);
+    if (!server.start_fuse())
+        server.start_links();
     return server;
 }
 
+// The device must be opened inside the box's own user namespace. A user may not be permitted to, and
+// the kernel may be without it.
+bool ProcServer::start_fuse()
+{
+    device_.reset(open("/dev/fuse", O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    char options[96];
+    snprintf(options, sizeof(options), "fd=%d,rootmode=40555,user_id=0,group_id=0,allow_other",
+             device_.get());
+    if (device_.valid() && mount("proc", "/proc", "fuse", MOUNT_FLAGS | MS_RDONLY, options) == 0)
+        return true;
+    device_.reset();
+    return false;
+}
+
+void ProcServer::start_links()
+{
+    mount_or_fail("tmpfs", "/proc", "tmpfs", MOUNT_FLAGS, "mode=555");
+    for (const int directory : {additions_.get(), kernel_.get()}) {
+        for (const std::string &name : list_names(directory))
+            (void)symlink(link_text(name).c_str(), join("/proc", name).c_str()); // the first one holds
+    }
+    link_processes();
+    timer_.reset(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+    const itimerspec interval = {{0, LINK_INTERVAL_NS}, {0, LINK_INTERVAL_NS}};
+    if (timerfd_settime(timer_.get(), 0, &interval, nullptr) != 0)
+        fail_errno("cannot follow the process numbers");
+}
+
+// The kernel tells the number given last; the next ones have their links before they are given.
+void ProcServer::link_processes()
+{
+    char load[128] = "";
+    const UniqueFd file(openat(kernel_.get(), "loadavg", O_RDONLY | O_CLOEXEC));
+    (void)!read(file.get(), load, sizeof(load) - 1);
+    const char *last = strrchr(load, ' ');
+    if (last == nullptr)
+        return;
+    for (const auto end = static_cast<unsigned>(atol(last)) + LINKS_AHEAD; linked_ < end; ++linked_) {
+        const std::string name = std::to_string(linked_ + 1);
+        (void)symlink(join(KERNEL_PROC, name).c_str(), join("/proc", name).c_str());
+    }
+}
+
 void ProcServer::serve()
+{
+    if (device_.valid())
+        return serve_fuse();
+    uint64_t expirations = 0;
+    if (read(timer_.get(), &expirations, sizeof(expirations)) > 0)
+        link_processes();
+}
+
+void ProcServer::serve_fuse()
 {
     alignas(fuse_in_header) static std::array<char, REQUEST_BYTES> buffer;
     const ssize_t length = read(device_.get(), buffer.data(), buffer.size());
@@ -164,7 +219,7 @@ std::string ProcServer::link_text(const std::string &name) const
     if (exists_in(additions_, name))
         return join(PROC_ADDITIONS, name);
     if (exists_in(kernel_, name))
-        return "/.kernel/proc/" + name;
+        return join(KERNEL_PROC, name);
     return "";
 }
 

@@ -1,5 +1,6 @@
 // /proc with additions: a read-only FUSE file system whose root lists the kernel's names and the
-// tree's, each a symbolic link to the real thing.
+// tree's, each a symbolic link to the real thing. Where FUSE is not available, a directory of such
+// links, which also has the numbers of processes to come.
 #pragma once
 
 #include "util.h"
@@ -17,13 +18,14 @@ class ProcServer
 public:
     ProcServer() = default; // serves nothing; fd() is -1
 
-    // Cover /proc. Where FUSE is not available the box ends with a message.
+    // Cover /proc.
     static ProcServer start();
 
     // To be polled for input.
-    [[nodiscard]] int fd() const { return device_.get(); }
+    [[nodiscard]] int fd() const { return device_.valid() ? device_.get() : timer_.get(); }
 
-    // Answer one request. Stops serving when /proc has been unmounted.
+    // Answer one request, or make the links that will be needed until the next call. Stops serving
+    // when /proc has been unmounted.
     void serve();
 
 private:
@@ -33,6 +35,10 @@ private:
         std::vector<std::string> names;
     };
 
+    bool start_fuse();
+    void start_links();
+    void link_processes();
+    void serve_fuse();
     void answer(const Request &request);
     void answer_init(const Request &request);
     void answer_lookup(const Request &request);
@@ -47,7 +53,9 @@ private:
     [[nodiscard]] uint64_t node_of(const std::string &name);
     [[nodiscard]] std::string name_of(uint64_t node) const;
 
-    UniqueFd device_;
+    UniqueFd device_;                // of FUSE; without it invalid
+    UniqueFd timer_;                 // when to look at the process numbers; with FUSE invalid
+    unsigned linked_ = 0;            // process numbers up to here have a link
     UniqueFd additions_;             // PROC_ADDITIONS
     UniqueFd kernel_;                // the real procfs
     std::vector<std::string> names_; // node number minus FIRST_NAMED -> name; only grows

@@ -1,12 +1,14 @@
 #include "root.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -209,6 +211,28 @@ void show_reaches(Reaches &reaches, const std::string &root)
     }
 }
 
+// ---- Privacy ------------------------------------------------------------------------------
+
+bool make_private()
+{
+    return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+// Only a mount can be made private, and the directory of a chroot is in the middle of one. So out
+// of the chroot, which entering one's own mount namespace does, and back through a mount of it.
+bool make_private_in_chroot()
+{
+    const UniqueFd root(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd self(static_cast<int>(syscall(SYS_pidfd_open, getpid(), 0)));
+    if (setns(self.get(), CLONE_NEWNS) != 0 || !make_private())
+        return false;
+    const UniqueFd tree(static_cast<int>(syscall(
+        SYS_open_tree, root.get(), "", OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_EMPTY_PATH | AT_RECURSIVE)));
+    return syscall(SYS_move_mount, tree.get(), "", root.get(), "",
+                   MOVE_MOUNT_F_EMPTY_PATH | MOVE_MOUNT_T_EMPTY_PATH) == 0 &&
+           fchdir(tree.get()) == 0 && chroot(".") == 0;
+}
+
 // ---- Entering ---------------------------------------------------------------------------
 
 // The directory that carries the new root while it is built: one that the box replaces anyway,
@@ -258,6 +282,18 @@ void make_log_directory_behind_link()
 }
 
 } // namespace
+
+void make_mounts_private()
+{
+    if (make_private())
+        return;
+    if (errno != EINVAL)
+        fail_errno("cannot make the mounts private (is a security module restricting user "
+                   "namespaces? see kernel.apparmor_restrict_unprivileged_userns)");
+    if (!make_private_in_chroot())
+        fail_errno("cannot make a box in this chroot, whose root directory is no mount; make it one with "
+                   "mount --bind, or change into it with pivot_root");
+}
 
 void enter_private_root(Reaches &reaches, bool with_kernel_mounts)
 {

@@ -1,18 +1,15 @@
 // zservsim: the routing daemon's socket for laptops and tests. Prints the route requests that
 // it is sent and, with --apply, puts them into the kernel's table.
+#include "../arguments.h"
 #include "request.h"
 
-#include <cerrno>
 #include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
 #include <getopt.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,6 +20,7 @@ namespace
 
 using zservsim::Request;
 
+constexpr const char *TOOL = "zservsim";
 constexpr const char *USAGE =
     "Usage: zservsim [OPTION]...\n"
     "Stand in for the routing daemon: print the route requests sent to its socket.\n"
@@ -32,10 +30,11 @@ constexpr const char *USAGE =
     "  --add-code N      command code of an added route (default 7)\n"
     "  --delete-code N   command code of a deleted route (default 8)\n"
     "  --count N         end after N requests\n"
-    "  --help            print this text\n"
+    "  -h, --help        print this text\n"
     "  --version         print the version\n"
     "\n"
-    "Ends on SIGTERM or SIGINT. The exit status is 0, or 1 when a request was malformed.\n";
+    "Ends on SIGTERM, SIGINT or SIGHUP. The exit status is 0, 1 when a request was malformed,\n"
+    "and 2 when it could not listen or the arguments were wrong.\n";
 
 struct Options {
     std::string socket = "/tmp/.zserv";
@@ -47,19 +46,12 @@ struct Options {
 
 [[noreturn]] void fail(const std::string &what)
 {
-    fprintf(stderr, "zservsim: %s: %s\n", what.c_str(), strerror(errno));
-    exit(2);
+    arguments::fail(TOOL, what + ": " + strerror(errno));
 }
 
-unsigned long number(const char *text, unsigned long max)
+unsigned code(const char *option)
 {
-    char *end = nullptr;
-    const unsigned long value = strtoul(text, &end, 10);
-    if (*text < '0' || *text > '9' || *end != '\0' || value > max) {
-        fprintf(stderr, "zservsim: not a number from 0 to %lu: %s\n", max, text);
-        exit(2);
-    }
-    return value;
+    return static_cast<unsigned>(arguments::number(TOOL, option, optarg, 0, 255));
 }
 
 Options parse_arguments(int argc, char **argv)
@@ -70,8 +62,9 @@ Options parse_arguments(int argc, char **argv)
         {"count", required_argument, nullptr, 'c'},    {"help", no_argument, nullptr, 'h'},
         {"version", no_argument, nullptr, 'V'},        {nullptr, 0, nullptr, 0}};
     Options options;
+    argv[0] = const_cast<char *>(TOOL); // for getopt_long's own messages
     int chosen = 0;
-    while ((chosen = getopt_long(argc, argv, "", OPTIONS, nullptr)) != -1) {
+    while ((chosen = getopt_long(argc, argv, "h", OPTIONS, nullptr)) != -1) {
         switch (chosen) {
         case 'a':
             options.apply = true;
@@ -80,37 +73,38 @@ Options parse_arguments(int argc, char **argv)
             options.socket = optarg;
             break;
         case '+':
-            options.add_code = static_cast<unsigned>(number(optarg, 255));
+            options.add_code = code("--add-code");
             break;
         case '-':
-            options.delete_code = static_cast<unsigned>(number(optarg, 255));
+            options.delete_code = code("--delete-code");
             break;
         case 'c':
-            options.count = number(optarg, 1000000000);
+            options.count = arguments::number(TOOL, "--count", optarg, 0, 1'000'000'000);
             break;
         case 'h':
-            exit(fputs(USAGE, stdout) < 0);
+            arguments::print(TOOL, USAGE);
         case 'V':
-            exit(puts("zservsim 3.2.0") < 0);
+            arguments::print(TOOL, "zservsim 3.2.0\n");
         default:
-            exit(2); // getopt_long has said why
+            exit(arguments::WRONG_USAGE); // getopt_long has said why
         }
     }
-    if (optind < argc) {
-        fprintf(stderr, "zservsim: unexpected argument: %s\n", argv[optind]);
-        exit(2);
-    }
+    if (optind < argc)
+        arguments::fail(TOOL, std::string(argv[optind]) + ": there are options only");
+    if (options.add_code == options.delete_code)
+        arguments::fail(TOOL,
+                        "--add-code " + std::to_string(options.add_code) + ": --delete-code is the same");
     return options;
 }
 
 // Runs a command to its end; its exit status, -1 when there is none.
 int run(const std::vector<std::string> &words)
 {
-    std::vector<char *> arguments;
-    arguments.reserve(words.size() + 1);
+    std::vector<char *> argv;
+    argv.reserve(words.size() + 1);
     for (const std::string &word : words)
-        arguments.push_back(const_cast<char *>(word.c_str()));
-    arguments.push_back(nullptr);
+        argv.push_back(const_cast<char *>(word.c_str()));
+    argv.push_back(nullptr);
     pid_t pid = -1;
     posix_spawnattr_t attributes;
     sigset_t none;
@@ -118,8 +112,10 @@ int run(const std::vector<std::string> &words)
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setsigmask(&attributes, &none);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-    const int error = posix_spawnp(&pid, arguments[0], nullptr, &attributes, arguments.data(), environ);
+    const int error = posix_spawnp(&pid, argv[0], nullptr, &attributes, argv.data(), environ);
     posix_spawnattr_destroy(&attributes);
+    if (error != 0)
+        fprintf(stderr, "%s: %s: %s\n", TOOL, argv[0], strerror(error));
     int status = 0;
     if (error != 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status))
         return -1;
@@ -139,32 +135,64 @@ public:
 
     int serve()
     {
-        listen_on_socket();
         catch_signals();
+        listen_on_socket();
         printf("listening on %s\n", options_.socket.c_str());
         while (options_.count == 0 || requests_ < options_.count) {
             if (!wait_and_serve())
                 break;
         }
-        unlink(options_.socket.c_str());
+        remove_socket();
         return malformed_ ? 1 : 0;
     }
 
 private:
     void listen_on_socket()
     {
+        const char *path = options_.socket.c_str();
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
-        if (options_.socket.size() >= sizeof address.sun_path) {
-            errno = ENAMETOOLONG;
+        errno = options_.socket.empty() ? ENOENT : ENAMETOOLONG;
+        if (options_.socket.empty() || options_.socket.size() >= sizeof address.sun_path)
+            fail("--socket " + options_.socket);
+        memcpy(address.sun_path, path, options_.socket.size());
+        const auto *name = reinterpret_cast<const sockaddr *>(&address);
+        remove_left_socket(name);
+        listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (listener_ < 0 || bind(listener_, name, sizeof address) != 0)
+            fail(options_.socket);
+        lstat(path, &own_);
+        if (listen(listener_, SOMAXCONN) != 0) {
+            remove_socket();
             fail(options_.socket);
         }
-        memcpy(address.sun_path, options_.socket.c_str(), options_.socket.size());
-        unlink(options_.socket.c_str()); // what a daemon that was killed has left
-        listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (listener_ < 0 || bind(listener_, reinterpret_cast<sockaddr *>(&address), sizeof address) != 0 ||
-            listen(listener_, SOMAXCONN) != 0)
-            fail(options_.socket);
+    }
+
+    // What a daemon that was killed has left, and nothing else: a socket that nobody serves.
+    void remove_left_socket(const sockaddr *name) const
+    {
+        const char *path = options_.socket.c_str();
+        struct stat found {
+        };
+        if (lstat(path, &found) != 0)
+            return;
+        if (!S_ISSOCK(found.st_mode))
+            arguments::fail(TOOL, options_.socket + ": it is there and no socket");
+        const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (connect(probe, name, sizeof(sockaddr_un)) == 0 || errno != ECONNREFUSED)
+            arguments::fail(TOOL, options_.socket + ": another program serves it");
+        close(probe);
+        unlink(path);
+    }
+
+    // Unless another one stands there by now.
+    void remove_socket() const
+    {
+        struct stat found {
+        };
+        if (lstat(options_.socket.c_str(), &found) == 0 && found.st_dev == own_.st_dev &&
+            found.st_ino == own_.st_ino)
+            unlink(options_.socket.c_str());
     }
 
     void catch_signals()
@@ -173,6 +201,8 @@ private:
         sigemptyset(&ends);
         sigaddset(&ends, SIGTERM);
         sigaddset(&ends, SIGINT);
+        sigaddset(&ends, SIGHUP);
+        sigaddset(&ends, SIGPIPE); // nobody reads the output any more
         sigprocmask(SIG_BLOCK, &ends, nullptr);
         signals_ = signalfd(-1, &ends, SFD_CLOEXEC);
         if (signals_ < 0)
@@ -290,6 +320,8 @@ private:
 
     Options options_;
     int listener_ = -1;
+    struct stat own_ {
+    }; // the socket's file
     int signals_ = -1;
     std::vector<Connection> connections_;
     unsigned long requests_ = 0;
@@ -300,6 +332,7 @@ private:
 
 int main(int argc, char **argv)
 {
+    arguments::hold_standard_streams();
     setvbuf(stdout, nullptr, _IOLBF, 0);
     return Daemon(parse_arguments(argc, argv)).serve();
 }

@@ -17,7 +17,7 @@ constexpr unsigned NEXT_HOP_INTERFACE = 2;
 constexpr unsigned NEXT_HOP_ADDRESS = 3;
 
 // Takes fields off the front. The first thing that is wrong stays the error; what is read
-// behind the end is zero.
+// after the end is zero.
 class Reader
 {
 public:

@@ -26,7 +26,7 @@ size_t stated_length(std::span<const uint8_t> bytes);
 // over. Empty when it was right, else what was wrong with it.
 std::string decode(std::span<const uint8_t> message, Request &request);
 
-// "a.b.c.d/n", as sent or with the bits behind the length cleared, as a routing daemon does.
+// "a.b.c.d/n", as sent or with the bits after the length cleared, as a routing daemon does.
 std::string prefix_text(const Request &request);
 std::string network_text(const Request &request);
 
