@@ -1,6 +1,6 @@
 #include "support/box.h"
 #include "support/case.h"
-#include "support/scale.h"
+#include "support/process.h"
 
 #include <qzlib.h>
 
@@ -394,13 +394,13 @@ TEST_F(BootEnv, change_made_between_another_process_s_read_and_its_lock_is_lost)
     flash(block_of({"a=1"}));
     const int holder = open(DEVICE, O_RDWR);
     ASSERT_EQ(flock(holder, LOCK_EX), 0);
-    const pid_t child = start_child([] { return -qzlib_set_boot_env("b", "2"); });
+    Process child([] { return -qzlib_set_boot_env("b", "2"); });
     const auto waits = [] { return read_file("/proc/locks").find("->") != std::string::npos; };
     EXPECT_TRUE(eventually(waits)); // it has read the block by now
     flash(block_of({"a=changed", "c=3"}));
     flock(holder, LOCK_UN); // the child has the descriptor, too
     close(holder);
-    EXPECT_EQ(wait_child(child), 0);
+    EXPECT_EQ(child.wait(), 0);
     EXPECT_EQ(flash_block(), block_of({"a=1", "b=2"})) << "by design: the lock comes after the read";
 }
 
@@ -415,16 +415,16 @@ TEST_F(BootEnv, two_processes_lose_updates_but_never_the_file)
     };
     ASSERT_EQ(qzlib_set_boot_env("seed", "0"), 0);
     const int locked = open(DEVICE, O_RDWR);
-    const pid_t first = start_child([&] { return writer("first"); });
-    const pid_t second = start_child([&] { return writer("second"); });
+    Process first([&] { return writer("first"); });
+    Process second([&] { return writer("second"); });
     for (int i = 0; i < rounds; ++i) {
         flock(locked, LOCK_EX);
         const std::string block = flash_block();
         flock(locked, LOCK_UN);
         EXPECT_EQ(block, with_checksum(block.substr(4))) << "invalid while nobody may write";
     }
-    EXPECT_EQ(wait_child(first), 0);
-    EXPECT_EQ(wait_child(second), 0);
+    EXPECT_EQ(first.wait(), 0);
+    EXPECT_EQ(second.wait(), 0);
     close(locked);
     Entries entries = listed();
     EXPECT_FALSE(entries.empty()) << "a valid block at the end";

@@ -1,5 +1,6 @@
 #include "support/box.h"
 #include "support/case.h"
+#include "support/process.h"
 
 #include <linux/netlink.h>
 #include <qzlib.h>
@@ -275,21 +276,21 @@ TEST_F(Channel, processes_reach_each_other_by_pid_by_name_and_all)
         return seen;
     };
     const int ready = eventfd(0, EFD_SEMAPHORE);
-    const pid_t one = start_child([&] { return listen("one", ready); });
-    const pid_t two = start_child([&] { return listen("two", ready); });
+    Process one([&] { return listen("one", ready); });
+    Process two([&] { return listen("two", ready); });
     eventfd_t count;
     eventfd_read(ready, &count);
     eventfd_read(ready, &count);
     close(ready);
     ASSERT_EQ(qzlib_msg_init(Inbox::put, &inbox), 0);
     send_message(1);
-    send_message(2, "x", one);
+    send_message(2, "x", one.pid());
     send_message(3, "x", 0, "two");
-    send_message(4, "x", one, "two");
+    send_message(4, "x", one.pid(), "two");
     send_message(5, "x", getpid());
     send_message(9);
-    EXPECT_EQ(wait_child(one), 1 << 1 | 1 << 2);
-    EXPECT_EQ(wait_child(two), 1 << 1 | 1 << 3);
+    EXPECT_EQ(one.wait(), 1 << 1 | 1 << 2);
+    EXPECT_EQ(two.wait(), 1 << 1 | 1 << 3);
     for (const uint32_t type : {1U, 5U, 9U})
         EXPECT_EQ(inbox.next().head.type, type) << "the sender receives, too";
 }

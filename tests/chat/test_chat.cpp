@@ -1,5 +1,5 @@
+#include "support/log.h"
 #include "support/modem.h"
-#include "support/scale.h"
 
 #include <climits>
 #include <poll.h>

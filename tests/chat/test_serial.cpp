@@ -1,6 +1,6 @@
-#include "support/box.h"
-#include "support/modem.h"
-#include "support/scale.h"
+#include "support/case.h"
+#include "support/log.h"
+#include "support/process.h"
 #include "support/seccomp.h"
 #include "support/syscall_trace.h"
 
@@ -215,7 +215,7 @@ TEST_F(Serial, signals_during_the_set_up_are_logged_and_survived)
 // has the rest of the time.
 TEST(SerialLog, takes_signals_all_the_time_while_a_daemon_logs)
 {
-    const pid_t daemon = start_child([] {
+    const Process daemon([] { // waited for
         dev_init("/dev/null", FLAGS, 0);
         const Stopwatch fifty;
         for (int i = 0; i < 50; ++i)
@@ -225,10 +225,7 @@ TEST(SerialLog, takes_signals_all_the_time_while_a_daemon_logs)
         setitimer(ITIMER_REAL, &often, nullptr);
         for (int i = 0; i < scaled(5000); ++i)
             debug_msg(QZLIB_LOG_ERROR, "daemon", i, "logs");
-        return 0;
     });
-    EXPECT_TRUE(eventually([=] { return waitpid(daemon, nullptr, WNOHANG) != 0; }));
-    kill(daemon, SIGKILL);
 }
 
 TEST_F(Serial, device_that_hangs_while_it_is_set_up_is_given_up_after_five_seconds)

@@ -4,7 +4,7 @@
 #include <ctime>
 #include <vector>
 
-#include "support/scale.h"
+#include "support/case.h"
 
 namespace
 {

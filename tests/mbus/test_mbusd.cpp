@@ -1,5 +1,5 @@
 #include "mbus/bus_box.h"
-#include "support/scale.h"
+#include "support/case.h"
 
 #include <algorithm>
 #include <chrono>

@@ -6,7 +6,7 @@
 #include <sys/syscall.h>
 #include <thread>
 
-#include "support/scale.h"
+#include "support/case.h"
 
 namespace
 {

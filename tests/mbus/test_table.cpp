@@ -1,5 +1,5 @@
 #include "mbus/bus_box.h"
-#include "support/syslog_sink.h"
+#include "support/log.h"
 
 #include <chrono>
 #include <climits>

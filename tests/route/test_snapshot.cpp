@@ -1,6 +1,5 @@
 #include "support/box.h"
 #include "support/case.h"
-#include "support/scale.h"
 
 #include <qzlib.h>
 

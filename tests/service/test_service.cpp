@@ -1,5 +1,4 @@
 #include "support/case.h"
-#include "support/scale.h"
 
 #include <qzlib.h>
 

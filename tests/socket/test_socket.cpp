@@ -1,5 +1,5 @@
 #include "support/case.h"
-#include "support/syslog_sink.h"
+#include "support/log.h"
 
 #include <qzlib.h>
 

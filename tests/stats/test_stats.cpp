@@ -1,6 +1,6 @@
 #include "support/box.h"
 #include "support/case.h"
-#include "support/syslog_sink.h"
+#include "support/log.h"
 
 #include <qzlib.h>
 

@@ -1,4 +1,4 @@
-// Covering the box's kernel files and commands, and running pieces of a test in other processes.
+// Covering the box's kernel files and commands.
 #pragma once
 
 #include "support/files.h"
@@ -7,14 +7,13 @@
 #include <cstdlib>
 #include <string>
 #include <sys/mount.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 namespace support
 {
 
 // Puts an empty file system over a directory, for a test to fill with its own files.
-class Cover
+class Cover : NoCopy
 {
 public:
     explicit Cover(const char *directory, const char *options = "") : directory_(directory)
@@ -25,15 +24,13 @@ public:
         }
     }
     ~Cover() { (void)umount2(directory_, MNT_DETACH); }
-    Cover(const Cover &) = delete;
-    Cover &operator=(const Cover &) = delete;
 
 private:
     const char *directory_;
 };
 
 // Puts content of the test's own in the place of a kernel file.
-class FakeFile
+class FakeFile : NoCopy
 {
 public:
     FakeFile(const std::string &path, const std::string &content) : path_(path)
@@ -43,8 +40,6 @@ public:
             abort();
     }
     ~FakeFile() { umount2(path_.c_str(), MNT_DETACH); }
-    FakeFile(const FakeFile &) = delete;
-    FakeFile &operator=(const FakeFile &) = delete;
 
     void set(const std::string &content) const { write_file(CONTENT, content); }
 
@@ -75,31 +70,6 @@ inline void fake_command(const std::string &name, const std::string &script)
     (void)once;
     write_file("/tmp/fakes/" + name, script);
     chmod(("/tmp/fakes/" + name).c_str(), 0755);
-}
-
-// Forks; the child runs the function and ends with its result as exit status.
-template <typename Function>
-pid_t start_child(Function function)
-{
-    const pid_t pid = fork();
-    if (pid == 0)
-        _exit(function());
-    return pid;
-}
-
-// The exit status, or -1 for a child that did not exit.
-inline int wait_child(pid_t pid)
-{
-    int status = 0;
-    if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status))
-        return -1;
-    return WEXITSTATUS(status);
-}
-
-template <typename Function>
-int run_child(Function function)
-{
-    return wait_child(start_child(function));
 }
 
 } // namespace support

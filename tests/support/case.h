@@ -1,4 +1,4 @@
-// What cases of every family need: tables of cases, waiting, and the check that nothing is left.
+// What cases of every family need: tables of cases, time and waiting, and the check that nothing is left.
 #pragma once
 
 #include "support/files.h"
@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
@@ -29,38 +30,81 @@ namespace support
 template <typename... Columns>
 using Table = std::vector<std::tuple<Columns...>>;
 
-class Stopwatch
+// How many times slower than the host this machine counts as.
+inline int slowness()
+{
+    const char *scale = getenv("QZ_TEST_SCALE");
+    return scale != nullptr ? std::max(atoi(scale), 1) : 1;
+}
+
+// That many rounds here, accordingly fewer on a slow machine.
+template <typename Count>
+Count scaled(Count rounds)
+{
+    return std::max<Count>(rounds / static_cast<Count>(slowness()), 1);
+}
+
+// A limit that tells a hang from waiting: longer on a slow machine.
+template <typename Duration>
+Duration patient(Duration limit)
+{
+    return limit * slowness();
+}
+
+// The time since it was made. A thread beside it sleeps in short steps and adds up by how much they were
+// too long: so late is this machine with everything, be it emulated or full of other work.
+class Stopwatch : NoCopy
 {
 public:
+    // For lower bounds.
     [[nodiscard]] double seconds() const
     {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+        return std::chrono::duration<double>(Clock::now() - start_).count();
     }
+    // For upper bounds: what a machine that is never late would have taken.
+    [[nodiscard]] double punctual_seconds() const { return seconds() - late_us_ * 1e-6; }
 
 private:
-    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    using Clock = std::chrono::steady_clock;
+    using Microseconds = std::chrono::microseconds;
+
+    void measure(const std::stop_token &stop)
+    {
+        constexpr std::chrono::milliseconds STEP(5);
+        sigset_t all;
+        sigfillset(&all);
+        for (pthread_sigmask(SIG_SETMASK, &all, nullptr); !stop.stop_requested();) {
+            const auto begin = Clock::now();
+            std::this_thread::sleep_for(STEP);
+            const auto late = std::chrono::duration_cast<Microseconds>(Clock::now() - begin - STEP);
+            late_us_ += static_cast<int>(late.count());
+        }
+    }
+
+    Clock::time_point start_ = Clock::now();
+    std::atomic<int> late_us_ = 0;
+    std::jthread beside_{[this](const std::stop_token &stop) { measure(stop); }};
 };
 
-// Polls for what another process or thread does; false after 15 seconds.
+// Polls for what another process or thread does. The limit tells a hang only: false then.
 template <typename Condition>
-bool eventually(Condition holds)
+bool eventually(Condition holds, std::chrono::milliseconds limit = std::chrono::seconds(60))
 {
-    for (const Stopwatch watch; watch.seconds() < 15;) {
-        if (holds())
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    const auto end = std::chrono::steady_clock::now() + patient(limit);
+    while (!holds()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    return false;
+    return true;
 }
 
 // Signals that come all the time and interrupt every wait of this process.
-class SignalStorm
+class SignalStorm : NoCopy
 {
 public:
     SignalStorm() { every(10'000); }
     ~SignalStorm() { every(0); }
-    SignalStorm(const SignalStorm &) = delete;
-    SignalStorm &operator=(const SignalStorm &) = delete;
 
 private:
     static void every(suseconds_t us)
@@ -91,7 +135,7 @@ struct NothingLeft : testing::Test {
 };
 
 // A time without a descriptor to be had.
-class NoDescriptors
+class NoDescriptors : NoCopy
 {
 public:
     NoDescriptors()
@@ -101,8 +145,6 @@ public:
         setrlimit(RLIMIT_NOFILE, &none);
     }
     ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &saved_); }
-    NoDescriptors(const NoDescriptors &) = delete;
-    NoDescriptors &operator=(const NoDescriptors &) = delete;
 
 private:
     rlimit saved_{};

@@ -1,4 +1,4 @@
-// Whole-file reading and writing for tests, and the count of open descriptors.
+// Whole-file reading and writing for tests, the count of open descriptors, and what owners have in common.
 #pragma once
 
 #include <cstdlib>
@@ -11,6 +11,12 @@
 
 namespace support
 {
+
+struct NoCopy {
+    NoCopy() = default;
+    NoCopy(const NoCopy &) = delete;
+    NoCopy &operator=(const NoCopy &) = delete;
+};
 
 // Writes a file, making its directories.
 inline void write_file(const std::string &path, const std::string &content)

@@ -1,10 +1,8 @@
-// The simulated modem as a test runs it, and the log of what a call did.
+// The simulated modem as a test runs it.
 #pragma once
 
 #include "support/case.h"
-#include "support/program.h"
-
-#include <qzlib.h>
+#include "support/process.h"
 
 #include <cstdio>
 #include <unistd.h>
@@ -45,28 +43,7 @@ private:
         return words;
     }
 
-    Program program_;
+    Process program_;
 };
-
-// File mode, debug level. What was logged since the last look, as "<LEVEL>text" lines.
-inline void start_log()
-{
-    write_file("/tmp/config/cli.conf", "log msg-level debug\n");
-    openmsg_com("/tmp/test.log", 0, "", 0);
-}
-
-inline std::string take_log()
-{
-    constexpr size_t TIMESTAMP_LENGTH = sizeof "[2026-01-31 23:59:59]" - 1;
-    std::string log = read_file("/tmp/test.log");
-    unlink("/tmp/test.log");
-    for (size_t line = 0; line < log.size(); line = log.find('\n', line) + 1) {
-        if (log[line] != '[' || log.compare(line + TIMESTAMP_LENGTH - 1, 2, "]<") != 0)
-            continue; // of a text with line feeds
-        log.erase(line, TIMESTAMP_LENGTH);
-        log.erase(log.find(">:", line) + 1, 1); // the empty name
-    }
-    return log;
-}
 
 } // namespace support
