@@ -59,11 +59,9 @@ can_check_style() {
     done
 }
 
-# run_tests BUILD [CTEST-OPTION...]: many at once, since most of them wait. Some look at the
-# clock: a case that fails is tried once more, and CTest shows both results.
+# run_tests BUILD [CTEST-OPTION...]: many at once, since most of them wait.
 run_tests() {
     tests=$1
     shift
-    ctest --test-dir "$tests" --output-on-failure -j $(($(nproc) * 16)) --no-tests=error \
-        --repeat until-pass:2 "$@"
+    ctest --test-dir "$tests" --output-on-failure -j $(($(nproc) * 16)) --no-tests=error "$@"
 }
