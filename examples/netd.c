@@ -75,8 +75,8 @@ static void read_interface_block(void)
     memset(table, 0, sizeof table);
     for (i = 0; i < ENTRIES; i++)
         memcpy(table + i * ENTRY_SIZE, &keys[i], sizeof keys[i]);
-    /* Every call gives the block after the one named by the first value; a block without a name ends that.
-     */
+    /* Every call gives the block after the one that the first value names; a block without a
+     * name ends the enumeration. */
     while (cli_config_get(table, sizeof table, 0) != -1 && table[sizeof(char *)] != '\0') {
         printf("netd: CLI block:");
         for (i = 0; i < ENTRIES; i++)

@@ -8,17 +8,15 @@
  * text says otherwise. Names are part of the interface as they stand, misspelt ones
  * included (cli_find_paremeter, qzlib_event_unint, qzlib_str_tolowr, ...).
  *
- * Sections, in this order, and the folder that each is defined in:
- *   Strings and addresses      src/str        Local messages           src/modem
- *   Message log                src/log        LEDs and GPIOs           src/modem
- *   CLI configuration          src/log        Files and packages       src/system
- *   Service store              src/service    Commands and processes   src/system
- *   Message bus                src/mbus       System statistics        src/system
- *   Serial line and AT chat    src/chat       Device information       src/device
- *   Event flags                src/event      Sockets                  src/socket
- *   Routing                    src/route      Network interfaces       src/net
- *   Boot environment           src/bootenv    Probes                   src/net
- *   Modem status               src/modem
+ * Sections, in this order, each named as the folder of src/ that defines it:
+ *   str      strings and addresses          bootenv  boot environment
+ *   log      message log,                   modem    modem status, local messages,
+ *            CLI configuration                       LEDs and GPIOs
+ *   service  service store                  system   files and packages, commands and
+ *   mbus     message bus                             processes, system statistics
+ *   chat     serial line and AT chat        device   device information
+ *   event    event flags                    socket   sockets
+ *   route    routing                        net      network interfaces, probes
  *
  * The cJSON functions come with the library: <cjson/cJSON.h> is included here, and a
  * daemon that links with -lqzlib alone may call them. libqzlib.so is a linker script: what
@@ -56,7 +54,7 @@ enum {
     QZLIB_ERR_NOT_FOUND = -272   /**< not found, or nothing to change */
 };
 
-/* ---- Strings and addresses -----------------------------------------------------------
+/* ---- str: strings and addresses ------------------------------------------------------
  * Clean text that came from files and commands, and check addresses typed into a
  * configuration. Nothing is allocated, logged or kept: callable from any thread.
  * Whitespace is exactly tab, line feed, carriage return and space. The validators are
@@ -141,7 +139,7 @@ int qzlib_get_ip_mask(const char *src, char *ip_out, char *len_out);
  */
 unsigned int qzlib_str_is_digit(const char *str);
 
-/* ---- Message log ---------------------------------------------------------------------
+/* ---- log: message log ----------------------------------------------------------------
  * One log per process: syslog, or a file of its own that is started afresh when it
  * reaches its size cap. Which levels are emitted is the router's choice, not the
  * process's: the line "log msg-level WORD" of /tmp/config/cli.conf (debug, info, warn,
@@ -178,8 +176,8 @@ void openmsg_com(const char *path, int max_size, const char *ident, int flags);
 void openmsg(const char *ident);
 
 /**
- * End syslog mode with closelog(); nothing to do in file mode. Later messages reopen syslog,
- * under the program's name: the ident is lost, call openmsg() again to have it.
+ * End syslog mode with closelog(); does nothing in file mode. Later messages reopen syslog
+ * under the program's name: the ident is lost until openmsg() is called again.
  */
 void closemsg(void);
 
@@ -196,9 +194,9 @@ void closemsg(void);
  * In a signal handler only where the interrupted thread cannot be in debug_msg(), syslog(),
  * malloc() or the time zone functions (str_timestamp() too): it would wait for ever for their
  * locks. From the first dev_init() on debug_msg() itself holds back the six signals that
- * chat_signal_handler() is installed for. In a child that was forked from a process with
- * threads it may hang likewise, in libc's time zone or syslog lock: exec first, or fork
- * before there are threads.
+ * chat_signal_handler() is installed for. A child forked from a process with threads may
+ * hang in the same way, in libc's time zone or syslog lock: exec first, or fork before there
+ * are threads.
  * @param level   QZLIB_LOG_DEBUG to QZLIB_LOG_FATAL, no other value
  * @param module  source module for syslog ("{module->line}"), or null for the bare message
  * @param line    line of the call
@@ -208,8 +206,7 @@ void debug_msg(int level, const char *module, int line, const char *format, ...)
 
 /**
  * Format a time as local time, "%Y-%m-%d %X". In programs that are built with _TIME_BITS=64
- * for 32-bit glibc t is cut to 32 bits, the library's own time_t there: up to 2038, and 0 for
- * now, which has no end.
+ * for 32-bit glibc t is cut to 32 bits, which reach to 2038; 0, for now, works beyond that.
  * @param t     seconds since the epoch; 0 for now
  * @param buf   receives at most size - 1 characters; its last byte is always set to NUL
  * @param size  of buf in bytes, at least 1
@@ -230,7 +227,7 @@ char *str_timestamp(time_t t, char *buf, int size);
  */
 int reset_file_size(const char *path, int max_size);
 
-/* ---- CLI configuration ---------------------------------------------------------------
+/* ---- log: CLI configuration ----------------------------------------------------------
  * Lookups in the router's command-line configuration, /tmp/config/cli.conf: a block is a
  * header line at the left margin, parameter lines indented by one space, and a closing
  * line. Any line with "!" anywhere in it closes a block. Every call opens and reads the
@@ -296,7 +293,7 @@ int cli_find_paremeter(const char *block, const char *text);
  */
 int cli_config_get(void *table, int size, int mode);
 
-/* ---- Service store -------------------------------------------------------------------
+/* ---- service: service store ----------------------------------------------------------
  * The parameters of one service: loaded from /tmp/config/SERVICE.conf, read and changed in
  * memory, and written back only by qzlib_service_saveto_file().
  *
@@ -455,7 +452,7 @@ int qzlib_service_get_all_param(const service_info *info, service_param_list *ou
 /** Count all entries, headers included, without a limit. @return their number; 0 for null */
 int qzlib_service_get_param_num(const service_info *info);
 
-/* ---- Message bus ---------------------------------------------------------------------
+/* ---- mbus: message bus ---------------------------------------------------------------
  * The daemons of the router talk through one bus server. It owns the local datagram socket
  * QZLIB_MBUS_SOCKET and a System V shared-memory table of clients; every client has a
  * segment of its own with two packet rings, "up" (client to server) and "down" (server to
@@ -474,9 +471,10 @@ int qzlib_service_get_param_num(const service_info *info);
  * process that is killed at any point stops nobody else. Messages go to debug_msg() with
  * the module "mbus_api".
  *
- * When the server ends, writes are refused from then on. A daemon that finds its own name no
- * longer (qzlib_find_client_by_name() gives null, without a system call) connects again: look
- * when a write is refused, and now and then. One that was killed is replaced unnoticed. */
+ * Once the server has ended, writes are refused. A daemon that no longer finds its own name
+ * (qzlib_find_client_by_name() gives null, without a system call) should connect again: look
+ * when a write is refused, and now and then. When a server that was killed is replaced, its
+ * clients do not notice. */
 
 #define QZLIB_MBUS_SOCKET "/tmp/mbus.sock" /**< control socket, bound by the bus server */
 
@@ -625,11 +623,11 @@ int qzlib_client_set_flag(unsigned flags);
 int qzlib_client_clear_flag(unsigned flags);
 
 /**
- * Join the bus. Blocks for up to 6 seconds when no server answers (4 attempts), for up to
- * 250 ms while its queue is full, for as long while it has not read what this name sent in a former
- * connection, else for some milliseconds; the server has about 7 ms to enter the name in its
- * table. Logs success at level 1 and a segment that cannot be had at
- * level 3. A process that is connected leaves the bus first; one that was forked from a connected one
+ * Join the bus. Blocks for some milliseconds; for up to 250 ms while the server's queue is full,
+ * and as long while the server has not read what this name sent in an earlier connection; for
+ * up to 6 seconds (4 attempts) when no server answers. The server has about 7 ms to enter the
+ * name in its table. Logs success at level 1, and at level 3 that there is no segment to be had.
+ * A process that is connected leaves the bus first; one that was forked from a connected one
  * leaves it silently, and its parent stays.
  * @param name  1 to 32 characters. One that another process has, without regard to case, is
  *              refused by the server, but found all the same: the result is 0, the rings of
@@ -641,8 +639,9 @@ int qzlib_connect_mbus_server(const char *name);
 
 /**
  * Leave the bus. A thread that waits in qzlib_mbus_read_pkg() gets null; the down cache
- * sleeps until the process connects again. Payloads that were handed out are gone. What was
- * written before is still delivered: by mbusd always, by another server if it reads it in time.
+ * sleeps until the process connects again. Payloads that were handed out are no longer valid.
+ * What was written before is still delivered: by mbusd always, by another server if it reads it
+ * in time.
  * Logs at level 1; does nothing when not connected.
  * @return 0
  */
@@ -651,7 +650,7 @@ int qzlib_disconnect_mbus_server(void);
 /**
  * Put one packet into a ring: the own up ring, or another client's down ring.
  * A full ring drops the packet (counted, logged at level 0) and wakes the reader.
- * @param client  own record, or as bus server a record attached with qzlib_client_init()
+ * @param client  own record; in the bus server, one attached with qzlib_client_init()
  * @param pkg     type 0 to 3, length 1 to 4096, data; name as in the format
  * @return 0; -1 for a bad argument (nothing counted), a full ring, or a ring that is not
  *         attached (nothing counted, logged at level 2)
@@ -678,11 +677,12 @@ int qzlib_mbus_write_data(const void *data, int len);
  * packet's slot is given back by the next call on the same ring. A corrupt packet is
  * skipped with a message at level 2 and gives null.
  *
- * Waiting costs nothing while the ring is idle. The wait is bounded by 1 ms, doubling to
- * 1 s while no packet comes, so that a packet whose writer failed to signal it (is built on
- * older rules) is late by no more than the ring was idle, at most 1 s. Where the server knows
- * doorbells (mbusd) none is missed, and the bound, for a server that was killed, is 16 times that.
- * @param client  null or the own record; as bus server another record
+ * Waiting costs nothing while the ring is idle. A waiting call looks at the ring again after
+ * 1 ms, then at intervals that double up to 1 s, so that a packet whose writer did not signal it
+ * (an older server) is late by no longer than the ring was idle, and by 1 s at most. With a
+ * server that knows doorbells (mbusd) no signal is missed; the intervals, which then only serve
+ * to notice that the server was killed, are 16 times as long.
+ * @param client  null or the own record; in the bus server, another record
  * @param nowait  0: wait for a packet; the server's side never waits and logs at level 2, as
  *                both do when the ring is not attached
  * @return header and payload, valid until the next call on the same ring (reads of other
@@ -705,7 +705,7 @@ mbus_pkg *qzlib_mbus_read_pkg(mbus_client *client, int nowait);
  */
 int qzlib_mbus_down_cache_process(int max_bytes, mbus_pkg_callback callback);
 
-/* ---- Serial line and AT chat ---------------------------------------------------------
+/* ---- chat: serial line and AT chat ---------------------------------------------------
  * Open the modem's tty and exchange AT commands with it. One device at a time and one
  * exchange at a time: terminal settings, signal actions and the alarm are the process's.
  *
@@ -759,7 +759,7 @@ extern int at_modem_error;
 /**
  * Open a tty and make it a raw modem line: 8 data bits, 1 stop bit, no parity, hardware
  * flow control, no echo; then a one-second pulse on DTR. Keeps the settings that it found
- * for dev_close() (of the last device opened). Takes signals over as told above. A failing
+ * for dev_close() (of the last device opened). Takes over signals as described above. A failing
  * open is tried four times, each followed by a pause of 3 seconds; the open itself is not
  * guarded by the alarm, so pass O_NONBLOCK for a tty that may wait for a carrier. The
  * set-up is broken off by an alarm after 5 seconds. A tty whose settings cannot be read or
@@ -869,14 +869,14 @@ int chat_send_ASCII_read(int fd, const void *data, char *answer, int length, int
 /** chat_send_ASCII_read() with an answer of at most 12 bytes; answer has at least 13. */
 int chat_send_hex_read(int fd, const void *data, char *answer, int length, int timeout, int log);
 
-/* ---- Event flags ---------------------------------------------------------------------
+/* ---- event: event flags --------------------------------------------------------------
  * 32 flags on which the threads of one process wait. Time limits are whole seconds of the
- * monotonic clock, and a limit below 1 means no limit. Every change, also one that changes
- * nothing, wakes one waiter, whichever it waits for, and not all: one whose condition does not
- * hold starts its whole limit anew, and another whose condition does hold sleeps on until the
- * next change. So let one thread wait on a group, or change it once for each waiter. No wait
- * changes a flag. A waiter may be cancelled. Functions are safe from any thread; a null group
- * gives -1 (0 from qzlib_event_check_flag()). */
+ * monotonic clock, and a limit below 1 means no limit. Every change, even one that leaves the
+ * flags as they were, wakes one waiter and not all, no matter what it waits for: if its condition
+ * does not hold, its whole limit starts anew, while another whose condition does hold sleeps on
+ * until the next change. So let only one thread wait on a group, or repeat the change for each
+ * waiter. No wait changes a flag. A waiter may be cancelled. All functions may be called from
+ * any thread; a null group gives -1 (0 from qzlib_event_check_flag()). */
 
 /** An event flag group, made by qzlib_event_init(). Its fields are the library's. */
 typedef struct qzlib_event {
@@ -900,7 +900,10 @@ int qzlib_event_set_flag(qzlib_event *ev, uint32_t mask);
 /** Clear the flags of mask and wake one waiter. @return 0; -1 for null */
 int qzlib_event_clear_flag(qzlib_event *ev, uint32_t mask);
 
-/** Look at the flags without waiting or locking. @return 1 when all of mask are set (none is), else 0 */
+/**
+ * Look at the flags without waiting or locking.
+ * @return 1 when all flags of mask are set (always for an empty mask), else 0
+ */
 int qzlib_event_check_flag(qzlib_event *ev, uint32_t mask);
 
 /**
@@ -922,8 +925,8 @@ int qzlib_event_wait_noflag(qzlib_event *ev, uint32_t mask, uint32_t ignored, in
 /** Wait for one change, whatever the flags; may also wake without one. Results as qzlib_event_wait_flag(). */
 int qzlib_event_wait_event(qzlib_event *ev, int timeout);
 
-/* ---- Routing -------------------------------------------------------------------------
- * IPv4 routes in two notations, pictures of the kernel's rules and tables, and requests to
+/* ---- route: routing ------------------------------------------------------------------
+ * IPv4 routes in two notations, snapshots of the kernel's rules and tables, and requests to
  * the routing daemon. Nothing here writes to the message log. The conversions are pure and
  * callable from any thread. The snapshots run the `ip` and `route` tools, found through PATH,
  * and read their text: tens of milliseconds, for control paths only. The tools are started
@@ -982,14 +985,14 @@ typedef struct srtinfo {
 } srtinfo;
 
 /**
- * Take a picture of source routing: for every rule of `ip rule ls` with a specific source, in
+ * Take a snapshot of source routing: for every rule of `ip rule ls` with a specific source, in
  * ascending priority, every route that `ip route ls table TABLE` prints.
  *
  * The lines are taken word by word, by position. Lines of other forms than "DEST [via
  * GATEWAY] dev DEV" therefore give odd records ("blackhole" or "nexthop" as dest), and one of
  * more than 127 characters comes in pieces. Words too long for their field are cut. Rules
  * whose table has a name of more than 7 characters are passed over. The rules and the tables
- * are read one after the other: routes that change meanwhile are in the picture or not.
+ * are read one after the other: a route that changes meanwhile may or may not be seen.
  *
  * Runs one command and one more per rule. A command that cannot be started counts as empty
  * output, and a record that there is no memory for is left out. Not to be called from two
@@ -1005,7 +1008,7 @@ void qz_srtinfo_free(srtinfo **list);
  * Name the device of the best route of the main table for an address, from `route -n`.
  *
  * Deliberate order: a line replaces the best one so far when its prefix is at least as long
- * and its metric at most as high, both; so a longer prefix with a higher metric loses, and of
+ * and its metric is no higher, so that a longer prefix with a higher metric loses, and of
  * equals the later line wins. The first line is measured against length 0 and metric 10000.
  * Lines without all eight columns are passed over. A rejecting route's device is "-".
  * @param ip      dotted address
@@ -1057,7 +1060,7 @@ int srt_iip_get(const char *name, char *ip);
 int qzlib_do_route(unsigned int command, unsigned int type, const char *prefix, const char *nexthop,
                    unsigned char distance);
 
-/* ---- Boot environment ----------------------------------------------------------------
+/* ---- bootenv: boot environment -------------------------------------------------------
  * The bootloader's variables: one block of 0x20000 bytes at the end of the first MTD
  * partition whose name begins with "aboot", found through /sys/class/mtd once per process
  * and reached through /dev/mtdblockN. Every call reads the whole block and every change
@@ -1070,8 +1073,8 @@ int qzlib_do_route(unsigned int command, unsigned int type, const char *prefix, 
  * meanwhile is lost: see docs/bootenv.md for what to do about it. Failures are printed on
  * standard output: "can't get boot env device and offset", "open %s fail\n",
  * "read %s fail\n", "write %s fail\n" with the device. A device that opens as descriptor 0
- * counts as one that cannot be opened; as 1 or 2 it is moved up, since what a daemon without
- * these prints would be written over the bootloader. */
+ * counts as one that cannot be opened; one that opens as 1 or 2 is moved to a higher number,
+ * since the output of a daemon without these would otherwise overwrite the bootloader. */
 
 /**
  * List the environment, or look up one entry.
@@ -1133,7 +1136,7 @@ unsigned int crc32(unsigned int crc, const unsigned char *buf, unsigned int len)
  */
 unsigned int crc32file(const char *path);
 
-/* ---- Modem status --------------------------------------------------------------------
+/* ---- modem: modem status -------------------------------------------------------------
  * What the modem daemon publishes in /tmp/modem.info, as a table in this process: lines
  * name:value, each ended by a line feed. Which names there are is that daemon's choice.
  * One table per process, unlocked: update and read it from one thread, or take turns.
@@ -1158,7 +1161,7 @@ int qzlib_update_modem_status_info_tab(void);
  */
 const char *qzlib_get_modem_status_info(const char *name);
 
-/* ---- Local messages ------------------------------------------------------------------
+/* ---- modem: local messages -----------------------------------------------------------
  * A broadcast channel between the router's daemons, over netlink user sockets (groups 1
  * and 3): every message reaches every process that receives, the sender included, and is
  * dropped there unless it is addressed to it. Best effort: nobody learns whether a message
@@ -1217,7 +1220,7 @@ int qzlib_msg_send(local_msg *msg);
  */
 void qzlib_msg_exit(void);
 
-/* ---- LEDs and GPIOs ------------------------------------------------------------------
+/* ---- modem: LEDs and GPIOs -----------------------------------------------------------
  * The front panel through the files of /sys/class/leds/NAME (trigger, brightness, delay_on,
  * delay_off, shot, invert) and /sys/class/gpio/NAME/value. Paths are cut to 62 characters.
  * Each step opens, writes or reads, and closes one file; files are never created. No state,
@@ -1280,7 +1283,7 @@ void qzlib_gpio_name_set(const char *name, int value);
 /** Read a GPIO. @return the number in its value file; -1 for null or an unreadable file */
 int qzlib_gpio_name_get(const char *name);
 
-/* ---- Files and packages --------------------------------------------------------------
+/* ---- system: files and packages ------------------------------------------------------
  * Reads and writes with a time limit, facts about files and file systems, and the version
  * stamp of the router's own programs. Descriptors are borrowed, never closed here, of any
  * number. Time limits are milliseconds. No state, no logging, callable from any thread. */
@@ -1325,7 +1328,11 @@ int qzlib_fd_write(int fd, const void *buf, unsigned len, int timeout_ms);
  */
 int qzlib_fd_read_package(int fd, void *buf, int size, int gap_ms);
 
-/** @return a file's size in bytes (low 32 bits); 0 without one (/proc) or when not opened; -1 for null */
+/**
+ * Size of a file.
+ * @return bytes (low 32 bits); 0 for a file without a size (in /proc) or one that cannot be
+ *         opened; -1 for null
+ */
 int qzlib_get_file_size(const char *path);
 
 /**
@@ -1354,10 +1361,13 @@ int qzlib_get_mount_dev(const char *path, char *dev_out);
  */
 int qzlib_path_is_mountpoint(const char *path);
 
-/** @return the magic number of the file system that holds a path (as statfs()); 0 for null or on failure */
+/**
+ * Kind of the file system that holds a path.
+ * @return its magic number, as statfs() gives it; 0 for null or on failure
+ */
 unsigned qzlib_get_filesystem_type(const char *path);
 
-/** @return 1 when a file can be read and begins with the ELF magic, else 0; 0 for null */
+/** Whether a file can be read and begins with the ELF magic. @return 1 or 0; 0 for null */
 int qzlib_file_is_elf(const char *path);
 
 /**
@@ -1376,10 +1386,10 @@ int qzlib_get_ori_version(const char *program, char *ver_out, int ver_size);
 /** As qzlib_get_ori_version(), of the copy staged for an update, /mnt/update/PROGRAM. */
 int qzlib_get_patch_version(const char *program, char *ver_out, int ver_size);
 
-/** @return 1 when the file carries a version stamp (see qzlib_get_ori_version()), else 0; 0 for null */
+/** Whether a file carries a version stamp, see qzlib_get_ori_version(). @return 1 or 0; 0 for null */
 int qzlib_file_is_qzapp(const char *path);
 
-/* ---- Commands and processes ----------------------------------------------------------
+/* ---- system: commands and processes --------------------------------------------------
  * Run shell commands, look at other processes through /proc, guard against running twice,
  * switch descriptors and signal handlers. Only system_dumb() logs. The others keep no
  * state and are callable from any thread; signal handlers belong to the whole process. */
@@ -1484,7 +1494,7 @@ int qzlib_process_is_unique(void);
  */
 int qzlib_process_unique(void);
 
-/* ---- System statistics ---------------------------------------------------------------
+/* ---- system: system statistics -------------------------------------------------------
  * Figures of the whole system from the kernel's files. A file that cannot be opened is logged
  * at level 2 (module "system_api"), but for the uptime. No state: callable from any thread. */
 
@@ -1520,7 +1530,7 @@ int qzlib_get_mem_use_percent(void);
  */
 int qzlib_get_cpu_use_percent(void);
 
-/* ---- Device information --------------------------------------------------------------
+/* ---- device: device information ------------------------------------------------------
  * Who the device is, from /tmp/device.info, the kernel and the settings, and the hardware
  * watchdog. Nothing is logged. The readers keep no state: callable from any thread. An
  * output is written on success only and always terminated, save where said. */
@@ -1561,15 +1571,25 @@ int qzlib_get_device_kernelversion(char *out);
  */
 int qzlib_get_device_webversion(char *out);
 
-/** Firmware version, "V3.2.0_1904151627". @param out 18 bytes @return 0; -1 for null */
+/**
+ * Firmware version, "V3.2.0_1904151627".
+ * @param out  18 bytes
+ * @return 0; -1 for null
+ */
 int qzlib_get_device_softversion(char *out);
 
-/** The very same text, deliberately: its tail is the build stamp. @param out 18 bytes @return 0; -1 for null
+/**
+ * Build time: the very same text as the firmware version, deliberately; its tail is the build stamp.
+ * @param out  18 bytes
+ * @return 0; -1 for null
  */
 int qzlib_get_device_build_time(char *out);
 
-/** The hexadecimal number after "androidboot.serialno=" in the first 512 bytes of /proc/cmdline. @return it;
- * 0 without */
+/**
+ * Processor id: the hexadecimal number after "androidboot.serialno=" in the first 512 bytes of
+ * /proc/cmdline.
+ * @return the number; 0 without one
+ */
 unsigned int qzlib_get_cpuid(void);
 
 /**
@@ -1588,13 +1608,13 @@ int qzlib_get_moduel_type(void);
 /** Board, from the same file. @return 1 "K31", 2 "K52R", 3 "K52T", the first one found; 0 for none */
 int qzlib_get_board_type(void);
 
-/** @return "Qualcomm" (the name is spelt so) */
+/** Maker of the processor (the name is spelt so). @return "Qualcomm" */
 const char *qzlib_get_cpu_vender(void);
 
-/** @return "MDM9607" */
+/** Model of the processor. @return "MDM9607" */
 const char *qzlib_get_cpu_model(void);
 
-/** @return "1GHz" */
+/** Clock of the processor. @return "1GHz" */
 const char *qzlib_get_cpu_freq(void);
 
 /**
@@ -1624,11 +1644,13 @@ void qzlib_watchdog_disable(void);
  */
 int qzlib_watchdog_feed(void);
 
-/** Stop the hardware watchdog (WDIOC_SETOPTIONS, WDIOS_DISABLECARD). @return result of the request; -1 with
- * errno */
+/**
+ * Stop the hardware watchdog (WDIOC_SETOPTIONS, WDIOS_DISABLECARD).
+ * @return result of the request; -1 with errno
+ */
 int qzlib_watchdog_stop(void);
 
-/* ---- Sockets -------------------------------------------------------------------------
+/* ---- socket: sockets -----------------------------------------------------------------
  * Ready-made sockets. The caller owns every descriptor that is returned and closes it; all
  * are close-on-exec. Connects have no time limit. Local paths are cut to 107 bytes. No
  * state: callable from any thread. Messages go to debug_msg() with the module "socket_api". */
@@ -1703,7 +1725,7 @@ int qzlib_create_listen_tcp(const char *ip, unsigned port);
  */
 int qzlib_create_listen_udp(const char *ip, unsigned port);
 
-/* ---- Network interfaces --------------------------------------------------------------
+/* ---- net: network interfaces ---------------------------------------------------------
  * Addresses, counters and flags of one interface. Names longer than 15 characters are cut to
  * that by the kernel. Failures are logged at level 3 (module "net_api") where it says so. No
  * state: callable from any thread.
@@ -1725,7 +1747,7 @@ int qzlib_get_interface_info(const char *ifname, char *ip, unsigned ip_size, cha
                              char *mac, unsigned mac_size);
 
 /**
- * Kept for old daemons and NOT the address: the first four characters of its dotted text as a
+ * Not the address, but kept for old daemons: the first four characters of its dotted text as a
  * big-endian number ("192.168.1.1" gives 0x3139322E); 0 when it cannot be read.
  * @return as qzlib_get_interface_info(); QZLIB_ERR_ARGUMENT (-257) for a null out, too
  */
@@ -1775,7 +1797,7 @@ int qzlib_set_interface_flag(const char *ifname, unsigned mask);
  */
 int qzlib_clear_interface_flag(const char *ifname, unsigned mask);
 
-/* ---- Probes --------------------------------------------------------------------------
+/* ---- net: probes ---------------------------------------------------------------------
  * Is a host there, and does a name resolve. Neither logs. Callable from any thread; neither is
  * broken off when its thread is cancelled. */
 

@@ -165,8 +165,8 @@ private:
             }
         }
         header_.set_value(argument);
-        // Not taken, and yet it stays behind as the preset value, line end and all: on a first
-        // call no header can equal it any more, deliberately.
+        // Not taken, and yet it stays as the preset value, line end and all: on a first call no
+        // header can equal it any more, deliberately.
         if (by_word_ && strchr(argument, ' ') != nullptr)
             return std::nullopt;
         header_.set_value(without_line_end(argument));

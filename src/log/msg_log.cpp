@@ -163,8 +163,8 @@ void emit_to_file(const Level &level, Message &message)
     *end++ = ':';
     end += format_message({end, line + sizeof line - 1}, message);
     *end++ = '\n';
-    (void)!write(file.get(), line,
-                 static_cast<size_t>(end - line)); // a full disk costs the message, not the daemon
+    // A full disk costs the message, not the daemon.
+    (void)!write(file.get(), line, static_cast<size_t>(end - line));
 }
 
 void emit_to_syslog(const Level &level, const char *module, int line, Message &message)

@@ -86,8 +86,7 @@ private:
 
 void append_routes(SnapshotList &list, const srt_rule &rule)
 {
-    const char *table =
-        rule.table[0] != '\0' ? rule.table : nullptr; // a rule without one: "ip route ls table"
+    const char *table = rule.table[0] != '\0' ? rule.table : nullptr; // without one: "ip route ls table"
     const char *words[] = {"ip", "route", "ls", "table", table, nullptr};
     CommandOutput routes(words);
     std::array<char, LINE_SIZE> line;

@@ -24,7 +24,7 @@ constexpr std::string_view MARKER = "--qzversion";
 constexpr size_t SEPARATOR_SIZE = 1;
 
 // The version text in a program's bytes, after which one NUL stands; null without a stamp. A
-// marker without 'V' is left behind by one byte more than its separator, deliberately.
+// marker without 'V' is passed by one byte more than its separator, deliberately.
 const char *find_version(std::span<const char> program)
 {
     size_t at = 0;

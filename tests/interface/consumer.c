@@ -26,8 +26,8 @@ int main(void)
         return 3;
     if (dlclose(library) != 0 || qzlib_msg_init(ignore, NULL) != 0)
         return 4;
-    setrlimit(RLIMIT_NOFILE,
-              &none); /* closing the channel needs no descriptor, not even for libc's unwinder */
+    /* Closing the channel needs no descriptor, not even for libc's unwinder. */
+    setrlimit(RLIMIT_NOFILE, &none);
     qzlib_msg_exit();
     return 0;
 }

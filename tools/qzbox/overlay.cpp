@@ -60,8 +60,8 @@ void fill_merged(const UniqueFd &tree, const std::string &hidden, const std::str
     const UniqueFd real(open(hidden.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     for (const std::string &name : list_names(real.get())) {
         const std::string path = join(target, name);
-        if (symlink(join(hidden, name).c_str(), path.c_str()) != 0 &&
-            errno != EEXIST) // EEXIST: the tree's own
+        // What is there already is the tree's own.
+        if (symlink(join(hidden, name).c_str(), path.c_str()) != 0 && errno != EEXIST)
             fail_errno("--root: cannot make %s", path.c_str());
     }
 }

@@ -148,8 +148,8 @@ void make_dev(const std::string &root)
     make_directories(dev + "/shm");
     mount_or_fail("tmpfs", dev + "/shm", "tmpfs", MS_NOSUID | MS_NODEV, "mode=1777");
     make_directories(dev + "/mqueue");
-    (void)mount("mqueue", (dev + "/mqueue").c_str(), "mqueue", KERNEL_MOUNT_FLAGS,
-                nullptr); // kernels without message queues do without
+    // A kernel without message queues does without.
+    (void)mount("mqueue", (dev + "/mqueue").c_str(), "mqueue", KERNEL_MOUNT_FLAGS, nullptr);
 }
 
 // ---- Private and kernel file systems --------------------------------------------------
