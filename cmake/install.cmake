@@ -1,5 +1,5 @@
 # The installed set: header, shared object, linker script under the development name,
-# pkg-config file, CMake package; the tools and man pages install from their own folders.
+# pkg-config file, CMake package; the tools with their pages and the manual install from their own folders.
 
 install(TARGETS qzlib
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} NAMELINK_SKIP)

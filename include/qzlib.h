@@ -659,7 +659,7 @@ int qzlib_mbus_write_pkg(mbus_client *client, const mbus_pkg *pkg);
 
 /**
  * Write a buffer as a run of packets of at most 4096 bytes.
- * @param client  as above; null for the own record
+ * @param client  as qzlib_mbus_write_pkg(); null for the own record
  * @param type    0 to 3
  * @param name    client or topic, at most 64 characters are kept; null or "" for none
  * @param data    len bytes
@@ -759,7 +759,7 @@ extern int at_modem_error;
 /**
  * Open a tty and make it a raw modem line: 8 data bits, 1 stop bit, no parity, hardware
  * flow control, no echo; then a one-second pulse on DTR. Keeps the settings that it found
- * for dev_close() (of the last device opened). Takes over signals as described above. A failing
+ * for dev_close() (of the last device opened). Takes over signals as the section tells. A failing
  * open is tried four times, each followed by a pause of 3 seconds; the open itself is not
  * guarded by the alarm, so pass O_NONBLOCK for a tty that may wait for a carrier. The
  * set-up is broken off by an alarm after 5 seconds. A tty whose settings cannot be read or
@@ -1274,7 +1274,7 @@ int qzlib_led_name_shot(const char *name, unsigned int action);
  */
 int qzlib_led_set(int index, unsigned int mode);
 
-/** qzlib_led_name_shot() by index, as above; 0 for an index of 7 or more. */
+/** qzlib_led_name_shot() by the index of qzlib_led_set(); 0 for an index of 7 or more. */
 int qzlib_led_shot(int index, unsigned int action);
 
 /** Set a GPIO to 1 for a nonzero value, else 0; null or a missing GPIO does nothing. */
@@ -1561,7 +1561,10 @@ int qzlib_get_device_model(char *value_out);
  */
 int qzlib_get_device_bootversion(char *out);
 
-/** Kernel version: as above, "kernel_version=" up to the line end, in /proc/version. */
+/**
+ * Kernel version: the text after "kernel_version=" up to the line end, in /proc/version; otherwise
+ * as qzlib_get_device_bootversion().
+ */
 int qzlib_get_device_kernelversion(char *out);
 
 /**
@@ -1747,8 +1750,9 @@ int qzlib_get_interface_info(const char *ifname, char *ip, unsigned ip_size, cha
                              char *mac, unsigned mac_size);
 
 /**
- * Not the address, but kept for old daemons: the first four characters of its dotted text as a
- * big-endian number ("192.168.1.1" gives 0x3139322E); 0 when it cannot be read.
+ * The beginning of an interface's address as text, kept for old daemons and NOT the address: the
+ * first four characters of its dotted form as a big-endian number ("192.168.1.1" gives
+ * 0x3139322E); 0 when it cannot be read.
  * @return as qzlib_get_interface_info(); QZLIB_ERR_ARGUMENT (-257) for a null out, too
  */
 int qzlib_get_ip_by_name(const char *ifname, uint32_t *out);
