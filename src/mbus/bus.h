@@ -32,7 +32,7 @@ struct Attachment {
 constexpr size_t OUTSIDE_RECORDS = 14; // a server may keep records of its own, too
 
 // What a thread uses the shared memory for: one thread at a time for each.
-enum Use { READING, WRITING, WRITING_RUN, CACHING, USES };
+enum Use { READING, WRITING, CACHING, USES };
 
 // Everything that the bus keeps in this process, but for the down cache.
 struct State {
@@ -109,9 +109,9 @@ void uninit_own();
 // Blocks until the process is connected. At once when it is.
 void wait_connected();
 
-// While one exists, disconnecting waits: its thread is using the shared memory. A plain store
-// tells, as there is one thread at a time for each use. It may still be on its way when this thread
-// looks whether the process is connected, hence the pause in dismiss_users().
+// While one exists, disconnecting waits: its thread is using the shared memory. A plain store tells, as
+// there is one thread at a time for each use. That it is seen before this thread looks whether the process
+// is connected, is the business of whoever disconnects, which is rare: see the barrier in dismiss_users().
 class Presence
 {
 public:

@@ -120,22 +120,23 @@ Link &ungrouped_place(service_info &info)
     return *front;
 }
 
-int insert_at(Link &place, const char *name, const char *value, int32_t type)
+// The new entry; null without memory.
+service_node *insert_at(Link &place, const char *name, const char *value, int32_t type)
 {
     service_node *node = qz::service::node_create(name, value, type);
-    if (node == nullptr)
-        return -1;
-    link_after(place, *node);
-    return 0;
+    if (node != nullptr)
+        link_after(place, *node);
+    return node;
 }
 
-int replace_value(service_node &node, const char *value)
+// The entry; null without memory, and its value is as before.
+service_node *replace_value(service_node &node, const char *value)
 {
-    return qz::service::node_set_value(node, value) ? 0 : -1;
+    return qz::service::node_set_value(node, value) ? &node : nullptr;
 }
 
 // A name alone makes an empty group, "shutdown" apart.
-int insert_ungrouped(service_info &info, const char *name, const char *value, bool repeat)
+service_node *insert_ungrouped(service_info &info, const char *name, const char *value, bool repeat)
 {
     service_node *match = repeat ? nullptr : find_ungrouped(info, name);
     if (match != nullptr)
@@ -148,16 +149,17 @@ int insert_ungrouped(service_info &info, const char *name, const char *value, bo
 
 // The search stops at the first match, so a repeated parameter goes directly after the first
 // one of its name: a, then b, then c come out as a, c, b. Callers rely on that order.
-int insert_in_group(service_info &info, const char *group, const char *name, const char *value, bool repeat)
+service_node *insert_in_group(service_info &info, const char *group, const char *name, const char *value,
+                              bool repeat)
 {
     GroupSearch found = find_in_group(info, group, name, TopEntry::IS_PASSED);
     if (found.match != nullptr && !repeat)
         return replace_value(*found.match, value);
     if (found.header == nullptr) {
-        if (insert_at(*info.ends.prev, group, nullptr, SERVICE_NODE_GROUP) != 0)
-            return -1;
-        Link *header = info.ends.prev;
-        return insert_at(*header, name, value, SERVICE_NODE_PARAM); // failing, it leaves the header
+        service_node *header = insert_at(*info.ends.prev, group, nullptr, SERVICE_NODE_GROUP);
+        if (header == nullptr)
+            return nullptr;
+        return insert_at(header->link, name, value, SERVICE_NODE_PARAM); // failing, it leaves the header
     }
     service_node *place = qz::service::is_shutdown(name) ? found.header : found.last;
     return insert_at(place->link, name, value, SERVICE_NODE_PARAM);
@@ -168,9 +170,9 @@ int service_param_insert(service_info *info, const char *group, const char *name
 {
     if (info == nullptr || name == nullptr)
         return -1;
-    if (is_given(group))
-        return insert_in_group(*info, group, name, value, repeat);
-    return insert_ungrouped(*info, name, value, repeat);
+    const service_node *node = is_given(group) ? insert_in_group(*info, group, name, value, repeat)
+                                               : insert_ungrouped(*info, name, value, repeat);
+    return node != nullptr ? 0 : -1;
 }
 
 // Entries on their way out. They are freed together at the end, because the texts that a

@@ -54,7 +54,7 @@ struct Sender {
 // How long senders have waited for a receiver. One that is merely slow earns its senders' patience
 // with every packet that it takes; one that lags uses it up, and from then on loses what comes while
 // its ring is full, until it has caught up.
-class Patience
+class Grace
 {
 public:
     // A packet finds the ring full. True when it is to wait.
@@ -108,7 +108,7 @@ struct Member {
     bool hidden = false;   // it left; to be removed when the control queue was read to its end
     bool rings = false;    // it was seen to know doorbells
     qz::mbus::RingMemory rung{};
-    Patience patience;
+    Grace grace;
 
     [[nodiscard]] const std::string &name() const { return sender.name; }
     [[nodiscard]] bool used() const { return !sender.name.empty(); }

@@ -159,9 +159,9 @@ bool Server::await_room(size_t receiver)
     const mbus_client &to = record(receiver);
     if (following(load_index(to.down_write)) != load_index(to.down_read))
         return true;
-    const bool is_first = !member.patience.is_waiting();
-    const bool lagged = member.patience.lags();
-    const bool waits = member.patience.wait(now_us());
+    const bool is_first = !member.grace.is_waiting();
+    const bool lagged = member.grace.lags();
+    const bool waits = member.grace.wait(now_us());
     if (is_first || !waits)
         ring_anyway(doorbell(receiver));
     if (!waits && !lagged)
@@ -187,11 +187,11 @@ bool Server::give(const Sender &sender, const mbus_pkg &pkg, size_t receiver)
         return true;
     }
     unrung_ |= target(receiver);
-    if (member.patience.is_waiting())
-        member.patience.found_room();
-    if (!member.patience.is_fresh() &&
+    if (member.grace.is_waiting())
+        member.grace.found_room();
+    if (!member.grace.is_fresh() &&
         (load_index(to.down_write) - load_index(to.down_read)) % SLOTS <= SLOTS / 2)
-        member.patience.caught_up();
+        member.grace.caught_up();
     return true;
 }
 

@@ -274,7 +274,7 @@ void Server::renew(size_t index, pid_t pid)
     member.hidden = false;
     member.rings = false;
     member.rung = {};
-    member.patience.caught_up();
+    member.grace.caught_up();
     member.pid = pid;
     member.since_ms = now_ms();
     forget_targets();

@@ -101,7 +101,7 @@ void take_option(Options &options, int chosen)
     case 'h':
         arguments::print(TOOL, USAGE);
     case 'V':
-        arguments::print(TOOL, "modemsim 3.2.0\n");
+        arguments::print(TOOL, "modemsim (qzlib) " QZLIB_VERSION "\n");
     default:
         exit(arguments::WRONG_USAGE); // getopt_long has said why
     }

@@ -60,7 +60,7 @@ BoxOptions parse_arguments(int argc, char **argv)
         else if (chosen == 'h')
             arguments::print("qzbox", USAGE, STATUS_NO_BOX);
         else if (chosen == 'V')
-            arguments::print("qzbox", "qzbox 3.2.0\n", STATUS_NO_BOX);
+            arguments::print("qzbox", "qzbox (qzlib) " QZLIB_VERSION "\n", STATUS_NO_BOX);
         else
             exit(STATUS_NO_BOX); // getopt_long has said why
     }

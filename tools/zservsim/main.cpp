@@ -84,7 +84,7 @@ Options parse_arguments(int argc, char **argv)
         case 'h':
             arguments::print(TOOL, USAGE);
         case 'V':
-            arguments::print(TOOL, "zservsim 3.2.0\n");
+            arguments::print(TOOL, "zservsim (qzlib) " QZLIB_VERSION "\n");
         default:
             exit(arguments::WRONG_USAGE); // getopt_long has said why
         }
