@@ -1,4 +1,4 @@
-// A mutex held for the life of an object.
+// A mutex that is held as long as an object lives.
 #pragma once
 
 #include <pthread.h>

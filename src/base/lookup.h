@@ -9,7 +9,7 @@
 namespace qz::base
 {
 
-// A resolver's list. The look-up is not broken off when its thread is cancelled.
+// A list of addresses from the resolver. Cancelling the thread does not break off the look-up.
 class AddressList
 {
 public:
@@ -36,8 +36,8 @@ private:
 extern uint32_t lookups;
 extern uint32_t lookup_breaks;
 
-// Changes one of them, or looks at it; what it is then. Counts that a child of fork() inherited, whose
-// threads it did not, are 0 for it: the process is part of the word.
+// Adds to one of the counts, 0 to read it; returns the result. A child of fork() inherits the counts but
+// not the threads; the word holds the process id, so that they read as 0 there.
 [[gnu::noinline]] uint32_t change(uint32_t &count, int by = 0);
 
 constexpr int TURN_MS = 5; // between two looks at the other side

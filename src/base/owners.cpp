@@ -3,7 +3,7 @@
 namespace qz::base
 {
 
-// There is nothing to be done about an end that fails.
+// A close that fails leaves nothing to be done.
 void close_descriptor(int fd)
 {
     const ErrnoKeeper keeper;

@@ -15,8 +15,8 @@
 namespace qz::base
 {
 
-// What the owners do at their end, with errno kept. Out of line: an owner ends at every way out
-// of every function.
+// What the owners' destructors do, errno kept. Out of line, because every return of a function that has
+// an owner calls one.
 void close_descriptor(int fd);
 void end_stream(FILE *stream);
 void end_directory(DIR *directory);
@@ -68,7 +68,7 @@ private:
     int fd_ = -1;
 };
 
-// What UniqueStream and UniqueDir share: a pointer and the call that ends it, errno kept.
+// What UniqueStream and UniqueDir share: a pointer and the call that closes it, errno kept.
 template <typename Resource, void (*CLOSE)(Resource *)>
 class UniqueHandle
 {
@@ -111,8 +111,8 @@ using UniqueDir = UniqueHandle<DIR, end_directory>;
 UniqueStream open_for_reading(const char *path);
 UniqueFd open_to_read(const char *path);
 
-// A device's descriptor, moved up when it is 0, 1 or 2: what a daemon without standard streams
-// prints must not reach a device. -1 without room; a negative one stays as it is.
+// A device's descriptor, moved up when it is 0, 1 or 2, so that what a daemon without standard streams
+// prints does not reach a device. -1 when there is no other; a negative one is returned as it is.
 int move_up(int fd, int duplicate = F_DUPFD_CLOEXEC);
 
 // A heap block obtained with malloc() or calloc().

@@ -19,7 +19,7 @@ void fill_field(std::span<char> field, const char *text);
 // Copy a text, cut to what the buffer holds, always terminated. The buffer is not empty.
 void copy_text(std::span<char> out, std::string_view text);
 
-// What stands after a text's start; null when it starts with something else.
+// The rest of a text after its prefix; null when it has another one.
 const char *skip_prefix(const char *text, const char *start);
 
 // A fixed-width field as text, without reading past it.
@@ -28,15 +28,14 @@ inline std::string_view field_text(std::span<const char> field)
     return {field.data(), strnlen(field.data(), field.size())};
 }
 
-// The first bytes of a file as text: what is not read is zero, and so is the last byte. False when
-// the file cannot be opened; one that cannot be read is an empty text.
+// Reads the first bytes of a file as text; the rest of the buffer, and its last byte, are zero. False when
+// the file cannot be opened; one that cannot be read gives an empty text.
 bool read_start(const char *path, std::span<char> text);
 
-// atoi() as a 32-bit machine has it, on every machine: what does not fit is the largest number, or
-// the smallest one.
+// atoi() as on a 32-bit machine: a number that does not fit becomes the largest or the smallest one.
 int read_number(const char *text);
 
-// Read as fgets() does: up to and with the line feed, a longer line in pieces. False at the end.
+// Read as fgets() does: up to and including the line feed, a longer line in pieces. False at the end.
 bool read_line(FILE *stream, std::span<char> line);
 
 // Read one line into a buffer. False when nothing was read, and also when the end of the

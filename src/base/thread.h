@@ -7,7 +7,7 @@ namespace qz::base
 {
 
 // Starts a thread with all signals blocked: the process's signals stay with its own threads.
-// False when there is none to be had.
+// False when the system has none.
 bool start_thread(pthread_t &thread, void *(*run)(void *), void *argument);
 
 // pthread_mutex_unlock() as pthread_cleanup_push() takes it.

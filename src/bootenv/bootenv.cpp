@@ -189,8 +189,8 @@ const char *value_if_named(const char *entry, const char *name)
     return *name == '\0' && *entry == '=' ? entry + 1 : nullptr;
 }
 
-// Ends with the place of the name's first entry, or with that of the list's end; nowhere
-// when the list runs out of the data.
+// The place of the first entry of that name, or else of the list's end; nowhere when the list has no
+// end inside the data.
 size_t find_entry(const char *name)
 {
     size_t at = 0;
@@ -213,7 +213,7 @@ size_t find_end(size_t at)
     return size == 1 || at == DATA_SIZE ? at : NOWHERE;
 }
 
-// Both return the new end of the list, nowhere when the list is corrupt or the room short.
+// Both return the new end of the list; nowhere when the list is corrupt or there is no room.
 size_t remove_entry(const char *name)
 {
     const size_t at = find_entry(name);

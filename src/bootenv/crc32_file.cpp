@@ -1,4 +1,4 @@
-// The CRC-32 of a file, for whose reading crc32()'s pace is no measure.
+// The CRC-32 of a file. In a file of its own, as it is not compiled for speed as crc32() is.
 #include "base/export.h"
 #include "base/owners.h"
 

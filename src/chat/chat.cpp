@@ -27,8 +27,7 @@ constexpr unsigned SEND_LIMIT_S = 10;
 constexpr unsigned SEND_READ_LIMIT_S = 5;
 constexpr char USIM_REMOVED[] = "^SIMST:255";
 
-// What goes out in one write: a command with its carriage return, or raw bytes. Always
-// terminated, for the log.
+// What one write sends: a command with its carriage return, or raw bytes. Always terminated, for the log.
 struct Line {
     std::array<char, MAX_RAW + 1> bytes;
     size_t length;
@@ -78,7 +77,7 @@ int send_line(int fd, const Line &line, unsigned limit_s, int log, const char *c
     return static_cast<int>(written);
 }
 
-// An answer under collection in a buffer of at least room + 1 bytes.
+// An answer that is being collected, in a buffer of at least room + 1 bytes.
 struct Answer {
     char *text;
     int room;          // bytes to collect at most
@@ -164,7 +163,7 @@ int expect(int fd, const char *expected, int timeout_s, int log)
     return collection.end == End::FOUND ? 1 : 0;
 }
 
-// The common end of the three send-and-read calls.
+// What the three send-and-read calls do last.
 int collect_answer(int fd, Answer answer, int timeout_s, int log)
 {
     const Collection collection = collect(fd, answer, timeout_s);

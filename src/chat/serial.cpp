@@ -129,7 +129,7 @@ constexpr TakenSignal TAKEN[] = {{SIGHUP, &oldhup},   {SIGALRM, &oldalrm}, {SIGI
 constexpr size_t GUARDED = 3; // from here on: while a section is guarded only
 constexpr size_t END = std::size(TAKEN);
 
-// All from a place on.
+// All actions from that place on.
 void take_signals(size_t place)
 {
     struct sigaction action = {};
@@ -169,7 +169,7 @@ bool alarm_fired()
     return chat_last_signal == SIGALRM;
 }
 
-// Sleeps the whole time, whatever signals arrive.
+// Sleeps the whole time even when signals arrive.
 void pause_for(time_t seconds)
 {
     const ErrnoKeeper keeper;
@@ -197,7 +197,7 @@ int open_device(const char *path, int flags)
     return fd;
 }
 
-// Neither call has a failure worth reporting: a USB tty may lack the line.
+// Failures are not reported: a USB tty may not have the line.
 void raise_dtr(int fd)
 {
     const int lines = TIOCM_DTR;
@@ -338,7 +338,7 @@ QZ_EXPORT int qzlib_uart_flag_to_baud(int code)
     return code == 0 ? 0 : find_by_code(UART_SPEEDS, code);
 }
 
-// Placeholders; one body under both names.
+// Placeholders: one body under two names.
 QZ_EXPORT int qzlib_set_uart_baud_rate(int /*fd*/, ...)
 {
     return 0;

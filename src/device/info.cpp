@@ -65,8 +65,8 @@ int hand_out(char *out, const char *value)
     return 0;
 }
 
-// What stands after a key in a text file of the kernel, of which as much is read as the buffer
-// holds; null without it.
+// The text after a key in one of the kernel's text files, of which as much is read as the buffer holds;
+// null without the key.
 char *find_behind(const char *path, const char *key, std::span<char> text)
 {
     (void)qz::base::read_start(path, text); // without the file: no key
@@ -74,7 +74,7 @@ char *find_behind(const char *path, const char *key, std::span<char> text)
     return found != nullptr ? found + strlen(key) : nullptr;
 }
 
-// A value in such a file: up to the first of some characters.
+// A value in such a file, up to the first of some characters.
 int copy_kernel_value(const char *path, const char *key, const char *end, char *out)
 {
     std::array<char, 256 + 1> text;

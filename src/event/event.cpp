@@ -23,8 +23,8 @@ timespec deadline_after(int seconds)
     return deadline;
 }
 
-// One wait for a change; the mutex is held. A limit below 1 means none. A thread that is cancelled
-// in it gives the mutex up.
+// Waits once for a change, with the mutex held. A limit below 1 means none. A thread that is cancelled
+// here releases the mutex.
 int wait_change(qzlib_event &ev, int timeout_s)
 {
     int result;

@@ -95,8 +95,8 @@ private:
     std::span<char> bytes_;
 };
 
-// What stands after a key in a parameter line; empty when the line holds no value for it. Only
-// the first occurrence is looked at, and the character after the key is passed over unseen.
+// The value after a key in a parameter line; empty when there is none. Only the key's first occurrence
+// counts, and the character after it is skipped whatever it is.
 const char *value_in_line(const char *line, const char *key)
 {
     const char *at = strstr(line, key);

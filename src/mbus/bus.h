@@ -49,8 +49,7 @@ struct State {
 };
 extern State state; // zero at first, which takes no room in the image
 
-// Of the clients' attachments the one used last; rings may be used by several threads. Beside the
-// state, as it is never null.
+// The client attachment that was used last, never null; rings may be used by several threads.
 extern Attachment *recent_attachment;
 
 QZ_ORDERED mbus_client *self()
@@ -100,7 +99,7 @@ private:
     char text_[QZLIB_MBUS_NAME_SIZE + 1];
 };
 
-// Sends the threads away that use the own segment, which is attached at base (null: nowhere).
+// Makes the threads leave that use the own segment, which is attached at base (null: nowhere).
 void dismiss_users(char *base);
 
 // qzlib_client_uninit() of the own record.

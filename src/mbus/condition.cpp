@@ -24,7 +24,7 @@ Word *words(pthread_cond_t &condition)
     return reinterpret_cast<Word *>(&condition);
 }
 
-// The pictures of a condition that this code knows, each named by the word that counts waiters.
+// The layouts of a condition that this code knows, each named by the word that counts waiters.
 //
 // Groups (glibc 2.25 and later): waiters sit in two groups that change places. One that comes
 // enters the group that bit 0 of the sequence names, and sleeps on that group's signal word until

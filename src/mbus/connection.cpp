@@ -124,8 +124,8 @@ bool join(const char *name)
     return false;
 }
 
-// Whoever waits for a packet leaves first: once the server has read the command, the record
-// may be another client's. Of an inherited connection, the parent's, no thread is here.
+// Threads that wait for a packet leave first: once the server has read the command, the record may be
+// another client's. A connection inherited from the parent has no threads here.
 void leave(bool inherited, bool unregister)
 {
     if (self() == nullptr)

@@ -5,7 +5,7 @@
 // nothing of doorbells, and is served by the condition. It does not depend on any libc:
 //
 //   - To wait is to announce the wait in the word, to test once more, and to sleep on the word.
-//   - To ring is to change the word and to wake. Who finds nobody asleep does nothing.
+//   - To ring is to change the word and to wake; when nobody sleeps, there is nothing to do.
 //
 // Since the ringer publishes its packet before it looks at the word, and the waiter announces
 // itself before it looks for packets, one of them sees the other; the kernel compares the word
@@ -52,12 +52,12 @@ inline void serve(Doorbell bell)
     store(bell.word, (load(bell.word) & ~(BELL_WAIT - 1)) | BELL_SERVED);
 }
 
-// Wakes who sleeps; null: whatever is remembered.
+// Wakes the sleeper; null: whatever is remembered.
 void wake_waiter(Doorbell bell, uint32_t state, RingMemory *memory);
 
 // Makes the waiter look at its rings. The caller has published what is to be seen with a
-// sequentially consistent store. No system call unless somebody sleeps whom this process has not
-// woken yet.
+// sequentially consistent store. A system call only when the waiter sleeps and this process has not
+// woken it yet.
 inline void ring(Doorbell bell, RingMemory &memory)
 {
     const uint32_t state = load(bell.word);
@@ -71,8 +71,8 @@ inline void ring_anyway(Doorbell bell)
     wake_waiter(bell, load(bell.word), nullptr);
 }
 
-// One wait. `on_condition`: some peer does not know doorbells. Test what is waited for after this
-// was made, and before sleep(); the wait ends with it.
+// One wait, as long as the object lives. `on_condition`: some peer does not know doorbells. Test what is
+// waited for after making one and before sleep().
 class Wait
 {
 public:

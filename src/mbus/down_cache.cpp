@@ -15,8 +15,8 @@ namespace
 using qz::base::Lock;
 using namespace qz::mbus;
 
-// What a packet must fit into the cap with, what it is charged, and what is asked of the
-// heap for it: 83 and 87 are the same on 32 and 64 bits, and daemons size their caps by them.
+// What a packet needs to fit under the cap, what it is charged, and what it takes from the heap: 83 and 87
+// are the same on 32 and 64 bits, and daemons choose their caps by them.
 constexpr uint32_t ADMISSION_EXTRA = 87;
 constexpr uint32_t CHARGE_EXTRA = 83;
 constexpr uint32_t DEFAULT_CAP = 8388608;

@@ -11,7 +11,7 @@ namespace qz::mbus
 namespace
 {
 
-// What few packets go through is kept out of the path.
+// Keeps code that few packets need out of the packet path.
 #define ASIDE [[gnu::noinline]]
 
 ASIDE int drop(const mbus_client &client, Doorbell bell, uint64_t &dropped, uint32_t length)
@@ -30,7 +30,7 @@ ASIDE int fail(const mbus_client &client)
     return -1;
 }
 
-// Within a Presence.
+// The caller holds a Presence.
 int write_up(mbus_client &client, const Outgoing &packet)
 {
     if (self() != &client)
@@ -59,7 +59,7 @@ int write_down(mbus_client &client, const Outgoing &packet)
     return 0;
 }
 
-// As many packets as the buffer takes; how many bytes were written.
+// Writes a buffer as packets; returns how many bytes of it were written.
 int write_run(mbus_client &client, int (*write)(mbus_client &, const Outgoing &), mbus_pkg &pkg, int size)
 {
     int written = 0;

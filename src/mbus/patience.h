@@ -21,7 +21,7 @@ struct Patience {
     unsigned backoff;        // how many those were to be last
 };
 
-// Wraps: good for differences.
+// Wraps around, so only differences mean anything.
 inline uint32_t monotonic_us()
 {
     timespec now;

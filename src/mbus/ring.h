@@ -10,7 +10,7 @@ namespace qz::mbus
 
 constexpr uint8_t TYPES = 4;
 
-// What every packet goes through is kept in one piece.
+// Keeps the code that every packet passes in one piece.
 #define PACKET_PATH [[gnu::always_inline]] inline
 
 // The end of a ring that this process works on. The indices lie in shared memory; one of
@@ -62,7 +62,7 @@ inline uint32_t mark_of(const Slot &slot)
     return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(slot.payload));
 }
 
-// The bounded copy of a name, in words: all of the packet path's own work is here. Zero
+// A bounded copy of a name, word by word, as most of the packet path's own work is here. Zero
 // bytes are found with the usual trick; the lowest one found is a true one.
 inline void copy_name(char (&to)[QZLIB_MBUS_PKG_NAME_SIZE], const char (&from)[QZLIB_MBUS_PKG_NAME_SIZE])
 {

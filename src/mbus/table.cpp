@@ -51,7 +51,7 @@ size_t table_index(const mbus_client *record)
     return offset / sizeof(mbus_client);
 }
 
-// The attachment to fill for a record: the one that it has, else a free one.
+// The attachment to fill for a record: its present one, else a free one.
 Attachment *claim_attachment(mbus_client *record)
 {
     const size_t index = table_index(record);
@@ -103,7 +103,7 @@ void detach_own()
 {
     char *const base = state.own.attached();
     state.own.set_detached();
-    if (self() != nullptr) // or else they went before
+    if (self() != nullptr) // or else the threads have left already
         dismiss_users(base);
     Attachment own = state.own;
     own.base = base;
@@ -192,7 +192,7 @@ Attachment *search_attachment(const mbus_client *record)
     return nullptr;
 }
 
-// Users notice soon; the bound is for a caller that is itself such a thread, interrupted.
+// The bound is for a caller that is itself such a thread, interrupted by a signal.
 void dismiss_users(char *base)
 {
     if (base != nullptr)

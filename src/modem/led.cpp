@@ -182,7 +182,7 @@ QZ_EXPORT int qzlib_led_name_shot(const char *name, unsigned int action)
 
 QZ_EXPORT int qzlib_led_set(int index, unsigned int mode)
 {
-    const auto place = static_cast<size_t>(index); // negative ones, not to be passed, lie far outside
+    const auto place = static_cast<size_t>(index); // a negative index becomes one that is far too large
     return place < std::size(LEDS) ? qzlib_led_name_set(LEDS[place], mode) : 0;
 }
 

@@ -53,7 +53,7 @@ bool store_line(size_t row, char *line)
     return true;
 }
 
-// The number of rows loaded.
+// Returns the number of rows loaded.
 size_t load_rows(FILE *stream)
 {
     std::array<char, LINE_SIZE> line;

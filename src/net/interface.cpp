@@ -23,7 +23,7 @@ constexpr size_t IP_TEXT_SIZE = 16;
 constexpr size_t HARDWARE_TEXT_SIZE = 18;
 constexpr size_t STATUS_LINE_SIZE = 512;
 
-// The interface requests of one interface, on a socket that lives as long.
+// Requests about one interface, on a socket that lives as long as this object.
 class Interface
 {
 public:
@@ -124,7 +124,7 @@ int read_items(const Interface &interface, const char *ifname, std::span<const I
 
 constexpr int COUNTER_COLUMNS = 12;
 
-// Where the columns of an interface's line go; a null one is read and thrown away.
+// Where the columns of an interface's line go; null: read and thrown away.
 using Counters = std::array<long long *, COUNTER_COLUMNS>;
 
 void read_counters(const char *text, const Counters &counters)
@@ -141,7 +141,7 @@ void read_counters(const char *text, const Counters &counters)
 }
 
 // Finds the first line that has the name anywhere in it: "eth0" also finds veth0, deliberately.
-// What stands after its first ':', or null.
+// Returns the text after its first ':', or null.
 const char *find_counters(FILE *stream, const char *ifname, std::span<char> line)
 {
     if (!read_line(stream, line) || !read_line(stream, line)) // the two heading lines

@@ -76,7 +76,7 @@ int32_t measure_latency(const char *host, const char *port)
 void take_default_signals(const sigset_t &sigterm)
 {
     for (const int number : {SIGTERM, SIGKILL, SIGHUP, SIGINT})
-        (void)qzlib_sys_signal(number, SIG_DFL); // SIGKILL has no other: that refusal is no matter
+        (void)qzlib_sys_signal(number, SIG_DFL); // SIGKILL has no other: that refusal does not matter
     pthread_sigmask(SIG_UNBLOCK, &sigterm, nullptr);
 }
 
@@ -85,7 +85,7 @@ void take_default_signals(const sigset_t &sigterm)
     const int32_t value = measure_latency(host, port);
     (void)!write(answer.get(), &value, sizeof value); // nobody is left to be told
     answer.reset();
-    exit(0); // with its flushing of the daemon's unwritten output, which is meant
+    exit(0); // which also flushes the daemon's unwritten output, deliberately
 }
 
 // ---- The parent -----------------------------------------------------------------------
@@ -97,7 +97,7 @@ bool is_address(const char *host)
     return inet_pton(AF_INET, host, &address) == 1 || inet_pton(AF_INET6, host, &address) == 1;
 }
 
-// Takes the wait off the limit (0: none); false when nothing of it is left.
+// Subtracts the wait from the limit (0: none); false when nothing is left.
 bool wait_for_lookups(int &limit_ms)
 {
     while (change(lookups) != 0) {
@@ -108,9 +108,9 @@ bool wait_for_lookups(int &limit_ms)
     return true;
 }
 
-// fork() apart from the library's look-ups, waiting for which counts towards the limit; without a
-// child when that was all of it. And with SIGTERM held back in both: the parent's signal can come
-// before the child has dropped the daemon's handler.
+// fork() while none of the library's look-ups runs; waiting for that counts towards the limit, and no
+// child is made when it takes all of it. SIGTERM is blocked in both processes, as the parent's signal can
+// come before the child has dropped the daemon's handler.
 class ProbeChild
 {
 public:

@@ -12,7 +12,7 @@
 namespace qz::route
 {
 
-// Starts a command with its standard output in a pipe. Its end closes the pipe and waits for
+// Starts a command with its standard output in a pipe. The destructor closes the pipe and waits for
 // the command, so that no descriptor and no child is left on any path. A command that cannot
 // be started gives no lines.
 class CommandOutput

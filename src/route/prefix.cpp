@@ -49,8 +49,8 @@ void write_address(char *out, const Address &address)
     (void)inet_ntop(AF_INET, address.data(), out, IP_TEXT_SIZE); // an IPv4 address always fits
 }
 
-// Clears the bits after the length. A length without bits to clear leaves the address as it
-// is, and so does a negative one.
+// Clears the bits after the length. Where there are none, and with a negative length, the address stays
+// as it is.
 void keep_network(Address &address, int length)
 {
     if (length < 0 || length >= ADDRESS_BITS)

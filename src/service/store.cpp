@@ -103,7 +103,7 @@ const service_node *find_param(const service_info &info, const char *group, cons
     return find_ungrouped(info, name);
 }
 
-// What a new ungrouped entry is put after: just before the first header; in front when
+// Where a new ungrouped entry goes: just before the first header; in front when
 // there is none (so entries come out in reverse order, deliberately), though "shutdown" keeps
 // its place at the very front.
 Link &ungrouped_place(service_info &info)
@@ -120,7 +120,7 @@ Link &ungrouped_place(service_info &info)
     return *front;
 }
 
-// The new entry; null without memory.
+// Returns the new entry; null when memory runs out.
 service_node *insert_at(Link &place, const char *name, const char *value, int32_t type)
 {
     service_node *node = qz::service::node_create(name, value, type);
@@ -129,7 +129,7 @@ service_node *insert_at(Link &place, const char *name, const char *value, int32_
     return node;
 }
 
-// The entry; null without memory, and its value is as before.
+// Returns the entry; null when memory runs out, its value untouched.
 service_node *replace_value(service_node &node, const char *value)
 {
     return qz::service::node_set_value(node, value) ? &node : nullptr;
@@ -211,8 +211,7 @@ int delete_in_group(service_info &info, const char *group, const char *name, con
     return doomed.result();
 }
 
-// Up to a group of that name: without a value to look for, the scan ends there, and the whole
-// group goes as well.
+// A group of that name ends the scan and, when no value is given, is deleted with all its entries.
 int delete_ungrouped(service_info &info, const char *name, const char *value)
 {
     Doomed doomed;

@@ -173,7 +173,7 @@ QZ_EXPORT int system_dumb(const char *cmd, int timeout_s)
     const pid_t pid = start_shell(cmd, signals);
     if (pid < 0)
         return QZLIB_ERR_FAILED;
-    // Once more: where vfork() shares the actions, the child has just put the old ones back.
+    // Again: where vfork() shares the actions, the child has just put the old ones back.
     (void)qzlib_sys_signal(SIGQUIT, SIG_IGN);
     (void)qzlib_sys_signal(SIGINT, SIG_IGN);
     time_limit_reached = 0;

@@ -8,7 +8,7 @@
 namespace
 {
 
-// Where a limit ends, so that what is left of it is known after a signal or a part of the work.
+// The end of a limit, so that the rest of it is known after a signal or a part of the work.
 class Deadline
 {
 public:

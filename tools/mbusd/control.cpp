@@ -33,7 +33,7 @@ int open_lock()
     return -1;
 }
 
-// A server that knows nothing of the lock, or whose network namespace is another one.
+// Finds a server that does not know the lock, or runs in another network namespace.
 bool somebody_listens()
 {
     const int fd = qzlib_create_connect_unixdomain(QZLIB_MBUS_SOCKET);

@@ -1,4 +1,4 @@
-// What the server has to say: to the router's log, and to standard error for whoever started it.
+// The server's messages: to the router's log, and to standard error for whoever started it.
 #pragma once
 
 #include <cstdio>

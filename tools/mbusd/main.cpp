@@ -151,7 +151,7 @@ mbus_share_segment *attach_share()
                                                       : static_cast<mbus_share_segment *>(mbus_share);
 }
 
-// How the loop spends the time without work.
+// How the loop passes the time without work.
 class Idle
 {
 public:
@@ -230,7 +230,7 @@ public:
 
 private:
     static constexpr uint64_t REAP_MS = 1000;
-    static constexpr int COMMANDS_A_ROUND = 64; // packets go on, however many come
+    static constexpr int COMMANDS_A_ROUND = 64; // so that packets are routed however many commands come
 
     void take_commands()
     {
@@ -280,7 +280,7 @@ private:
         }
         if (control_.is_gone()) {
             take_commands();     // the last of the old one
-            if (control_.open()) // or else it is tried again in a second
+            if (control_.open()) // or else it tries again in a second
                 log_line(QZLIB_LOG_WARNING, "%s was deleted: made again", QZLIB_MBUS_SOCKET);
         }
         return true;
@@ -332,7 +332,7 @@ int serve(const Options &options)
     // turn between any two of theirs. Not where somebody chose otherwise, or it is not permitted.
     if (getpriority(PRIO_PROCESS, 0) == 0)
         (void)setpriority(PRIO_PROCESS, 0, NICENESS);
-    // So that naps are as short as they are meant.
+    // So that naps do not last longer than asked for.
     (void)prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
     Trace trace;
     if (options.trace)

@@ -36,14 +36,14 @@ struct Sender {
     std::string name;
     // What was sent in a former life. It goes before what is in the ring.
     std::deque<Parcel> backlog;
-    // The packet that could not be given to everybody for want of room, and who has not got it. It
-    // is the first of the backlog or else the next one in the ring, at hand_slot, where it stays
-    // until it is given: a server that takes over finds it there.
+    // The packet that some receivers had no room for, and which ones. It is the first of the
+    // backlog, or else the next one in the ring, at hand_slot, where it stays until all have it: a
+    // server that takes over finds it there.
     bool in_hand = false;
     Parcel hand;
     uint32_t hand_slot = 0;
     Targets waiting = 0;
-    // The destination of the last packet, so that names are not searched for each.
+    // The destinations of the last packet's name, so that it is not looked up for each packet.
     bool last_valid = false;
     std::array<char, QZLIB_MBUS_PKG_NAME_SIZE> last_name{};
     Targets last_targets = 0;

@@ -195,7 +195,7 @@ bool Server::give(const Sender &sender, const mbus_pkg &pkg, size_t receiver)
     return true;
 }
 
-// Who has not got the packet.
+// The receivers that have not got the packet.
 Targets Server::hand_out(const Sender &sender, const mbus_pkg &pkg, Targets targets)
 {
     Targets left = 0;

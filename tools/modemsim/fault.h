@@ -37,7 +37,7 @@ struct Fault {
     bool used = false;   // it has struck the present one
 
     [[nodiscard]] bool concerns(std::string_view given) const;
-    [[nodiscard]] size_t specificity() const; // of two that concern a command the higher one strikes
+    [[nodiscard]] size_t specificity() const; // of two that apply to a command the higher one strikes
 };
 
 // "[N:]NAME[=ARGUMENT][@COMMAND]", as the manual page has it. Empty on success, else what is wrong.

@@ -122,7 +122,7 @@ void check_distinct(const char *one, const char *other)
         arguments::fail(TOOL, std::string(one) + ": one file cannot be both");
 }
 
-// The files that are named must be of the kind that they are named for.
+// Each file must be of the kind that its option is for.
 void check_paths(const Options &options)
 {
     struct stat found {
@@ -267,7 +267,7 @@ int stop_signals()
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGHUP);
-    signal(SIGPIPE, SIG_IGN); // who reads the output may go
+    signal(SIGPIPE, SIG_IGN); // whoever reads the output may go
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     return signalfd(-1, &signals, SFD_CLOEXEC);
 }

@@ -238,7 +238,7 @@ void Modem::misbehave_after(std::string_view command)
         stall(fault->number);
 }
 
-// The fault of that kind that concerns the command: the most specific one, of equals the newest.
+// The fault of that kind that applies to the command: the most specific one, the newest of equals.
 Fault *Modem::strike(FaultKind kind, std::string_view command)
 {
     Fault *found = nullptr;
@@ -251,7 +251,7 @@ Fault *Modem::strike(FaultKind kind, std::string_view command)
     return found;
 }
 
-// Counts the command for those that struck it.
+// Counts the command for the faults that struck it.
 void Modem::end_strikes()
 {
     std::erase_if(faults_, [](Fault &fault) {
@@ -359,7 +359,7 @@ void Modem::drain()
     pty_.set_draining(true);
 }
 
-// What was to be answered is forgotten.
+// Forgets what was still to be answered.
 void Modem::disappear(bool for_good)
 {
     transcript_.note("--", "tty disappears");

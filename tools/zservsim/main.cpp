@@ -168,7 +168,7 @@ private:
         }
     }
 
-    // What a daemon that was killed has left, and nothing else: a socket that nobody serves.
+    // Removes only what a killed daemon has left: a socket that nobody serves.
     void remove_left_socket(const sockaddr *name) const
     {
         const char *path = options_.socket.c_str();
@@ -185,7 +185,7 @@ private:
         unlink(path);
     }
 
-    // Unless another one stands there by now.
+    // Unless another one has taken its place.
     void remove_socket() const
     {
         struct stat found {
@@ -209,7 +209,7 @@ private:
             fail("signalfd");
     }
 
-    // One wait, and all that became ready. False when a signal asked for the end.
+    // Waits once and serves all that became ready. False when a signal asked for the end.
     bool wait_and_serve()
     {
         std::vector<pollfd> waits = {{signals_, POLLIN, 0}, {listener_, POLLIN, 0}};
