@@ -13,6 +13,8 @@ as_root() {
     fi
 }
 
+wait_for_dpkg="-o DPkg::Lock::Timeout=300" # a machine that has just started may be installing, too
+
 # need PACKAGE...: installs the Debian packages that are missing, without asking.
 need() {
     missing=""
@@ -26,9 +28,10 @@ need() {
         echo "there is no sudo; root has to install them first" >&2
         exit 1
     fi
-    as_root apt-get update -qq
-    # shellcheck disable=SC2086 # a list of words
-    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $missing \
+    # shellcheck disable=SC2086 # lists of words
+    as_root apt-get $wait_for_dpkg update -qq
+    # shellcheck disable=SC2086 # lists of words
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get $wait_for_dpkg install -y -qq --no-install-recommends $missing \
         </dev/null >/dev/null
 }
 

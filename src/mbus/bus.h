@@ -32,7 +32,7 @@ struct Attachment {
 constexpr size_t OUTSIDE_RECORDS = 14; // a server may keep records of its own, too
 
 // What a thread uses the shared memory for: one thread at a time for each.
-enum Use { READING, WRITING, CACHING, USES };
+enum Use { READING, WRITING, WRITING_RUN, CACHING, USES };
 
 // Everything that the bus keeps in this process, but for the down cache.
 struct State {

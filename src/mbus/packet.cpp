@@ -30,9 +30,9 @@ ASIDE int fail(const mbus_client &client)
     return -1;
 }
 
-// The caller holds a Presence.
 int write_up(mbus_client &client, const Outgoing &packet)
 {
+    const Presence presence(WRITING);
     if (self() != &client)
         return -1;
     mbus_share_segment *segment = share();
@@ -57,21 +57,6 @@ int write_down(mbus_client &client, const Outgoing &packet)
         return drop(client, bell, client.server_dropped, packet.length);
     ring(bell, attachment->rung);
     return 0;
-}
-
-// Writes a buffer as packets; returns how many bytes of it were written.
-int write_run(mbus_client &client, int (*write)(mbus_client &, const Outgoing &), mbus_pkg &pkg, int size)
-{
-    int written = 0;
-    while (written < size) {
-        pkg.length = static_cast<uint32_t>(std::min<int>(size - written, QZLIB_MBUS_PAYLOAD_MAX));
-        const Outgoing packet(pkg);
-        if (!packet.is_valid() || write(client, packet) != 0)
-            break;
-        written += static_cast<int>(pkg.length);
-        pkg.data = static_cast<char *>(pkg.data) + pkg.length;
-    }
-    return written;
 }
 
 // Gives back the slot that the previous read handed out, and finds the next; SLOTS when the
@@ -212,25 +197,30 @@ QZ_EXPORT int qzlib_mbus_write_pkg(mbus_client *client, const mbus_pkg *pkg)
     const Outgoing packet(*pkg);
     if (!packet.is_valid())
         return -1;
-    if (client != self())
-        return write_down(*client, packet);
-    const Presence presence(WRITING);
-    return write_up(*client, packet);
+    return client == self() ? write_up(*client, packet) : write_down(*client, packet);
 }
 
 QZ_EXPORT int qzlib_mbus_write(mbus_client *client, int type, const char *name, const void *data, int len)
 {
+    const Presence presence(WRITING_RUN); // no disconnecting between two packets
+    if (client == nullptr)
+        client = self();
+    if (client == nullptr)
+        return -1;
     mbus_pkg pkg = {};
     pkg.type = type >= 0 && type < TYPES ? static_cast<uint8_t>(type) : TYPES; // which is refused below
     if (name != nullptr)
         memcpy(pkg.name, name, strnlen(name, sizeof pkg.name));
     pkg.data = const_cast<void *>(data);
-    if (client != nullptr && client != self())
-        return write_run(*client, write_down, pkg, len);
-    const Presence presence(WRITING);
-    if (client == nullptr)
-        client = self();
-    return client != nullptr ? write_run(*client, write_up, pkg, len) : -1;
+    int written = 0;
+    while (written < len) {
+        pkg.length = static_cast<uint32_t>(std::min<int>(len - written, QZLIB_MBUS_PAYLOAD_MAX));
+        if (qzlib_mbus_write_pkg(client, &pkg) != 0)
+            break;
+        written += static_cast<int>(pkg.length);
+        pkg.data = static_cast<char *>(pkg.data) + pkg.length;
+    }
+    return written;
 }
 
 QZ_EXPORT int qzlib_mbus_write_data(const void *data, int len)
