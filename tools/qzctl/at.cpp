@@ -12,6 +12,7 @@
 #include <poll.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <utility>
 
 namespace qzctl
 {
@@ -90,7 +91,7 @@ public:
     // @return DONE, or NO after saying why
     int open(const char *device, unsigned baud)
     {
-        lock_.reset(::open(LINE_LOCK, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0644));
+        lock_.reset(open_lock(LINE_LOCK, 0644).release());
         if (!lock_)
             return say_errno(LINE_LOCK);
         if (flock(lock_.get(), LOCK_EX | LOCK_NB) != 0)
@@ -256,7 +257,7 @@ int run_commands(const Arguments &arguments, const Modem &modem, const Transcrip
         status = exchange.run(arguments.words[i], arguments.has(JSON) ? lines : nullptr);
         is_prompted = exchange.is_prompted();
         put_flag(record, "ok", status == DONE);
-        append(list, static_cast<Json &&>(record));
+        append(list, std::move(record));
     }
     if (arguments.has(JSON))
         (void)print_list(arguments, list);

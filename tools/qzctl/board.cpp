@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <dirent.h>
+#include <utility>
 
 namespace qzctl
 {
@@ -78,7 +79,7 @@ int list_leds(const Arguments &arguments)
         Json record = new_record();
         put(record, "name", name);
         put(record, "mode", mode_of(name));
-        append(list, static_cast<Json &&>(record));
+        append(list, std::move(record));
     });
     return status == DONE ? print_list(arguments, list) : status;
 }
@@ -90,7 +91,7 @@ int list_gpios(const Arguments &arguments)
         Json record = new_record();
         put(record, "name", name);
         put_number(record, "value", qzlib_gpio_name_get(name));
-        append(list, static_cast<Json &&>(record));
+        append(list, std::move(record));
     });
     return status == DONE ? print_list(arguments, list) : status;
 }

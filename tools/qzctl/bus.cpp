@@ -8,20 +8,27 @@
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <utility>
 
 namespace qzctl
 {
 namespace
 {
 
-// Whether a server listens, which is found out without a message. Says it where not.
-bool is_served()
+// Whether a server listens, which is found out without a message. False: with errno.
+bool has_server()
 {
     const Fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     (void)strcpy(address.sun_path, QZLIB_MBUS_SOCKET);
-    if (fd && connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+    return fd && connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+}
+
+// The same, and says why not.
+bool is_served()
+{
+    if (has_server())
         return true;
     if (errno == ENOENT || errno == ECONNREFUSED)
         (void)say(NO, "no server: nobody serves the message bus on %s", QZLIB_MBUS_SOCKET);
@@ -126,8 +133,8 @@ double number(uint64_t value)
 
 void put_rings(const Json &record, const Figures &now)
 {
-    put_number(record, "up_waiting", step(now.up_read, now.up_write));
-    put_number(record, "down_waiting", step(now.down_read, now.down_write));
+    put_number(record, "ring_up", step(now.up_read, now.up_write));
+    put_number(record, "ring_down", step(now.down_read, now.down_write));
 }
 
 } // namespace
@@ -147,11 +154,11 @@ int bus_list(const Arguments &arguments)
         Json record = new_record();
         put(record, "name", now.name);
         put_rings(record, now);
-        put_number(record, "bytes_sent", number(now.sent));
-        put_number(record, "bytes_received", number(now.received));
-        put_number(record, "bytes_dropped", number(now.dropped));
+        put_number(record, "bytes_up", number(now.sent));
+        put_number(record, "bytes_down", number(now.received));
+        put_number(record, "dropped", number(now.dropped));
         put_number(record, "flags", now.flags);
-        append(list, static_cast<Json &&>(record));
+        append(list, std::move(record));
     }
     return print_list(arguments, list);
 }
@@ -207,20 +214,20 @@ void print_rows(const Arguments &arguments, uint64_t passed_ms)
 {
     const Json list = new_list();
     const auto per_second = [passed_ms](uint64_t value) {
-        return static_cast<double>(value) * 1000 / static_cast<double>(passed_ms);
+        return number((value * 1000 + passed_ms / 2) / passed_ms);
     };
     for (const Row &row : rows) {
         if (*row.last.name == '\0')
             continue;
         Json record = new_record();
         put(record, "name", row.last.name);
-        put_number(record, "packets_sent", per_second(row.sent));
-        put_number(record, "packets_received", per_second(row.received));
-        put_number(record, "bytes_sent", per_second(row.last.sent - row.first.sent));
-        put_number(record, "bytes_received", per_second(row.last.received - row.first.received));
-        put_number(record, "bytes_dropped", per_second(row.last.dropped - row.first.dropped));
+        put_number(record, "packets_up", per_second(row.sent));
+        put_number(record, "packets_down", per_second(row.received));
+        put_number(record, "bytes_up", per_second(row.last.sent - row.first.sent));
+        put_number(record, "bytes_down", per_second(row.last.received - row.first.received));
+        put_number(record, "dropped", per_second(row.last.dropped - row.first.dropped));
         put_rings(record, row.last);
-        append(list, static_cast<Json &&>(record));
+        append(list, std::move(record));
     }
     if (arguments.has(JSON)) {
         print_json_line(list);
@@ -369,8 +376,7 @@ void print_packet(unsigned type, std::string_view name, std::string_view data)
     const Json record = new_record();
     put_bytes(record, "name", name);
     put_number(record, "type", type);
-    put_number(record, "length", static_cast<double>(data.size()));
-    put_bytes(record, "data", data);
+    put_data(record, data);
     print_json_line(record);
 }
 
@@ -392,11 +398,7 @@ bool is_member()
 // The server alone sees all packets, and it has to be told when it starts.
 int trace(const char *name)
 {
-    const Fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    (void)strcpy(address.sun_path, QZLIB_MBUS_SOCKET);
-    if (fd && connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+    if (has_server())
         return say(NO,
                    "a server runs already, and prints packets only if it was started so; end it, and this "
                    "command serves the bus in its place, with mbusd --trace");
@@ -416,10 +418,10 @@ int bus_listen(const Arguments &arguments)
     prints_json = arguments.has(JSON);
     if (arguments.has(TRACE) && (arguments.has(COUNT) || arguments.has(TIMEOUT) || prints_json))
         refuse("--trace is mbusd's, which knows no --count, --timeout and --json");
-    static Listening waiting(arguments);
-    listening = &waiting;
     if (arguments.has(TRACE))
         return trace(wanted_name);
+    static Listening waiting(arguments);
+    listening = &waiting;
     if (!is_served())
         return NO;
     const Table table;

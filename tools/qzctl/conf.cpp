@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <utility>
 
 namespace qzctl
 {
@@ -167,7 +168,7 @@ int conf_list(const Arguments &arguments)
         put(record, "group", group);
         put(record, "name", entries.get()->name[i]);
         put(record, "value", entries.get()->value[i]);
-        append(list, static_cast<Json &&>(record));
+        append(list, std::move(record));
     }
     if (!is_there)
         return say(NO, "%s: no group %s", file_of(arguments), wanted);

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <utility>
 
 namespace qzctl
 {
@@ -187,7 +188,7 @@ int env_list(const Arguments &arguments)
         Json record = new_record();
         put_bytes(record, "name", entry.name());
         put(record, "value", entry.value());
-        append(list, static_cast<Json &&>(record));
+        append(list, std::move(record));
     }
     return arguments.has(JSON) ? print_list(arguments, list) : static_cast<int>(DONE);
 }

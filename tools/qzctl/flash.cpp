@@ -113,15 +113,6 @@ const char *Entry::value() const
     return *value == '=' ? value + 1 : value;
 }
 
-// Made by whoever is first; no link is followed in a folder that all may write.
-int Flash::take_guard()
-{
-    guard_.reset(::open(GUARD, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
-    if (!guard_ && errno == ENOENT)
-        guard_.reset(::open(GUARD, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-    return guard_ ? lock_file(guard_.get(), LOCK_EX, GUARD) : say_errno(GUARD);
-}
-
 // As the library finds it: the first partition of that name.
 bool Flash::find_device()
 {
@@ -145,11 +136,15 @@ int Flash::open(const Arguments &arguments, bool writes)
     else if (!find_device())
         return say(NO, "no partition %s with room for an environment in /sys/class/mtd",
                    PARTITION_NAME_START);
-    else if (const int status = take_guard(); status != DONE)
-        return status;
     device_.reset(::open(path_, (writes ? O_RDWR | O_SYNC : O_RDONLY) | O_CLOEXEC));
     if (!device_)
         return say_errno(path_);
+    if (!arguments.has(IMAGE)) {
+        guard_.reset(open_lock(GUARD, 0600).release());
+        if (const int status = guard_ ? lock_file(guard_.get(), LOCK_EX, GUARD) : say_errno(GUARD);
+            status != DONE)
+            return status;
+    }
     if (const int status = lock_file(device_.get(), writes ? LOCK_EX : LOCK_SH, path_); status != DONE)
         return status;
     struct stat status;

@@ -65,7 +65,6 @@ public:
     [[nodiscard]] const char *path() const { return path_; }
 
 private:
-    int take_guard();
     bool find_device();
 
     Fd guard_;

@@ -3,8 +3,9 @@
 #include "../arguments.h"
 #include "command.h"
 
-#include <csignal>
 #include <getopt.h>
+#include <iterator>
+#include <string_view>
 
 namespace qzctl
 {
@@ -136,26 +137,24 @@ constexpr Command COMMANDS[] = {
     {"sys", "", 0, 0, bit(JSON),
      "print what the device is, its versions, uptime, memory and processor (takes 1 s)", "sys --json", sys},
     {"run", "-- COMMAND...", 1, MANY, bit(TIMEOUT),
-     "run a command, for no longer than a limit (default: none)", "run --timeout 10 -- ping -c 1 192.0.2.1",
-     run},
+     "run a command, for no longer than the limit, if there is one",
+     "run --timeout 10 -- ping -c 1 192.0.2.1", run},
 };
 
 using arguments::hold_standard_streams;
 
 constexpr const char *TOOL = "qzctl";
-constexpr int GROUP_LENGTH_MAX = 16;
-
-bool is_conf(const char *group)
-{
-    return strcmp(group, "conf") == 0;
-}
+constexpr std::string_view CONF_GROUP = "conf";
 
 // The first word of a command's name.
-const char *group_of(const Command &command)
+std::string_view group_of(const Command &command)
 {
-    static char group[GROUP_LENGTH_MAX];
-    (void)snprintf(group, sizeof group, "%.*s", static_cast<int>(strcspn(command.name, " ")), command.name);
-    return group;
+    return {command.name, strcspn(command.name, " ")};
+}
+
+bool begins_group(const Command &command)
+{
+    return &command == COMMANDS || group_of(command) != group_of((&command)[-1]);
 }
 
 // The second word of its name; null where it has one word only.
@@ -166,52 +165,50 @@ const char *action_of(const Command &command)
 }
 
 // The first row of a group; null: there is no such group.
-const Command *find_group(const char *group)
+const Command *find_group(std::string_view group)
 {
     for (const Command &command : COMMANDS)
-        if (strcmp(group_of(command), group) == 0)
+        if (group_of(command) == group)
             return &command;
     return nullptr;
 }
 
-const Command *find_action(const char *group, const char *action)
+const Command *find_action(std::string_view group, const char *action)
 {
     for (const Command &command : COMMANDS) {
         const char *own = action_of(command);
-        if (strcmp(group_of(command), group) == 0 &&
-            (own == nullptr || (action != nullptr && strcmp(own, action) == 0)))
+        if (group_of(command) == group && (own == nullptr || (action != nullptr && strcmp(own, action) == 0)))
             return &command;
     }
     return nullptr;
 }
 
-// "list, get or set"; all groups for a null one.
-const char *words_of(const char *group)
+// The actions of a group, or all groups for the empty one: "list, get, set".
+const char *words_of(std::string_view group)
 {
     static char list[256];
     list[0] = '\0';
-    const char *last = "";
     for (const Command &command : COMMANDS) {
-        const char *word = group == nullptr ? group_of(command) : action_of(command);
-        if ((group != nullptr && strcmp(group_of(command), group) != 0) ||
-            (group == nullptr && strcmp(word, last) == 0))
+        if (group.empty() ? !begins_group(command) : group_of(command) != group)
             continue;
-        (void)snprintf(list + strlen(list), sizeof list - strlen(list), "%s%s", *list == '\0' ? "" : ", ",
-                       word);
-        last = strrchr(list, ' ') == nullptr ? list : strrchr(list, ' ') + 1;
+        const std::string_view word = group.empty() ? group_of(command) : action_of(command);
+        (void)snprintf(list + strlen(list), sizeof list - strlen(list), "%s%.*s", *list == '\0' ? "" : ", ",
+                       static_cast<int>(word.size()), word.data());
     }
     return list;
 }
 
 // ---- Usage, help and completion
 
-void print_synopsis(const Command &command, const char *lead)
+// The command as it is typed, with its arguments.
+const char *synopsis(const Command &command)
 {
-    const char *action = action_of(command);
-    const char *group = group_of(command);
-    (void)printf("%s%s %s%s%s%s%s%s", lead, TOOL, group, is_conf(group) ? " SERVICE" : "",
-                 action == nullptr ? "" : " ", action == nullptr ? "" : action,
-                 *command.arguments == '\0' ? "" : " ", command.arguments);
+    static char text[80];
+    const std::string_view group = group_of(command);
+    (void)snprintf(text, sizeof text, "%.*s%s%s%s%s", static_cast<int>(group.size()), group.data(),
+                   group == CONF_GROUP ? " SERVICE" : "", command.name + group.size(),
+                   *command.arguments == '\0' ? "" : " ", command.arguments);
+    return text;
 }
 
 void print_options(unsigned options)
@@ -223,7 +220,7 @@ void print_options(unsigned options)
             (void)printf("  --%s %-*s  %s\n", row.name, 15 - static_cast<int>(strlen(row.name)),
                          row.argument == nullptr ? "" : row.argument, row.help);
     }
-    (void)puts("  -h, --help         print this text");
+    (void)puts("  -h, --help          print this text");
 }
 
 void print_statuses()
@@ -234,29 +231,26 @@ void print_statuses()
 
 void print_help(const Command &command)
 {
-    print_synopsis(command, "Usage: ");
-    (void)printf("%s\n%c%s.\n", command.options == 0 ? "" : " [OPTION]...", command.help[0] - 'a' + 'A',
-                 command.help + 1);
+    (void)printf("Usage: %s %s%s\n%c%s.\n", TOOL, synopsis(command),
+                 command.options == 0 ? "" : " [OPTION]...", command.help[0] - 'a' + 'A', command.help + 1);
     print_options(command.options);
     (void)printf("\nFor example:  %s %s\n", TOOL, command.example);
 }
 
-void print_group_help(const char *group)
+void print_group_help(const Command &first)
 {
     unsigned options = 0;
-    const char *lead = "Usage: ";
-    for (const Command &command : COMMANDS) {
-        if (strcmp(group_of(command), group) != 0)
-            continue;
-        print_synopsis(command, lead);
-        (void)printf("\n           %s\n", command.help);
-        options |= command.options;
-        lead = "       ";
+    for (const Command *command = &first; command != std::end(COMMANDS); ++command) {
+        if (group_of(*command) != group_of(first))
+            break;
+        (void)printf("%s %s %s\n           %s\n", command == &first ? "Usage:" : "      ", TOOL,
+                     synopsis(*command), command->help);
+        options |= command->options;
     }
     print_options(options);
-    if (is_conf(group))
+    if (group_of(first) == CONF_GROUP)
         (void)puts("\nWith --file PATH the SERVICE is left out.");
-    (void)printf("\nFor example:  %s %s\n", TOOL, find_group(group)->example);
+    (void)printf("\nFor example:  %s %s\n", TOOL, first.example);
 }
 
 void print_usage()
@@ -265,14 +259,9 @@ void print_usage()
         "Usage: %s COMMAND [ARGUMENT]... [OPTION]...\n"
         "Look at a router and change it: parameters, boot environment, bus, modem, network, board.\n\n",
         TOOL);
-    for (const Command &command : COMMANDS) {
-        char name[64];
-        const char *action = action_of(command);
-        (void)snprintf(name, sizeof name, "%s%s%s%s %s", group_of(command),
-                       is_conf(group_of(command)) ? " SERVICE" : "", action == nullptr ? "" : " ",
-                       action == nullptr ? "" : action, command.arguments);
-        (void)printf("  %-37s %.*s\n", name, static_cast<int>(strcspn(command.help, ":;")), command.help);
-    }
+    for (const Command &command : COMMANDS)
+        (void)printf("  %-40s %.*s\n", synopsis(command), static_cast<int>(strcspn(command.help, ":;")),
+                     command.help);
     (void)printf("\n  -h, --help          print this text; after a command, that command's\n"
                  "  --version           print the version\n"
                  "  --completion bash   print the completion for bash\n");
@@ -280,16 +269,16 @@ void print_usage()
     (void)printf("\nFor example:  %s %s\n", TOOL, COMMANDS[1].example);
 }
 
-void print_completion_of(const char *group)
+void print_completion_of(const Command &first)
 {
     unsigned options = 0;
-    (void)printf("    %s) words='", group);
-    for (const Command &command : COMMANDS) {
-        if (strcmp(group_of(command), group) != 0)
-            continue;
-        const char *action = action_of(command);
-        (void)printf("%s%s", action == nullptr ? "" : action, action == nullptr ? "" : " ");
-        options |= command.options;
+    const std::string_view group = group_of(first);
+    (void)printf("    %.*s) words='", static_cast<int>(group.size()), group.data());
+    for (const Command *command = &first; command != std::end(COMMANDS) && group_of(*command) == group;
+         ++command) {
+        if (action_of(*command) != nullptr)
+            (void)printf("%s ", action_of(*command));
+        options |= command->options;
     }
     for (unsigned i = 0; i < OPTIONS; ++i)
         if ((options & bit(static_cast<Option>(i))) != 0)
@@ -306,13 +295,9 @@ void print_completion()
                "    case \"$COMP_CWORD ${COMP_WORDS[1]}\" in\n"
                "    '1 '*) words='--help --version'");
     (void)printf("        words+=' ");
-    const char *group = "";
     for (const Command &command : COMMANDS)
-        if (strcmp(group, group_of(command)) != 0 || *group == '\0') {
-            static char last[GROUP_LENGTH_MAX];
-            group = strcpy(last, group_of(command));
-            (void)printf("%s ", group);
-        }
+        if (begins_group(command))
+            (void)printf("%.*s ", static_cast<int>(group_of(command).size()), command.name);
     (void)puts("' ;;\n"
                "    '2 conf') words=$(cd /tmp/config 2>/dev/null && ls -- *.conf 2>/dev/null)\n"
                "        words=\"${words//.conf/} --file\" ;;\n"
@@ -323,13 +308,9 @@ void print_completion()
                "    '2 if') words=$(ls /sys/class/net 2>/dev/null) ;;\n"
                "    esac\n"
                "    [ -n \"$words\" ] || case \"${COMP_WORDS[1]}\" in");
-    group = "";
     for (const Command &command : COMMANDS)
-        if (strcmp(group, group_of(command)) != 0) {
-            static char last[GROUP_LENGTH_MAX];
-            group = strcpy(last, group_of(command));
-            print_completion_of(group);
-        }
+        if (begins_group(command))
+            print_completion_of(command);
     (void)puts("    esac\n"
                "    mapfile -t COMPREPLY < <(compgen -W \"$words\" -- \"$current\")\n"
                "}\n"
@@ -397,15 +378,16 @@ void drop_words(Arguments &arguments, int number)
 const Command &take_command(Arguments &arguments)
 {
     if (arguments.count == 0)
-        refuse("no command: it is one of %s", words_of(nullptr));
-    const char *group = arguments.words[0];
+        refuse("no command: it is one of %s", words_of({}));
+    const char *typed = arguments.words[0];
+    const std::string_view group = typed;
     const Command *first = find_group(group);
     if (first == nullptr)
-        refuse("%.40s: no such command: it is one of %s", group, words_of(nullptr));
+        refuse("%.40s: no such command: it is one of %s", typed, words_of({}));
     drop_words(arguments, 1);
     if (action_of(*first) == nullptr)
         return *first;
-    if (is_conf(group) && !arguments.has(PATH)) {
+    if (group == CONF_GROUP && !arguments.has(PATH)) {
         if (arguments.count == 0)
             refuse("conf: no service: conf SERVICE %s", words_of(group));
         if (arguments.count == 1 || find_action(group, arguments.words[1]) == nullptr)
@@ -414,28 +396,29 @@ const Command &take_command(Arguments &arguments)
         drop_words(arguments, 1);
     }
     if (arguments.count == 0)
-        refuse("%s: no action: it is one of %s", group, words_of(group));
+        refuse("%s: no action: it is one of %s", typed, words_of(group));
     const Command *command = find_action(group, arguments.words[0]);
     if (command == nullptr)
-        refuse("%s %.40s: no such action: it is one of %s", group, arguments.words[0], words_of(group));
+        refuse("%s %.40s: no such action: it is one of %s", typed, arguments.words[0], words_of(group));
     drop_words(arguments, 1);
     return *command;
 }
 
 int help(const Arguments &arguments)
 {
-    const char *group = arguments.word(0);
-    if (group == nullptr) {
+    if (arguments.count == 0) {
         print_usage();
         return DONE;
     }
-    if (find_group(group) == nullptr)
-        refuse("%.40s: no such command: it is one of %s", group, words_of(nullptr));
+    const std::string_view group = arguments.words[0];
+    const Command *first = find_group(group);
+    if (first == nullptr)
+        refuse("%.40s: no such command: it is one of %s", arguments.words[0], words_of({}));
     const Command *command = find_action(group, arguments.word(1));
-    if (command == nullptr && is_conf(group))
+    if (command == nullptr && group == CONF_GROUP)
         command = find_action(group, arguments.word(2));
     if (command == nullptr)
-        print_group_help(group);
+        print_group_help(*first);
     else
         print_help(*command);
     return DONE;

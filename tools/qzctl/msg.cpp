@@ -1,13 +1,14 @@
 // msg: the local messages between the router's daemons. And the waiting for what is received.
 #include "listen.h"
 #include "print.h"
+#include "text.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <csignal>
 #include <cstring>
 #include <ctime>
-#include <new>
 
 namespace qzctl
 {
@@ -83,41 +84,33 @@ namespace
 
 // The kernel keeps 15 characters of a process's name.
 constexpr size_t PROCESS_NAME_MAX = 15;
-// What a receiver takes, less the NUL.
-constexpr size_t TEXT_MAX = 3775;
+constexpr int RECEIVED_MAX = 3776;            // bytes of data; of more the rest is not received
+constexpr size_t TEXT_MAX = RECEIVED_MAX - 1; // and its NUL
+
+bool prints_json = false;
 
 void print_message(local_msg *message, void *context)
 {
     auto &listening = *static_cast<Listening *>(context);
     if (!listening.begin())
         return;
-    const auto length = static_cast<size_t>(message->data_len < 0 ? 0 : message->data_len);
-    std::string_view data(static_cast<const char *>(message->data), message->data == nullptr ? 0 : length);
-    while (!data.empty() && data.back() == '\0')
-        data.remove_suffix(1);
-    Json record = new_record();
-    put_bytes(record, "from", {message->src_name, strnlen(message->src_name, sizeof message->src_name)});
-    put_number(record, "pid", message->src_pid);
-    put_number(record, "type", message->type);
-    put_number(record, "length", static_cast<double>(length));
-    put_bytes(record, "data", data);
-    print_json_line(record);
-    listening.end();
-}
-
-void print_message_line(local_msg *message, void *context)
-{
-    auto &listening = *static_cast<Listening *>(context);
-    if (!listening.begin())
-        return;
-    const auto length = static_cast<size_t>(message->data_len < 0 ? 0 : message->data_len);
-    std::string_view data(static_cast<const char *>(message->data), message->data == nullptr ? 0 : length);
-    while (!data.empty() && data.back() == '\0')
-        data.remove_suffix(1);
-    print_text({message->src_name, strnlen(message->src_name, sizeof message->src_name)});
-    (void)printf("[%d]  type %u  ", message->src_pid, message->type);
-    print_text(data);
-    (void)putchar('\n');
+    const std::string_view from(message->src_name, strnlen(message->src_name, sizeof message->src_name));
+    const int received = std::min(message->data == nullptr ? 0 : message->data_len, RECEIVED_MAX);
+    const std::string_view data(static_cast<const char *>(message->data),
+                                static_cast<size_t>(std::max(received, 0)));
+    if (prints_json) {
+        const Json record = new_record();
+        put_bytes(record, "from", from);
+        put_number(record, "pid", message->src_pid);
+        put_number(record, "type", message->type);
+        put_data(record, data);
+        print_json_line(record);
+    } else {
+        print_text(from);
+        (void)printf("[%d]  type %u  ", message->src_pid, message->type);
+        print_text(head(data, data.find_last_not_of('\0') + 1));
+        (void)putchar('\n');
+    }
     listening.end();
 }
 
@@ -148,8 +141,9 @@ int msg_send(const Arguments &arguments)
 
 int msg_listen(const Arguments &arguments)
 {
+    prints_json = arguments.has(JSON);
     static Listening listening(arguments); // the receiver may use it up to the end of the process
-    if (qzlib_msg_init(arguments.has(JSON) ? print_message : print_message_line, &listening) != 0)
+    if (qzlib_msg_init(print_message, &listening) != 0)
         return say(NO, "the channel cannot be opened for receiving, which needs CAP_NET_ADMIN: %s",
                    strerror(errno));
     const int status = listening.wait([] { return true; });

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstring>
 #include <net/if.h>
+#include <utility>
 
 namespace qzctl
 {
@@ -73,7 +74,7 @@ int route_list(const Arguments &arguments)
         put(record, "destination", route->dest);
         put(record, "gateway", route->gateway);
         put(record, "device", route->dev);
-        append(list, static_cast<Json &&>(record));
+        append(list, std::move(record));
     }
     qz_srtinfo_free(&routes);
     return print_list(arguments, list);

@@ -56,12 +56,18 @@ class Fd
 {
 public:
     explicit Fd(int fd = -1) : fd_(fd) {}
-    Fd(Fd &&other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+    Fd(Fd &&other) noexcept : fd_(other.release()) {}
     Fd &operator=(Fd &&) = delete;
     ~Fd() { reset(); }
 
     [[nodiscard]] int get() const { return fd_; }
     explicit operator bool() const { return fd_ >= 0; }
+    int release()
+    {
+        const int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
     void reset(int fd = -1)
     {
         if (fd_ >= 0)

@@ -192,6 +192,18 @@ void put_bytes(const Json &record, const char *key, std::string_view bytes)
     have(cJSON_AddStringToObject(record.get(), key, text.get()));
 }
 
+void put_data(const Json &record, std::string_view bytes)
+{
+    const Memory hex(static_cast<char *>(calloc(bytes.size() * 2 + 1, 1)));
+    if (!hex)
+        out_of_memory();
+    for (size_t i = 0; i < bytes.size(); ++i)
+        (void)snprintf(hex.get() + i * 2, 3, "%02x", static_cast<unsigned char>(bytes[i]));
+    put_number(record, "length", static_cast<double>(bytes.size()));
+    put_bytes(record, "data", bytes);
+    put(record, "hex", hex.get());
+}
+
 void put_number(const Json &record, const char *key, double number)
 {
     have(cJSON_AddNumberToObject(record.get(), key, number));

@@ -17,7 +17,10 @@ void append(const Json &list, Json record);
 void put(const Json &record, const char *key, const char *text); // null: no value
 void put_number(const Json &record, const char *key, double number);
 void put_flag(const Json &record, const char *key, bool flag);
-void put_bytes(const Json &record, const char *key, std::string_view bytes); // cut at nothing, NULs shown
+// A byte that is no character of UTF-8 becomes U+FFFD.
+void put_bytes(const Json &record, const char *key, std::string_view bytes);
+// "length", "data" as text and "hex" as it is.
+void put_data(const Json &record, std::string_view bytes);
 
 // A list is printed as a table with a line of headings, a record as a line for each key.
 int print_list(const Arguments &arguments, const Json &list);

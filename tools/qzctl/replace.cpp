@@ -89,6 +89,14 @@ bool write_all(int fd, std::string_view bytes)
     return true;
 }
 
+Fd open_lock(const char *path, mode_t mode)
+{
+    Fd file(open(path, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    if (!file && errno == ENOENT)
+        file.reset(open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, mode));
+    return file;
+}
+
 int lock_file(int fd, int operation, const char *name)
 {
     for (int tries = 0; flock(fd, operation | LOCK_NB) != 0; ++tries) {

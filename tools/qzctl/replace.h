@@ -5,6 +5,7 @@
 
 #include <climits>
 #include <string_view>
+#include <sys/types.h>
 
 namespace qzctl
 {
@@ -20,6 +21,10 @@ struct Content {
 // Reads a descriptor from where it stands to its end. False, with errno, when that fails.
 bool read_all(int fd, Content &content);
 bool write_all(int fd, std::string_view bytes);
+
+// Opens a file that programs lock, and makes it where it is not. In a folder that all may write, as /tmp,
+// the kernel keeps even root from making what another user has made, and no link is followed.
+Fd open_lock(const char *path, mode_t mode);
 
 // Takes the lock of a file that is open. Waits for 10 s. @return DONE, or what was said: NO, NOT_IN_TIME
 int lock_file(int fd, int operation, const char *name);
