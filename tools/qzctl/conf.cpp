@@ -365,7 +365,8 @@ int change_file(const Arguments &arguments, Change change)
 // A first word that is no parameter to be set names the group.
 bool has_group(const Arguments &arguments)
 {
-    return arguments.count > 1 && strchr(arguments.words[0], '=') == nullptr;
+    return arguments.count > 1 && strchr(arguments.words[0], '=') == nullptr &&
+           strcmp(arguments.words[0], "shutdown") != 0;
 }
 
 struct Setting {
