@@ -2,18 +2,14 @@
 
 #include <qzlib.h>
 
-#include <optional>
-#include <random>
-
 namespace
 {
 
 using namespace support;
 using namespace std::string_literals;
-using Text = std::optional<std::string>;
 
 // A loaded store. Listings are shown one entry a line, "TYPE name=value" or "TYPE name".
-struct Store {
+struct Store : NoCopy {
     explicit Store(service_info *loaded) : info(loaded) {}
     explicit Store(const std::string &content)
     {
@@ -21,8 +17,6 @@ struct Store {
         info = qzlib_service_info_init("s");
     }
     ~Store() { EXPECT_EQ(qzlib_service_info_uninit(info), 0); }
-    Store(const Store &) = delete;
-    Store &operator=(const Store &) = delete;
 
     static std::string show(int count)
     {
@@ -47,178 +41,109 @@ struct Store {
     static inline service_param_list out;
 };
 
-// What the store has to do, on a plain vector. No group: the ungrouped entries.
-struct Model {
-    using Indexes = std::vector<size_t>;
-    static constexpr size_t NONE = SIZE_MAX;
-    struct Entry {
-        int type; // -1: deleted
-        Text name, value;
+using Change = std::function<int(service_info *info)>;
+
+Change set(const char *group, const char *name, const char *value = nullptr)
+{
+    return [=](service_info *info) { return qzlib_service_set_param(info, group, name, value); };
+}
+
+Change add(const char *group, const char *name, const char *value = nullptr)
+{
+    return [=](service_info *info) { return qzlib_service_set_param_repeat(info, group, name, value); };
+}
+
+Change del(const char *group, const char *name, const char *value = nullptr)
+{
+    return [=](service_info *info) { return qzlib_service_del_param(info, group, name, value); };
+}
+
+TEST(Service, changes_leave_exactly_these_entries)
+{
+    constexpr const char *NONE = nullptr;
+    const std::string n300(300, 'n'), n256(256, 'n'), v300(300, 'v'), v256(256, 'v');
+    // File, change, result, all entries afterwards.
+    const Table<std::string, Change, int, std::string> cases = {
+        // A new ungrouped entry stands before the first header, without one in front, after "shutdown".
+        {"a=1\n", set(NONE, "b", "2"), 0, "0 b=2\n0 a=1\n"},
+        {"a=1\n", set("", "b", "2"), 0, "0 b=2\n0 a=1\n"}, // no group either
+        {"shutdown\na=1\n", set(NONE, "b", "2"), 0, "0 shutdown\n0 b=2\n0 a=1\n"},
+        {"a=1\nshutdown\n", set(NONE, "b", "2"), 0, "0 b=2\n0 a=1\n0 shutdown\n"},
+        {"a=1\ng\n k\nh\n", set(NONE, "b", "2"), 0, "0 a=1\n0 b=2\n2 g\n1 k\n2 h\n"},
+        {"a=1\ng\n", set(NONE, "shutdown"), 0, "0 shutdown\n0 a=1\n2 g\n"},
+        {"a=1\n", set(NONE, "Shutdown"), 0, "2 Shutdown\n0 a=1\n"}, // a name alone is a group
+        {"a=1\na=2\n", set(NONE, "a", "3"), 0, "0 a=3\n0 a=2\n"},
+        {"a=1\n", set(NONE, "a"), 0, "0 a\n"},
+        {"a=1\ng\n a=2\n", add(NONE, "a", "3"), 0, "0 a=1\n0 a=3\n2 g\n1 a=2\n"},
+        {"a=1\n", set(NONE, NONE, "v"), -1, "0 a=1\n"},
+        // A new member stands after the last one, a repeated one after the first of its name.
+        {"g\n a=1\n b=1\nh\n c=1\n", set("g", "c", "2"), 0, "2 g\n1 a=1\n1 b=1\n1 c=2\n2 h\n1 c=1\n"},
+        {"g\n a=1\n b=1\n a=3\n", set("g", "a", "2"), 0, "2 g\n1 a=2\n1 b=1\n1 a=3\n"},
+        {"g\n a=1\n b=1\n", add("g", "a", "2"), 0, "2 g\n1 a=1\n1 a=2\n1 b=1\n"},
+        {"g\n a=1\n", set("g", "shutdown"), 0, "2 g\n1 shutdown\n1 a=1\n"},
+        {"g\nh\n k\n", set("g", "k", ""), 0, "2 g\n1 k=\n2 h\n1 k\n"},
+        {"a=1\n", set("g", "k"), 0, "0 a=1\n2 g\n1 k\n"},
+        {"g\n a\ng\n b\nh\n", set("g", "c"), 0, "2 g\n1 a\n2 g\n1 b\n1 c\n2 h\n"}, // neighbours are one
+        {"g\n a\nh\ng\n b\n", set("g", "b", "2"), 0, "2 g\n1 a\n1 b=2\n2 h\n2 g\n1 b\n"},
+        {"g\n a\nx=1\ng\n b\n", set("g", "b", "2"), 0, "2 g\n1 a\n0 x=1\n2 g\n1 b=2\n"}, // x is passed
+        {"g\n a\n", set("g", NONE, "v"), -1, "2 g\n1 a\n"},
+        // Names and values are cut; a longer name than a stored one matches nothing.
+        {n256 + "=1\n", set(NONE, n300.c_str(), v300.c_str()), 0,
+         "0 " + n256 + "=" + v256 + "\n0 " + n256 + "=1\n"},
+        {"", set(n300.c_str(), "k"), 0, "2 " + n256 + "\n1 k\n"},
+        // All of a name are deleted, with a value those that have it.
+        {"a=1\nb=1\na=2\ng\n a=1\n", del(NONE, "a"), 0, "0 b=1\n2 g\n1 a=1\n"},
+        {"a=1\nshutdown\na=2\n", del("", "a", "2"), 0, "0 a=1\n0 shutdown\n"},
+        {"g\n k=1\n k\n k=2\nh\n k=1\n", del("g", "k"), 0, "2 g\n2 h\n1 k=1\n"},
+        {"g\n k\n k=1\n k=2\n", del("g", "k", "1"), 0, "2 g\n1 k\n1 k=2\n"},
+        {"a=1\ng\n k\n", del(NONE, "k"), -1, "0 a=1\n2 g\n1 k\n"},
+        {"g\n k\n", del("g", "k", "1"), -1, "2 g\n1 k\n"},
+        {"g\n k\n", del("h", NONE), -1, "2 g\n1 k\n"},
+        {"g\n k\n", del("g", NONE, "v"), -1, "2 g\n1 k\n"},
+        {"g\n k\n", del(NONE, NONE), -1, "2 g\n1 k\n"},
+        // A group goes as a whole: by its name, or as an ungrouped name, whose search ends there.
+        {"g\n a\nx=1\ng\n b\nh\n c\ng\n", del("g", NONE), 0, "0 x=1\n2 h\n1 c\n2 g\n"},
+        {"a=1\na\n k\na=2\n", del(NONE, "a"), 0, "0 a=2\n"},
+        {"g=1\ng\n k\ng=1\n", del(NONE, "g", "1"), 0, "2 g\n1 k\n"},
     };
-    std::vector<Entry> list;
-
-    static Text cut(const Text &text) { return text ? Text(text->substr(0, 256)) : text; }
-    static std::string line(const Entry &e) { return *e.name + (e.value ? "=" + *e.value : "") + "\n"; }
-    std::string show(int types, const Indexes &indexes) const
-    {
-        std::string text;
-        for (const size_t i : indexes)
-            text +=
-                (types >> list[i].type & 1) != 0 ? std::to_string(list[i].type) + " " + line(list[i]) : "";
-        return text;
+    for (const auto &[content, change, result, expected] : cases) {
+        Store store(content);
+        EXPECT_EQ(change(store.info), result) << expected;
+        EXPECT_EQ(store.all(), expected) << content;
+        EXPECT_EQ(qzlib_service_get_param_num(store.info),
+                  std::count(expected.begin(), expected.end(), '\n'));
     }
-    std::string show(int types = 7) const { return show(types, scope({}, false)); }
-    std::string file() const
-    {
-        std::string text;
-        for (size_t i = 0; i < list.size(); ++i)
-            if (list[i].type != 2 || (i + 1 < list.size() && list[i + 1].type == 1)) // no empty group
-                text += (list[i].type == 1 ? " " : "") + line(list[i]);
-        return text;
-    }
-    // Indexes of a group's headers and members; without a group, of everything.
-    Indexes scope(const Text &group, bool top_ends) const
-    {
-        Indexes found;
-        for (size_t i = 0; i < list.size(); ++i) {
-            const bool ours = list[i].type == 2 && list[i].name == group;
-            if (!group || ours || (!found.empty() && list[i].type == 1))
-                found.push_back(i);
-            else if (!found.empty() && (list[i].type == 2 || top_ends))
-                break;
-        }
-        return found;
-    }
-    size_t find(const Text &group, const Text &name, bool top_ends) const
-    {
-        for (const size_t i : scope(group, top_ends))
-            if (list[i].type == group.has_value() && list[i].name == name)
-                return i;
-        return NONE;
-    }
-    size_t ungrouped_place(const Text &name) const
-    {
-        const auto header = std::ranges::find(list, 2, &Entry::type);
-        const auto other = [](const Entry &e) { return e.name != "shutdown"; };
-        const auto place = header != list.end() ? header : std::ranges::find_if(list, other);
-        return name == "shutdown" ? 0 : static_cast<size_t>(place - list.begin());
-    }
-    size_t grouped_place(const Text &group, const Text &name, size_t match)
-    {
-        const Indexes whole = scope(group, false);
-        if (whole.empty())
-            list.push_back({2, cut(group), {}});
-        size_t place = whole.empty() ? list.size() - 1 : whole.front();
-        for (const size_t i : whole)
-            if (list[i].type == 1 && name != "shutdown")
-                place = std::min(i, match);
-        return place + 1;
-    }
-    int set(const Text &group, const Text &name, const Text &value, bool repeat)
-    {
-        const size_t match = find(group, name, false);
-        if (!name)
-            return -1;
-        if (match != NONE && !repeat) {
-            list[match].value = cut(value);
-            return 0;
-        }
-        const size_t at = group ? grouped_place(group, name, match) : ungrouped_place(name);
-        const int type = group ? 1 : value || name == "shutdown" ? 0 : 2;
-        list.insert(list.begin() + static_cast<long>(at), {type, cut(name), cut(value)});
-        return 0;
-    }
-    int del(const Text &group, const Text &name, const Text &value)
-    {
-        if (!name && (!group || value))
-            return -1;
-        for (const size_t i : scope(group, false)) {
-            const Entry e = list[i];
-            if (!group && e.type == 2 && e.name == name && !value) {
-                for (const size_t member : scope(name, false))
-                    list[member].type = -1;
-                break;
-            }
-            if (!name || (e.type == group.has_value() && e.name == name && (!value || e.value == value)))
-                list[i].type = -1;
-        }
-        return std::erase_if(list, [](const Entry &e) { return e.type < 0; }) == 0 ? -1 : 0;
-    }
-};
-
-template <typename Item, size_t COUNT>
-const Item &pick(const Item (&items)[COUNT])
-{
-    static std::mt19937 generator{20240229};
-    return items[generator() % COUNT];
 }
 
-const Text NAMES[] = {
-    {}, "g", "h", "shutdown", "Shutdown", "b c", std::string(256, 'n'), std::string(257, 'n')};
-const Text VALUES[] = {{}, {}, {}, "", "1", "2", "a = b", std::string(256, 'v'), std::string(300, 'w')};
-constexpr const char *PADDING[] = {"", " ", "\t \t"};
-constexpr const char *LINE_ENDS[] = {"\n", "\n", " \t\r\n", "\n\n", "\n# no\n", "\n\t #\r\n"};
-
-// A file of random lines; the model is what it holds.
-std::string random_file(Model &model, int lines)
+TEST(Service, texts_of_a_listing_may_be_those_of_what_is_changed)
 {
-    std::string text;
-    for (model.list.clear(); lines > 0; --lines) {
-        const std::string indent = pick(PADDING), name = pick(NAMES).value_or("a");
-        const Text value = pick(VALUES);
-        text += indent + name + pick(PADDING);
-        text += (value ? "=" + (pick(PADDING) + *value) : "") + pick(LINE_ENDS);
-        const int type = !indent.empty() ? 1 : value || name == "shutdown" ? 0 : 2;
-        if (type != 1 || (!model.list.empty() && model.list.back().type != 0))
-            model.list.push_back({type, Model::cut(name), Model::cut(value)});
-    }
-    return text;
+    Store store("g\n k=v\n k=v\nv=1\n");
+    (void)store.all();
+    const auto [names, values] = std::pair(Store::out.name, Store::out.value);
+    EXPECT_EQ(qzlib_service_set_param(store.info, nullptr, names[3], names[3]), 0);
+    EXPECT_EQ(qzlib_service_del_param(store.info, names[0], names[1], values[1]), 0);
+    EXPECT_EQ(store.all(), "2 g\n0 v=v\n");
 }
 
-// The store's own text where it has that one: callers pass what a listing returned.
-const char *own(const Text &text, const char *without = nullptr)
+TEST(Service, reading_ends_a_group_at_an_ungrouped_parameter)
 {
-    for (unsigned i = 0; text && i < Store::out.count; ++i)
-        for (const char *const listed : {Store::out.name[i], Store::out.value[i]})
-            if (listed != nullptr && *text == listed)
-                return listed;
-    return text ? text->c_str() : without;
-}
-
-TEST(Service, random_operations_equal_the_model)
-{
-    std::optional<Store> store;
-    Model model;
-    for (int step = 0; step < scaled(15'000); ++step) {
-        if (step % 50 == 0) {
-            store.emplace(random_file(model, step / 50 % 30));
-            ASSERT_EQ(store->saved("/tmp/config/again.conf"), model.file());
-            ASSERT_EQ(Store(qzlib_service_info_init("again")).saved(), model.file());
-        }
-        ASSERT_EQ(store->all(), model.show()) << step;
-        const Text group = pick(NAMES), name = pick(NAMES), value = pick(VALUES);
-        const char *no_group = pick({static_cast<const char *>(nullptr), ""});
-        const char *const g = own(group, no_group), *const n = own(name), *const v = own(value);
-        const int operation = pick({0, 1, 2});
-        const auto set = operation == 0 ? qzlib_service_set_param : qzlib_service_set_param_repeat;
-        if (operation < 2)
-            ASSERT_EQ(set(store->info, g, n, v), model.set(group, name, value, operation == 1));
-        else
-            ASSERT_EQ(qzlib_service_del_param(store->info, g, n, v), model.del(group, name, value));
-        ASSERT_EQ(qzlib_service_get_param_num(store->info), static_cast<int>(model.list.size()));
-        ASSERT_EQ(store->groups(), model.show(4));
-        ASSERT_EQ(store->members(own(group, no_group)),
-                  group ? model.show(2, model.scope(group, true)) : "refused");
-
-        const size_t found = name ? model.find(group, name, true) : Model::NONE;
-        std::string buffer(260, '#');
-        std::string expected = found != Model::NONE ? model.list[found].value.value_or(buffer) : buffer;
-        expected.resize(256);
-        expected.append(4, '#');
-        const int result =
-            qzlib_service_get_param(store->info, own(group, no_group), own(name), buffer.data());
-        ASSERT_EQ(result, found != Model::NONE ? 0 : -1);
-        ASSERT_EQ(buffer, expected);
+    Store store("a=1\ng\n k=1\n k=2\ng\n l\nx=1\ng\n hidden\nh\nempty\n");
+    EXPECT_EQ(store.members("g"), "1 k=1\n1 k=2\n1 l\n");
+    EXPECT_EQ(store.members("h"), "");
+    EXPECT_EQ(store.members(""), "refused");
+    EXPECT_EQ(store.groups(), "2 g\n2 g\n2 g\n2 h\n2 empty\n");
+    EXPECT_EQ(store.saved(), "a=1\ng\n k=1\n k=2\ng\n l\nx=1\ng\n hidden\n") << "no empty group";
+    // Group, name, result, first characters of the value's 256.
+    const Table<const char *, const char *, int, const char *> cases = {
+        {nullptr, "a", 0, "1"},       {"", "x", 0, "1"},
+        {"g", "k", 0, "1"},           {"g", "l", 0, nullptr},
+        {"g", "hidden", -1, nullptr}, {nullptr, "k", -1, nullptr},
+        {"g", nullptr, -1, nullptr}};
+    for (const auto &[group, name, result, value] : cases) {
+        std::string buffer(260, '#'), expected = value != nullptr ? value + std::string(255, '\0') : "";
+        expected.resize(260, '#');
+        EXPECT_EQ(qzlib_service_get_param(store.info, group, name, buffer.data()), result);
+        EXPECT_EQ(buffer, expected) << (name != nullptr ? name : "null");
     }
 }
 
@@ -234,6 +159,7 @@ TEST(Service, lines_are_read_as_the_format_says)
         {mark, "2 " + cut + "\n"}, // the buffer was full before the end was seen
         {"a\0=1\nb=\0002\n\0c\ng\n \0\n d\0\0\n"s, "2 a\n0 b=\n2 g\n1 d\n"}, // NUL ends a text
         {std::string(5000, '\0'), ""},
+        {"# no\ng\n\t #\n \t a = b \n\nshutdown\n k\nx = 1\n", "2 g\n1 a=b\n0 shutdown\n0 x=1\n"},
     };
     for (const auto &[content, expected] : cases)
         EXPECT_EQ(Store(content).all(), expected) << content;
