@@ -1,18 +1,14 @@
-#include <gtest/gtest.h>
+#include "support/case.h"
+
 #include <qzlib.h>
 
-#include <atomic>
-#include <cerrno>
-#include <chrono>
 #include <memory>
-#include <thread>
-#include <vector>
 
 namespace
 {
 
+using namespace support;
 using namespace std::chrono_literals;
-using Clock = std::chrono::steady_clock;
 
 struct Event : testing::Test {
     std::unique_ptr<qzlib_event, int (*)(qzlib_event *)> group{qzlib_event_init(), qzlib_event_unint};
@@ -22,16 +18,18 @@ struct Event : testing::Test {
 // Results of all waits, with bits that are set and bits that are not, at the same time.
 std::vector<int> wait_all_ways(qzlib_event *ev, uint32_t set, uint32_t clear, int limit_s)
 {
-    std::vector<int> results(5);
-    std::vector<std::thread> waits;
-    waits.emplace_back([=, &results] { results[0] = qzlib_event_wait_flag(ev, clear, limit_s); });
-    waits.emplace_back([=, &results] { results[1] = qzlib_event_wait_all_flag(ev, set | clear, limit_s); });
-    waits.emplace_back(
-        [=, &results] { results[2] = qzlib_event_wait_flag_with_status(ev, clear, 7, limit_s); });
-    waits.emplace_back([=, &results] { results[3] = qzlib_event_wait_noflag(ev, set, 7, limit_s); });
-    waits.emplace_back([=, &results] { results[4] = qzlib_event_wait_event(ev, limit_s); });
-    for (std::thread &wait : waits)
-        wait.join();
+    const std::function<int()> calls[] = {
+        [=] { return qzlib_event_wait_flag(ev, clear, limit_s); },
+        [=] { return qzlib_event_wait_all_flag(ev, set | clear, limit_s); },
+        [=] { return qzlib_event_wait_flag_with_status(ev, clear, 7, limit_s); },
+        [=] { return qzlib_event_wait_noflag(ev, set, 7, limit_s); },
+        [=] { return qzlib_event_wait_event(ev, limit_s); },
+    };
+    std::vector<int> results(std::size(calls));
+    std::vector<std::jthread> waits;
+    for (size_t i = 0; i < results.size(); ++i)
+        waits.emplace_back([&results, call = calls[i], i] { results[i] = call(); });
+    waits.clear();
     return results;
 }
 
@@ -58,10 +56,10 @@ TEST_F(Event, check_needs_every_bit_and_waits_that_hold_change_nothing)
 TEST_F(Event, waits_end_at_the_limit_or_without_a_group)
 {
     qzlib_event_set_flag(ev, 0b01);
-    const auto start = Clock::now();
+    const Stopwatch watch;
     EXPECT_EQ(wait_all_ways(ev, 0b01, 0b10, 1), std::vector<int>(5, ETIMEDOUT));
-    EXPECT_GE(Clock::now() - start, 1s);
-    EXPECT_LT(Clock::now() - start, 3s);
+    EXPECT_GE(watch.seconds(), 1.0);
+    EXPECT_LT(watch.punctual_seconds(), 3.0);
     EXPECT_EQ(qzlib_event_wait_flag(ev, 0, 1), ETIMEDOUT) << "no bit is never set";
 
     EXPECT_EQ(wait_all_ways(nullptr, 1, 2, 1), std::vector<int>(5, -1));
@@ -73,57 +71,48 @@ TEST_F(Event, waits_end_at_the_limit_or_without_a_group)
 
 TEST_F(Event, a_change_of_other_bits_restarts_the_whole_limit)
 {
-    const auto start = Clock::now();
-    std::thread other([&] {
+    const Stopwatch watch;
+    std::atomic<double> changed_s = 0;
+    const std::jthread other([&] {
         std::this_thread::sleep_for(500ms);
+        changed_s = watch.seconds();
         qzlib_event_set_flag(ev, 0b10);
     });
-    EXPECT_EQ(qzlib_event_wait_flag(ev, 0b01, 1), ETIMEDOUT);
-    EXPECT_GE(Clock::now() - start, 1500ms);
-    other.join();
+    EXPECT_EQ(qzlib_event_wait_flag(ev, 0b01, 2), ETIMEDOUT);
+    EXPECT_GE(watch.seconds(), changed_s + 2);
 }
 
 TEST_F(Event, set_and_clear_wake_waiters_without_limit)
 {
     qzlib_event_set_flag(ev, 0b100);
-    std::thread set([&] { EXPECT_EQ(qzlib_event_wait_all_flag(ev, 0b011, 0), 0); });
+    std::jthread set([this] { EXPECT_EQ(qzlib_event_wait_all_flag(ev, 0b011, 0), 0); });
     qzlib_event_set_flag(ev, 0b001);
     qzlib_event_set_flag(ev, 0b010);
     set.join();
-    std::thread cleared([&] { EXPECT_EQ(qzlib_event_wait_noflag(ev, 0b100, 0, -5), 0); });
+    const std::jthread cleared([this] { EXPECT_EQ(qzlib_event_wait_noflag(ev, 0b100, 0, -5), 0); });
     qzlib_event_clear_flag(ev, 0b100);
-    cleared.join();
 }
 
 TEST_F(Event, one_change_wakes_one_waiter)
 {
-    std::atomic<int> woken = 0;
-    std::vector<std::thread> waiters;
+    std::atomic<int> begun = 0, woken = 0;
+    std::vector<std::jthread> waiters;
     for (int i = 0; i < 4; ++i)
-        waiters.emplace_back([&] { woken += qzlib_event_wait_event(ev, 1) == 0; });
+        waiters.emplace_back([&] { ++begun, woken += qzlib_event_wait_event(ev, 2) == 0; });
+    EXPECT_TRUE(eventually([&] { return begun == 4; }));
     std::this_thread::sleep_for(300ms);
     qzlib_event_set_flag(ev, 1);
-    for (std::thread &waiter : waiters)
-        waiter.join();
+    waiters.clear();
     EXPECT_EQ(woken, 1);
 }
 
 TEST_F(Event, cancelled_waiter_gives_the_group_up)
 {
-    const auto for_ever = [](void *waited) -> void * {
-        qzlib_event_wait_flag(static_cast<qzlib_event *>(waited), 1, 0);
-        return nullptr;
-    };
-    const auto with_limit = [](void *waited) -> void * {
-        qzlib_event_wait_event(static_cast<qzlib_event *>(waited), 100);
-        return nullptr;
-    };
-    for (void *(*const wait)(void *) : {+for_ever, +with_limit}) {
-        pthread_t waiter;
-        pthread_create(&waiter, nullptr, wait, ev);
+    for (const int limit_s : {0, 1000}) {
+        std::thread waiter([=, this] { qzlib_event_wait_event(ev, limit_s); });
         std::this_thread::sleep_for(100ms);
-        pthread_cancel(waiter);
-        pthread_join(waiter, nullptr);
+        pthread_cancel(waiter.native_handle());
+        waiter.join();
         ASSERT_EQ(pthread_mutex_trylock(&ev->mutex), 0);
         pthread_mutex_unlock(&ev->mutex);
     }
@@ -139,10 +128,9 @@ TEST_F(Event, no_wake_up_is_lost_in_ten_thousand_rounds)
             qzlib_event_set_flag(ev, sent);
         }
     };
-    std::thread other(rounds, 0b01, 0b10);
+    const std::jthread other(rounds, 0b01, 0b10);
     qzlib_event_set_flag(ev, 0b01);
     rounds(0b10, 0b01);
-    other.join();
 }
 
 } // namespace

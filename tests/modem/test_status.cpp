@@ -40,82 +40,54 @@ TEST(ModemStatus, values_are_found_by_their_exact_name)
     for (const auto &[name, expected] : cases)
         EXPECT_EQ(value(name), expected) << name;
     EXPECT_EQ(qzlib_get_modem_status_info(nullptr), nullptr);
-}
-
-TEST(ModemStatus, loading_stops_at_the_first_line_that_is_not_one)
-{
-    EXPECT_EQ(load("a:3\nno colon\nb:4\n"), 0);
-    EXPECT_EQ(value("a"), "3");
-    EXPECT_EQ(value("b"), "(null)");
     unlink(INFO);
     EXPECT_EQ(qzlib_update_modem_status_info_tab(), QZLIB_ERR_NO_FILE);
-    EXPECT_EQ(value("a"), "3") << "without a file the table stays";
-    for (const char *nothing : {"\n", "a:5", "no colon\na:6\n"}) {
-        EXPECT_EQ(load("a:1\n"), 0);
-        EXPECT_EQ(load(nothing), -1) << nothing;
-        EXPECT_EQ(value("a"), "(null)") << nothing;
-    }
-    unlink(INFO);
+    EXPECT_EQ(value("rssi"), "-71") << "without a file the table stays";
     ASSERT_EQ(mkdir(INFO, 0755), 0);
     EXPECT_EQ(qzlib_update_modem_status_info_tab(), -1);
 }
 
-TEST(ModemStatus, every_truncation_keeps_the_full_lines)
+TEST(ModemStatus, file_content_gives_these_values)
 {
-    const std::string whole = "rssi:-71\nsim:READY\noperator:Example\n";
-    for (size_t size = 0; size <= whole.size(); ++size) {
-        const std::string cut = whole.substr(0, size);
-        const auto full_lines = std::count(cut.begin(), cut.end(), '\n');
-        EXPECT_EQ(load(cut), full_lines > 0 ? 0 : -1) << cut;
-        EXPECT_EQ(value("rssi"), full_lines > 0 ? "-71" : "(null)") << cut;
-        EXPECT_EQ(value("sim"), full_lines > 1 ? "READY" : "(null)") << cut;
-        EXPECT_EQ(value("operator"), full_lines > 2 ? "Example" : "(null)") << cut;
+    const std::string name63(63, 'n'), name100(100, 'm'), v127(127, 'v'), x200(200, 'x'), y251(251, 'y');
+    using Values = Table<std::string, std::string>;
+    // Content, result, names and their values.
+    const Table<std::string, int, Values> cases = {
+        // Loading stops at the first line that is not one, and a line without its end is none.
+        {"a:3\nno colon\nb:4\n", 0, {{"a", "3"}, {"b", "(null)"}}},
+        {"\n", -1, {{"a", "(null)"}}},
+        {"no colon\na:6\n", -1, {{"a", "(null)"}}},
+        {"a:1\nb:2\nc", 0, {{"a", "1"}, {"b", "2"}, {"c", "(null)"}}},
+        {"a:1\nb:2", 0, {{"a", "1"}, {"b", "(null)"}}},
+        {"a:1", -1, {{"a", "(null)"}}},
+        {"", -1, {{"a", "(null)"}}},
+        // The table holds 64 rows, and rows of the last update are gone.
+        {lines(70), 0, {{"name0", "value0"}, {"name63", "value63"}, {"name64", "(null)"}, {"", "(null)"}}},
+        {lines(63), 0, {{"name63", "(null)"}, {"", ""}}},
+        // Longer names and values are cut or read on into the next row; the rows after are as they were.
+        {name63 + ":" + v127 + "\nnext:1\n", 0, {{name63, v127}, {"next", "1"}}},
+        {name100 + ":1\nlong:" + x200 + "\nnext:2\n",
+         0,
+         {{name100, "(null)"}, {"long", x200.substr(0, 128) + "next"}, {"next", "2"}}},
+        {lines(63) + "last:" + x200 + "\n", 0, {{"last", x200}}}, // there is room after it
+        {lines(64), 0, {{"name63", "value63"}}},
+        // A line of 256 characters and more arrives in pieces of 255.
+        {"cut:" + y251 + "rest:1\nb:2\n", 0, {{"cut", y251.substr(0, 128) + "rest"}, {"rest", "1"}}},
+        {"a:1\n" + std::string(10'000'000, 'z') + "\n", 0, {{"a", "1"}}},
+    };
+    for (const auto &[content, result, values] : cases) {
+        EXPECT_EQ(load(content), result) << content.substr(0, 300);
+        for (const auto &[name, expected] : values)
+            EXPECT_EQ(value(name), expected) << content.substr(0, 300) << "\nof " << name;
     }
-}
-
-TEST(ModemStatus, table_holds_64_rows)
-{
-    EXPECT_EQ(load(lines(70)), 0);
-    EXPECT_EQ(value("name0"), "value0");
-    EXPECT_EQ(value("name63"), "value63");
-    EXPECT_EQ(value("name64"), "(null)");
-    EXPECT_EQ(value(""), "(null)") << "no empty row is left";
-    EXPECT_EQ(load(lines(63)), 0);
-    EXPECT_EQ(value("name63"), "(null)") << "rows of the last update are gone";
-    EXPECT_EQ(value(""), "");
-}
-
-TEST(ModemStatus, long_names_and_values_stay_inside_the_table)
-{
-    const std::string name63(63, 'n'), name100(100, 'm'), value127(127, 'v'), value200(200, 'x');
-    EXPECT_EQ(load(name63 + ":" + value127 + "\nnext:1\n"), 0);
-    EXPECT_EQ(value(name63), value127);
-    EXPECT_EQ(value("next"), "1");
-
-    // Longer ones are cut or read on into the next row; the rows after them are as they were.
-    EXPECT_EQ(load(name100 + ":1\nlong:" + value200 + "\nnext:2\n"), 0);
-    EXPECT_EQ(value(name100), "(null)");
-    EXPECT_EQ(value("long"), value200.substr(0, 128) + "next");
-    EXPECT_EQ(value("next"), "2");
-    EXPECT_EQ(load(lines(63) + "last:" + value200 + "\n"), 0);
-    EXPECT_EQ(value("last"), value200) << "the last row has room after it";
-    EXPECT_EQ(load(lines(64)), 0);
-    EXPECT_EQ(value("name63"), "value63");
-
-    // A line of 256 characters and more arrives in pieces of 255.
-    EXPECT_EQ(load("cut:" + std::string(251, 'y') + "rest:1\nb:2\n"), 0);
-    EXPECT_EQ(value("cut"), std::string(128, 'y') + "rest");
-    EXPECT_EQ(value("rest"), "1");
-    EXPECT_EQ(load("a:1\n" + std::string(10'000'000, 'z') + "\n"), 0);
 }
 
 TEST(ModemStatus, file_replaced_while_it_is_read_gives_one_table_or_the_other)
 {
     const size_t descriptors = open_descriptors();
     load(lines(64, "0 "));
-    std::atomic<bool> stop = false;
-    std::thread writer([&] {
-        for (int round = 0; !stop; ++round) {
+    std::jthread writer([](const std::stop_token &stop) {
+        for (int round = 0; !stop.stop_requested(); ++round) {
             write_file("/tmp/modem.info.new", lines(64, std::to_string(round) + " "));
             rename("/tmp/modem.info.new", INFO);
         }
@@ -125,7 +97,7 @@ TEST(ModemStatus, file_replaced_while_it_is_read_gives_one_table_or_the_other)
         const std::string first = value("name0");
         ASSERT_EQ(value("name63"), first.substr(0, first.find(' ')) + " 63");
     }
-    stop = true;
+    writer.request_stop();
     writer.join();
     EXPECT_EQ(open_descriptors(), descriptors);
 }

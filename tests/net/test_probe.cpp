@@ -18,7 +18,7 @@ int new_socket(int flags)
 }
 
 // A listener on 127.0.0.1:22; with a full queue it does not answer SYNs, like a host that is gone.
-class Listener
+class Listener : NoCopy
 {
 public:
     explicit Listener(bool silent)
@@ -54,17 +54,17 @@ TEST_F(Latency, of_a_listener_and_of_none)
     EXPECT_EQ(latency("127.0.0.1", "23", 20000), -1);
     EXPECT_GE(latency("127.0.0.1", "22", 0), 0); // no limit
     EXPECT_GE(latency("server", "22", 20000), 0) << "every address of a name is tried";
-    EXPECT_EQ(latency("127.0.0.1", "ssh", 20000), -264);
+    EXPECT_EQ(latency("127.0.0.1", "ssh", 20000), QZLIB_ERR_FAILED);
     for (const std::string &host : {std::string("a;reboot"), std::string("$(>/x)"), std::string(4096, 'h')})
-        EXPECT_EQ(latency(host.c_str(), "22", 20000), -264);
+        EXPECT_EQ(latency(host.c_str(), "22", 20000), QZLIB_ERR_FAILED);
     EXPECT_NE(access("/x", F_OK), 0);
     {
         const NoDescriptors none;
         EXPECT_EQ(latency("127.0.0.1", "22", 100), -1);
     }
-    EXPECT_EQ(latency(nullptr, "22", 20000), -257);
-    EXPECT_EQ(latency("127.0.0.1", nullptr, 20000), -257);
-    EXPECT_EQ(latency("127.0.0.1", "22", -1), -257);
+    EXPECT_EQ(latency(nullptr, "22", 20000), QZLIB_ERR_ARGUMENT);
+    EXPECT_EQ(latency("127.0.0.1", nullptr, 20000), QZLIB_ERR_ARGUMENT);
+    EXPECT_EQ(latency("127.0.0.1", "22", -1), QZLIB_ERR_ARGUMENT);
 }
 
 TEST_F(Latency, by_name_beside_a_thread_that_looks_names_up)
@@ -72,49 +72,33 @@ TEST_F(Latency, by_name_beside_a_thread_that_looks_names_up)
     // Two addresses are sorted, under a lock that a look-up holds for most of its time.
     const FakeFile hosts("/etc/hosts", "127.0.0.9 server\n127.0.0.1 server\n");
     const Listener listener(false);
-    std::atomic<bool> stop = false;
-    std::thread other([&] {
+    const std::jthread other([](const std::stop_token &stop) {
         char ip[16];
-        while (!stop)
+        while (!stop.stop_requested())
             qzlib_get_domain_ip("server", ip);
     });
     for (int i = 0; i < scaled(50); ++i)
-        EXPECT_GE(qzlib_get_tcp_latency("server", "22", 3000), 0) << i;
-    stop = true;
-    other.join();
+        EXPECT_GE(qzlib_get_tcp_latency("server", "22", 20000), 0) << i;
 }
 
-TEST_F(Latency, of_a_silent_host_ends_at_the_limit_200_times)
+TEST_F(Latency, of_a_silent_host_ends_at_the_limit_with_signals_coming)
 {
     const Listener silent(true);
     signal(SIGTERM, [](int) {}); // a daemon's handler must not keep the child alive
-    int late = 0;                // another load of the machine may hold a few up
-    for (int i = 0; i < 200; ++i) {
-        const int limit_ms = 1 + i % 20;
-        const Stopwatch watch;
-        EXPECT_EQ(qzlib_get_tcp_latency("127.0.0.1", "22", limit_ms), -1);
-        EXPECT_GE(watch.seconds() * 1000, limit_ms);
-        late += watch.seconds() * 1000 > limit_ms + 200;
-        ASSERT_LE(watch.seconds(), 10);
-        ASSERT_TRUE(has_no_child());
-    }
-    EXPECT_LE(late, 20);
-}
-
-TEST_F(Latency, ends_on_time_with_sigterm_blocked_and_signals_coming)
-{
-    const Listener silent(true);
     sigset_t sigterm, now;
     sigemptyset(&sigterm);
     sigaddset(&sigterm, SIGTERM);
-    sigprocmask(SIG_BLOCK, &sigterm, nullptr);
     const SignalStorm storm;
-    const Stopwatch watch;
-    EXPECT_EQ(qzlib_get_tcp_latency("127.0.0.1", "22", 100), -1);
-    EXPECT_GE(watch.seconds(), 0.1);
-    EXPECT_LE(watch.seconds(), 5);
-    sigprocmask(SIG_SETMASK, nullptr, &now);
-    EXPECT_EQ(sigismember(&now, SIGTERM), 1) << "the caller's mask is as it was";
+    for (const int change : {SIG_UNBLOCK, SIG_BLOCK}) {
+        sigprocmask(change, &sigterm, nullptr);
+        const Stopwatch watch;
+        EXPECT_EQ(qzlib_get_tcp_latency("127.0.0.1", "22", 100), -1);
+        EXPECT_GE(watch.seconds(), 0.1);
+        EXPECT_LT(watch.punctual_seconds(), 20);
+        EXPECT_TRUE(has_no_child());
+        sigprocmask(SIG_SETMASK, nullptr, &now);
+        EXPECT_EQ(sigismember(&now, SIGTERM), change == SIG_BLOCK) << "the caller's mask is as it was";
+    }
 }
 
 TEST(DomainIp, of_addresses_and_names)
@@ -138,8 +122,8 @@ TEST(DomainIp, of_addresses_and_names)
         EXPECT_EQ(qzlib_get_domain_ip(name.c_str(), ip), strcmp(expected, "kept") == 0 ? -1 : 0) << name;
         EXPECT_STREQ(ip, expected) << name;
     }
-    EXPECT_EQ(qzlib_get_domain_ip(nullptr, ip), -257);
-    EXPECT_EQ(qzlib_get_domain_ip("localhost", nullptr), -257);
+    EXPECT_EQ(qzlib_get_domain_ip(nullptr, ip), QZLIB_ERR_ARGUMENT);
+    EXPECT_EQ(qzlib_get_domain_ip("localhost", nullptr), QZLIB_ERR_ARGUMENT);
     EXPECT_NE(access("/x", F_OK), 0);
 }
 

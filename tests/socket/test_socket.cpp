@@ -13,15 +13,13 @@ using namespace support;
 constexpr const char *PATH = "/tmp/test.sock";
 
 // One socket of a test, closed at its end.
-struct Socket {
+struct Socket : NoCopy {
     explicit Socket(int descriptor) : fd(descriptor) {}
     ~Socket()
     {
         if (fd >= 0)
             close(fd);
     }
-    Socket(const Socket &) = delete;
-    Socket &operator=(const Socket &) = delete;
 
     // "blocking" or "nonblocking"; "inherited" in front when programs that are started get it.
     [[nodiscard]] std::string flags() const
@@ -62,10 +60,10 @@ TEST(LocalSocket, datagrams_reach_the_bound_path)
     EXPECT_EQ(listener.receive(), "two");
     const std::string oversize(1 << 20, 'x');
     EXPECT_EQ(qzlib_send_to_unixdomain(PATH, oversize.data(), 1 << 20), 0) << "lost silently";
-    EXPECT_EQ(qzlib_send_to_unixdomain(PATH, "", 0), QZLIB_ERR_ARGUMENT);
-    EXPECT_EQ(qzlib_send_to_unixdomain(PATH, "x", -1), QZLIB_ERR_ARGUMENT);
-    EXPECT_EQ(qzlib_send_to_unixdomain(PATH, nullptr, 1), QZLIB_ERR_ARGUMENT);
-    EXPECT_EQ(qzlib_send_to_unixdomain(nullptr, "x", 1), QZLIB_ERR_ARGUMENT);
+    const Table<const char *, const char *, int> refused = {
+        {PATH, "", 0}, {PATH, "x", -1}, {PATH, nullptr, 1}, {nullptr, "x", 1}};
+    for (const auto &[path, data, length] : refused)
+        EXPECT_EQ(qzlib_send_to_unixdomain(path, data, length), QZLIB_ERR_ARGUMENT) << length;
     EXPECT_EQ(listener.receive(), "nothing");
 }
 

@@ -86,16 +86,15 @@ TEST(CpuUse, is_the_difference_of_two_samples_a_second_apart)
         const FakeFile file("/proc/stat", std::get<0>(row));
         const int watch = inotify_init1(IN_CLOEXEC);
         inotify_add_watch(watch, "/proc/stat", IN_ACCESS);
-        std::thread later([&] { // as soon as the first sample is taken
+        const std::jthread later([&, change = std::get<1>(row)] { // as soon as the first sample is taken
             char event[512];
             (void)!read(watch, event, sizeof event);
-            file.set(std::get<1>(row));
+            close(watch);
+            file.set(change);
         });
         const Stopwatch stopwatch;
         EXPECT_EQ(qzlib_get_cpu_use_percent(), std::get<2>(row)) << std::get<1>(row);
         EXPECT_GE(stopwatch.seconds(), 1.0);
-        later.join();
-        close(watch);
     }
 }
 
