@@ -1,5 +1,6 @@
+#include "support/case.h"
 #include "support/log.h"
-#include "support/modem.h"
+#include "support/process.h"
 
 #include <climits>
 #include <list>
@@ -59,7 +60,10 @@ struct Line : testing::Test {
     Line()
     {
         start_log();
+        const rlimit limit{4096, 4096};
+        setrlimit(RLIMIT_NOFILE, &limit);
         EXPECT_EQ(openpty(&peer, &fd, name, nullptr, nullptr), 0);
+        fd = dup2(fd, 3000); // above the size of an fd_set
         termios raw{};
         tcgetattr(fd, &raw);
         cfmakeraw(&raw);
@@ -327,17 +331,6 @@ TEST_F(Line, failures_are_logged_counted_and_returned)
     EXPECT_EQ(at_modem_error, 3);
 }
 
-TEST_F(Line, descriptors_above_the_size_of_an_fd_set_work)
-{
-    const rlimit limit{4096, 4096};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-    const int high = dup2(fd, 3000);
-    char b[16];
-    const std::jthread answering = answer({"OK"});
-    EXPECT_EQ(chat_send_read(high, "AT", b, sizeof b, 3, 0), 2);
-    close(high);
-}
-
 // A line that never drains: the alarm breaks the write off, the process lives.
 TEST(LineThatNeverDrains, is_given_up_at_the_limit_and_of_use_again)
 {
@@ -369,7 +362,25 @@ TEST(LineThatNeverDrains, is_given_up_at_the_limit_and_of_use_again)
         });
 }
 
-TEST(SimulatedModem, does_what_it_is_told)
+// The simulator on /tmp/tty, told what to do through its control pipe.
+struct SimulatedModem : testing::Test {
+    SimulatedModem()
+    {
+        start_log();
+        EXPECT_TRUE(
+            eventually([] { return access("/tmp/tty", F_OK) == 0 && access("/tmp/control", F_OK) == 0; }));
+    }
+    // Gives an instruction and waits until it was taken.
+    static void control(const std::string &line)
+    {
+        std::ofstream("/tmp/control") << line << std::endl;
+        EXPECT_TRUE(eventually([&] { return logged("-- " + line + "\n", "/tmp/transcript"); }));
+    }
+    Process program{{"modemsim", "--link", "/tmp/tty", "--control", "/tmp/control", "--transcript",
+                     "/tmp/transcript", SOURCE_DIR "/examples/modem.at"}};
+};
+
+TEST_F(SimulatedModem, does_what_it_is_told)
 {
     const std::string x = "\r\n$ Home\r\n", ok = "\r\nOK\r\n";
     const Table<const char *, const char *, std::string> cases = {
@@ -397,12 +408,10 @@ TEST(SimulatedModem, does_what_it_is_told)
         {"", "AT+CMGS=1", "\r\n> "},
         {"", "some text\x1a", "\r\n+CMGS: 17\r\n" + ok},
     };
-    start_log();
-    Modem modem({"--echo", "on"});
-    int fd = dev_init(Modem::TTY, FLAGS, 115200);
+    int fd = dev_init("/tmp/tty", FLAGS, 115200);
     for (const auto &[instruction, command, expected] : cases) {
         if (*instruction != '\0')
-            modem.control(instruction);
+            control(instruction);
         chat_send(fd, command, 0);
         std::string answer;
         const auto is_there = [&, wanted = expected.size()] {
@@ -416,22 +425,21 @@ TEST(SimulatedModem, does_what_it_is_told)
         else
             EXPECT_EQ(answer, expected) << instruction;
     }
-    modem.control("fault stall=3");
+    control("fault stall=3");
     EXPECT_EQ(chat_send_expect(fd, "AT", "OK", 10, 0), 1) << "so many bytes are taken";
     EXPECT_EQ(chat_send(fd, "AT", 0), -1);
     EXPECT_EQ(errno, EINTR);
-    modem.control("clear");
-    modem.control("fault vanish=0");
+    control("clear");
+    control("fault vanish=0");
     chat_send(fd, "AT", 0);
     dev_close(fd);
-    EXPECT_TRUE(
-        eventually([] { return Modem::transcript().find("-> \\r\\nRDY\\r\\n") != std::string::npos; }));
-    modem.control("clear");
-    fd = dev_init(Modem::TTY, FLAGS, 115200);
+    EXPECT_TRUE(eventually([] { return logged("-> \\r\\nRDY\\r\\n", "/tmp/transcript"); }));
+    control("clear");
+    fd = dev_init("/tmp/tty", FLAGS, 115200);
     EXPECT_EQ(chat_send_expect(fd, "AT", "AT\r\r\nOK", 10, 0), 1) << "the echo is on again";
-    modem.control("fault late=600000");
+    control("fault late=600000");
     chat_send(fd, "AT", 0);
-    modem.control("say RING");
+    control("say RING");
     EXPECT_EQ(chat_expect(fd, "\r\nRING\r\n", 10, 0), 1) << "before the answer";
     EXPECT_EQ(dev_close(fd), 0);
 }
