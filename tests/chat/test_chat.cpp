@@ -219,7 +219,7 @@ TEST_F(Line, answers_are_taken_as_far_as_there_is_room_and_time)
         {reads(8, 10), nullptr, {"0123456789"}, 7, "0123456" + nul + "#", "0123456", 0, 8},
         {reads(8, 0), nullptr, {}, 3, "789" + nul + "###" + nul + "#", "789", 0, GRACE_S},
         // An answer ends after a whole timeout of silence. Without room for one the command goes out.
-        {sends_and_reads(512, 3), "AT\r", {"\r\n", "OK", "\r\n"}, 6, "\r\nOK\r\n" + nul, "\r\nOK\r\n", 5, 9},
+        {sends_and_reads(512, 4), "AT\r", {"\r\n", "OK", "\r\n"}, 6, "\r\nOK\r\n" + nul, "\r\nOK\r\n", 6, 9},
         {sends_and_reads(512, 10), "AT\r", {letters(600)}, 511, letters(511) + nul + "#", letters(511), 0, 8},
         {sends_and_reads(1, 10), "AT\r", {}, 0, nul + "#", "", 0, 8},
     };
@@ -230,9 +230,9 @@ TEST_F(Line, answers_are_taken_as_far_as_there_is_room_and_time)
         exchanges.push_back(
             {sends_frame(call, 10), "A", {letters(20)}, static_cast<int>(most), all + nul, all, 0, 8});
         exchanges.push_back(
-            {sends_frame(call, 2), "A", {all}, static_cast<int>(most), all + nul, all, 2, 2 + 2 * GRACE_S});
+            {sends_frame(call, 4), "A", {all}, static_cast<int>(most), all + nul, all, 4, 4 + 2 * GRACE_S});
         exchanges.push_back(
-            {sends_frame(call, 2), "A", {"12345"}, 5, "12345" + nul, "12345", 2, 2 + 2 * GRACE_S});
+            {sends_frame(call, 4), "A", {"12345"}, 5, "12345" + nul, "12345", 4, 4 + 2 * GRACE_S});
     }
     for (const auto &[call, command, pieces, result, buffer, received, from_s, to_s] : exchanges) {
         SCOPED_TRACE("'" + buffer + "' '" + received + "'");
@@ -264,11 +264,11 @@ TEST_F(Line, removed_card_is_reported_whatever_log_says)
     for (const auto &[text, length, logged] :
          {std::tuple("\r\n^SIMST:255\r\n", 14, removal), {"^SIMST:25\r\n", 11, ""}}) {
         const std::jthread answering = answer({text});
-        EXPECT_EQ(chat_send_read(fd, "AT", b, sizeof b, 2, 0), length);
+        EXPECT_EQ(chat_send_read(fd, "AT", b, sizeof b, 4, 0), length);
         EXPECT_EQ(take_log(), logged);
     }
     const std::jthread answering = answer({"^SIMST:255\r\n"});
-    EXPECT_EQ(chat_send_hex_read(fd, "\x01", b, 1, 2, 0), 12);
+    EXPECT_EQ(chat_send_hex_read(fd, "\x01", b, 1, 4, 0), 12);
     EXPECT_EQ(take_log(), removal);
 }
 
