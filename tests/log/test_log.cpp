@@ -1,5 +1,6 @@
 #include "support/case.h"
 #include "support/log.h"
+#include "support/syscall_trace.h"
 
 #include <qzlib.h>
 
@@ -201,6 +202,8 @@ TEST_F(FileLog, messages_of_threads_are_whole_lines_and_leak_nothing)
     for (int i = 0; i < 1000; ++i)
         lines += "[0-0-0 0:0:0]<ERROR>id:thread 0 message 0 end\n";
     EXPECT_EQ(with_zeros(log), lines);
+    const auto write_one = [] { debug_msg(3, "m", 1, "text"); };
+    EXPECT_EQ(trace_writes("/tmp/", write_one).size(), 1U) << "a line is one write";
     EXPECT_EQ(open_descriptors(), descriptors);
 }
 
