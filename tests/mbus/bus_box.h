@@ -1,77 +1,43 @@
 // Both ends of the bus for tests: the server's end is this process, clients are its children.
-// RawBus is a second look at the shared memory that knows nothing but keys and offsets.
 #pragma once
 
-#include "support/files.h"
+#include "mbus/format.h"
+#include "support/case.h"
+#include "support/log.h"
+#include "support/process.h"
 
-#include <gtest/gtest.h>
-#include <qzlib.h>
-
-#include <cstring>
-#include <functional>
-#include <signal.h>
+#include <numeric>
+#include <random>
 #include <sys/shm.h>
-#include <sys/wait.h>
-#include <unistd.h>
-#include <utility>
 
 namespace support
 {
 
-// Shared memory by key, seen as bytes.
-class RawSegment
+using qz::mbus::Slot;
+
+// A second look at shared memory, beside the library's own.
+class Segment : NoCopy
 {
 public:
-    explicit RawSegment(int key) : base_(static_cast<char *>(shmat(shmget(key, 0, 0), nullptr, 0))) {}
-    ~RawSegment() { shmdt(base_); }
-    RawSegment(const RawSegment &) = delete;
-    RawSegment &operator=(const RawSegment &) = delete;
+    explicit Segment(int key) : base(static_cast<char *>(shmat(shmget(key, 0, 0), nullptr, 0))) {}
+    explicit Segment(const char *client) : Segment(qzlib_mbus_name_to_key(client)) {}
+    ~Segment() { shmdt(base); }
 
-    [[nodiscard]] char *at(size_t offset) const { return base_ + offset; }
-    [[nodiscard]] volatile uint32_t &word(size_t offset) const
-    {
-        return *reinterpret_cast<volatile uint32_t *>(base_ + offset);
-    }
-    [[nodiscard]] uint64_t counter(size_t offset) const
-    {
-        uint64_t value;
-        memcpy(&value, base_ + offset, sizeof value);
-        return value;
-    }
-    [[nodiscard]] pthread_cond_t *condition(size_t offset) const
-    {
-        return reinterpret_cast<pthread_cond_t *>(base_ + offset);
-    }
+    [[nodiscard]] std::string bytes(size_t offset, size_t size) const { return {base + offset, size}; }
 
-private:
-    char *base_;
+    char *const base;
+    Slot *const up = qz::mbus::up_slots(base);
+    Slot *const down = qz::mbus::down_slots(base);
 };
 
-constexpr int SHARE_KEY = 20206372;
-constexpr size_t UP_WRITE = 48;
-constexpr size_t UP_READ = 52;
-constexpr size_t DOWN_WRITE = 56;
-constexpr size_t DOWN_READ = 60;
-constexpr size_t DOWN_CONDITION = 112;
-constexpr size_t DOWN_RING = 267392;
-constexpr uint32_t SLOT = 4176;
-
-constexpr size_t record_at(size_t index)
-{
-    return 48 + 168 * index;
-}
-
 // The bus server's end in this process: control socket, share segment, clients by name.
-class ServerEnd
+class ServerEnd : NoCopy
 {
 public:
-    ServerEnd() : control_(qzlib_create_listen_unixdomain("/tmp/mbus.sock"))
+    ServerEnd()
     {
         qzlib_mbus_share_init();
-        pthread_condattr_t shared;
-        pthread_condattr_init(&shared);
-        pthread_condattr_setpshared(&shared, PTHREAD_PROCESS_SHARED);
-        pthread_cond_init(static_cast<pthread_cond_t *>(mbus_share), &shared);
+        init_condition(&share()->up_cond);
     }
     ~ServerEnd()
     {
@@ -80,13 +46,16 @@ public:
             qzlib_client_uninit(record(i));
         qzlib_mbus_share_uninit();
     }
-    ServerEnd(const ServerEnd &) = delete;
-    ServerEnd &operator=(const ServerEnd &) = delete;
 
-    [[nodiscard]] static mbus_client *record(size_t index)
+    static void init_condition(pthread_cond_t *condition)
     {
-        return &static_cast<mbus_share_segment *>(mbus_share)->clients[index];
+        pthread_condattr_t shared;
+        pthread_condattr_init(&shared);
+        pthread_condattr_setpshared(&shared, PTHREAD_PROCESS_SHARED);
+        pthread_cond_init(condition, &shared);
     }
+    [[nodiscard]] static mbus_share_segment *share() { return static_cast<mbus_share_segment *>(mbus_share); }
+    [[nodiscard]] static mbus_client *record(size_t index) { return &share()->clients[index]; }
     mbus_client *add(std::string_view name)
     {
         mbus_client *added = record(count_++);
@@ -103,43 +72,15 @@ public:
     }
 
 private:
-    int control_;
+    int control_ = qzlib_create_listen_unixdomain("/tmp/mbus.sock");
     size_t count_ = 0;
 };
 
-// A process of a test. Its end is waited for; a failed expectation in it fails the test.
-class Child
-{
-public:
-    explicit Child(const std::function<void()> &run) : pid_(fork())
-    {
-        if (pid_ != 0)
-            return;
-        run();
-        fflush(nullptr);
-        _exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-    ~Child() { EXPECT_EQ(wait(), 0); }
-    Child(const Child &) = delete;
-    Child &operator=(const Child &) = delete;
-
-    [[nodiscard]] pid_t pid() const { return pid_; }
-    int wait()
-    {
-        if (pid_ < 0)
-            return 0;
-        int status = -1;
-        waitpid(std::exchange(pid_, -1), &status, 0);
-        return status;
-    }
-    void kill()
-    {
-        ::kill(pid_, SIGKILL);
-        EXPECT_TRUE(WIFSIGNALED(wait()));
-    }
-
-private:
-    pid_t pid_;
+// A server with one client's record.
+struct Bus : testing::Test {
+    ServerEnd server;
+    mbus_client *record = server.add("demo");
+    const Segment segment{"demo"};
 };
 
 // A client's connecting empties its rings, so its peer waits until that is done: the client
@@ -147,17 +88,13 @@ private:
 // that connecting gives it.
 inline void connect_as(const char *name)
 {
-    int result = qzlib_connect_mbus_server(name);
-    for (int again = 0; result != 0 && again < 10; ++again)
-        result = qzlib_connect_mbus_server(name);
-    ASSERT_EQ(result, 0);
+    ASSERT_TRUE(eventually([name] { return qzlib_connect_mbus_server(name) == 0; }));
     ASSERT_EQ(qzlib_client_set_flag(1), 0);
 }
 
 inline void await_connected(const mbus_client *record)
 {
-    while (__atomic_load_n(&record->flags, __ATOMIC_ACQUIRE) == 0)
-        usleep(100);
+    ASSERT_TRUE(eventually([record] { return __atomic_load_n(&record->flags, __ATOMIC_ACQUIRE) != 0; }));
 }
 
 inline mbus_pkg packet(std::string_view payload, std::string_view name = "", uint8_t type = 0)
@@ -175,38 +112,20 @@ inline std::string payload(const mbus_pkg *pkg)
     return pkg == nullptr ? "none" : std::string(static_cast<const char *>(pkg->data), pkg->length);
 }
 
-// What the library logs, at every level, in a file.
-struct LogFile {
-    LogFile()
-    {
-        write_file("/tmp/config/cli.conf", "log msg-level debug\n");
-        openmsg_com("/tmp/test.log", 0, "id", 0);
-    }
-    [[nodiscard]] static bool has(const std::string &line)
-    {
-        return read_file("/tmp/test.log").find(line + "\n") != std::string::npos;
-    }
-};
+// A control datagram.
+inline std::string command(char code, std::string name)
+{
+    name.resize(32, '\0');
+    return std::string{code, 0, 0, 0} + name;
+}
 
-// Deterministic contents, checked byte by byte on the other side.
-struct Pattern {
-    explicit Pattern(uint32_t seed) : state(seed * 2654435761U + 1) {}
-    uint32_t next()
-    {
-        state ^= state << 13;
-        state ^= state >> 17;
-        state ^= state << 5;
-        return state;
-    }
-    std::string packet()
-    {
-        const uint32_t first = next();
-        std::string text(1 + first % ((first >> 20) % 16 == 0 ? 4096 : 300), '\0');
-        for (char &c : text)
-            c = static_cast<char>(next());
-        return text;
-    }
-    uint32_t state;
-};
+// Contents that both sides make alike.
+inline std::string next_text(std::minstd_rand &random)
+{
+    const auto number = random();
+    std::string text(1 + number / 16 % (number % 16 == 0 ? 4096 : 300), '\0');
+    std::iota(text.begin(), text.end(), static_cast<char>(number >> 8));
+    return text;
+}
 
 } // namespace support

@@ -199,19 +199,17 @@ TEST(Descriptors, closed_slots_behave_as_daemons_know_it)
     for (const auto &[closed, keep_stderr, after] : cases) {
         const auto as_expected = [closed = closed, keep_stderr = keep_stderr, after = after] {
             const int kept = open("/", O_PATH);
-            for (int slot = 0; slot < 3; ++slot)
-                closed.find(std::to_string(slot)) == closed.npos ? dup2(kept, slot) : close(slot);
+            for (const char slot : std::string("012"))
+                closed.find(slot) == closed.npos ? dup2(kept, slot - '0') : close(slot - '0');
             close(kept);
             (void)qzlib_stdout_to_null(keep_stderr);
-            for (int slot = 0; slot < 3; ++slot) {
+            std::string slots;
+            for (const char slot : std::string("012")) {
                 char target[16] = "-";
-                (void)!readlink(("/proc/self/fd/" + std::to_string(slot)).c_str(), target, 15);
-                if ((strcmp(target, "/dev/null") == 0 ? 'n'
-                     : strcmp(target, "/") == 0       ? 'k'
-                                                      : '-') != after[slot])
-                    return 1;
+                (void)!readlink((std::string("/proc/self/fd/") + slot).c_str(), target, 15);
+                slots += strcmp(target, "/dev/null") == 0 ? 'n' : strcmp(target, "/") == 0 ? 'k' : '-';
             }
-            return 42;
+            return slots == after ? 42 : 1;
         };
         EXPECT_EQ(run_child(as_expected), 42) << closed << " " << after;
     }
