@@ -7,7 +7,7 @@ namespace
 
 using namespace support;
 
-const uint32_t ROUNDS = scaled(100'000U);
+const uint32_t ROUNDS = scaled(40'000U);
 
 // What the callback of a client saw, in bytes or in packets; it may be held up.
 struct Seen {
