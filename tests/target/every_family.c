@@ -1,6 +1,6 @@
-/* Calls every family once, in plain C and against whatever libc it is linked with; to be run in a
- * box. Each family runs on a thread with the 128 KiB of stack that a small libc gives one, and
- * says how much of it the calls used. every_family --emulator leaves out what the user-mode
+/* Calls every family once, in plain C and against whatever libc it is linked with; to be run by
+ * tests/target/musl.sh. Each family runs on a thread with the 128 KiB of stack that a small libc gives
+ * one, and says how much of it the calls used. every_family --emulator leaves out what the user-mode
  * emulator does not know: the netlink user protocol. Status 0 when all is as it should be. */
 #define _GNU_SOURCE
 #include <qzlib.h>
@@ -13,9 +13,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 enum { STACK_SIZE = 128 * 1024, PAINT = 0xA5 };
@@ -64,108 +62,44 @@ static void message_log(void)
 
 static void configuration(void)
 {
-    write_text("/tmp/config/cli.conf", "interface eth0\n ip address 10.0.0.1\n!\n");
-    CHECK(cli_find_paremeter("interface eth0", "ip address") == 0);
-    CHECK(cli_find_paremeter("interface eth0", "no such line") == -1);
-}
-
-static void service_store(void)
-{
     char value[256];
     service_info *info;
+    write_text("/tmp/config/cli.conf", "interface eth0\n ip address 10.0.0.1\n!\n");
+    CHECK(cli_find_paremeter("interface eth0", "ip address") == 0);
     write_text("/tmp/config/lan.conf", "lan_ip=192.168.1.1\n");
     info = qzlib_service_info_init("lan");
-    CHECK(info != NULL);
-    CHECK(qzlib_service_set_param(info, NULL, "dhcp", "on") == 0);
+    CHECK(info != NULL && qzlib_service_set_param(info, NULL, "dhcp", "on") == 0);
     CHECK(qzlib_service_get_param(info, NULL, "lan_ip", value) == 0 && strcmp(value, "192.168.1.1") == 0);
     CHECK(qzlib_service_saveto_file(info, "/tmp/config/lan.conf") == 0);
     qzlib_service_info_uninit(info);
 }
 
-/* The other end of the bus: a server with one client, in a process of its own. */
-static void serve_bus(int ready, int end)
-{
-    mbus_client *client;
-    mbus_share_segment *share;
-    mbus_pkg answer = {2, "answer", 6, "hello"};
-    mbus_pkg *pkg = NULL;
-    pthread_condattr_t attributes;
-    struct pollfd wait = {end, 0, 0};
-    int listener = qzlib_create_listen_unixdomain("/tmp/mbus.sock");
-    if (listener < 0 || qzlib_mbus_share_init() != 0)
-        _exit(1);
-    share = mbus_share;
-    pthread_condattr_init(&attributes);
-    pthread_condattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-    pthread_cond_init(&share->up_cond, &attributes);
-    client = &share->clients[0];
-    strcpy(client->name, "demo");
-    if (qzlib_client_init(client) != 0 || write(ready, "", 1) != 1)
-        _exit(2);
-    while (pkg == NULL && poll(&wait, 1, 10) == 0)
-        pkg = qzlib_mbus_read_pkg(client, 1);
-    if (pkg == NULL || pkg->length != 6 || strcmp(pkg->data, "hello") != 0)
-        _exit(3);
-    if (sizeof(void *) == 4 && (char *)pkg->data != (char *)pkg + QZLIB_MBUS_SLOT_PAYLOAD)
-        _exit(4); /* a 32-bit reader gets the slot itself */
-    qzlib_mbus_write_pkg(client, &answer);
-    while (poll(&wait, 1, -1) == 0) {
-    }
-    qzlib_client_uninit(client);
-    qzlib_mbus_share_uninit();
-    _exit(0);
-}
-
 static void message_bus(void)
 {
-    int ready[2], end[2], status = -1;
-    char byte;
-    mbus_pkg *pkg;
     mbus_client *record;
-    pid_t server;
-    CHECK(pipe(ready) == 0 && pipe(end) == 0);
-    server = fork();
-    if (server == 0) {
-        close(end[1]);
-        serve_bus(ready[1], end[0]);
-    }
-    close(ready[1]);
-    CHECK(read(ready[0], &byte, 1) == 1);
-    CHECK(qzlib_connect_mbus_server("demo") == 0);
+    mbus_pkg *pkg;
+    int tries = 0;
+    while (qzlib_connect_mbus_server("demo") != 0 && tries < 99) /* a loaded server may need longer */
+        ++tries;
     record = qzlib_find_client_by_name("DEMO");
-    CHECK(record != NULL && record->server_handle.address != 0);
-    CHECK(qzlib_mbus_write(NULL, 1, "topic", "hello", 6) == 6);
+    CHECK(record != NULL && qzlib_client_set_flag(1) == 0);
+    CHECK(qzlib_mbus_write(NULL, 1, "demo", "hello", 6) == 6);
     pkg = qzlib_mbus_read_pkg(NULL, 0);
-    CHECK(pkg != NULL && pkg->type == 2 && pkg->length == 6 && strcmp(pkg->data, "hello") == 0);
+    CHECK(pkg != NULL && pkg->type == 1 && pkg->length == 6 && strcmp(pkg->data, "hello") == 0);
+    /* a 32-bit reader gets the slot itself */
+    CHECK(sizeof(void *) != 4 || (char *)pkg->data == (char *)pkg + QZLIB_MBUS_SLOT_PAYLOAD);
     CHECK(qzlib_disconnect_mbus_server() == 0);
-    close(end[1]);
-    waitpid(server, &status, 0);
-    CHECK(status == 0);
-    close(ready[0]);
-    close(end[0]);
 }
 
 static void serial_line(void)
 {
     char answer[64] = "";
-    char command[16] = "";
-    pid_t modem;
-    int line, status = -1;
-    int master = posix_openpt(O_RDWR | O_NOCTTY);
-    CHECK(grantpt(master) == 0 && unlockpt(master) == 0);
-    line = dev_init(ptsname(master), O_RDWR | O_NOCTTY | O_NONBLOCK, 115200);
+    int line = dev_init("/tmp/modem", O_RDWR | O_NOCTTY | O_NONBLOCK, 115200);
     CHECK(line > 0);
-    modem = fork();
-    if (modem == 0)
-        _exit(read(master, command, 3) != 3 || memcmp(command, "AT\r", 3) != 0 ||
-              write(master, "\r\nOK\r\n", 6) != 6);
     CHECK(chat_send_expect(line, "AT", "OK", 5, 0) == 1);
-    waitpid(modem, &status, 0);
-    CHECK(status == 0);
     CHECK(chat_read(line, answer, sizeof answer, 1, 0) >= 0);
     CHECK(dev_close(line) == 0);
     CHECK(qzlib_uart_baud_to_flag(500000) == 0x1005);
-    close(master);
 }
 
 static void event_flags(void)
@@ -193,13 +127,6 @@ static void boot_environment(void)
     char value[64];
     CHECK(crc32(0, (const unsigned char *)"123456789", 9) == 0xCBF43926);
     CHECK(qzlib_get_boot_env("x", value, sizeof value) == -1); /* there is no flash */
-}
-
-static void modem_status(void)
-{
-    write_text("/tmp/modem.info", "rssi:-71\n");
-    CHECK(qzlib_update_modem_status_info_tab() == 0);
-    CHECK(strcmp(qzlib_get_modem_status_info("rssi"), "-71") == 0);
 }
 
 static int heard[2]; /* a pipe */
@@ -254,7 +181,7 @@ static void commands(void)
 {
     char name[64] = "";
     CHECK(system_dumb("exit 3", 5) == 3);
-    CHECK(system_dumb("sleep 9", 1) == -267);
+    CHECK(system_dumb("sleep 9", 1) == QZLIB_ERR_TIME_LIMIT);
     CHECK(qzlib_exe_cmd("exit %d", 0) == 0);
     CHECK(qzlib_get_process_name_by_pid(getpid(), name, sizeof name) >= 0 && name[0] != '\0');
 }
@@ -270,13 +197,17 @@ static void statistics(void)
 static void device(void)
 {
     char text[256];
+    write_text("/tmp/modem.info", "rssi:-71\n");
+    CHECK(qzlib_update_modem_status_info_tab() == 0);
+    CHECK(strcmp(qzlib_get_modem_status_info("rssi"), "-71") == 0);
     write_text("/tmp/device.info", "HW_Version:V1.0\n");
     CHECK(qzlib_get_device_hwversion(text) == 0 && strcmp(text, "V1.0") == 0);
     CHECK(strcmp(qzlib_get_cpu_model(), "MDM9607") == 0);
 }
 
-static void sockets(void)
+static void network(void)
 {
+    char ip[32], mask[32], mac[32];
     int listener = qzlib_create_listen_tcp("127.0.0.1", 7000);
     int client = qzlib_create_connect_tcp("127.0.0.1", "7000", 0);
     int odd = qzlib_create_connect_udp("1.2.3.", "7000", 0); /* to 0.0.0.0, for which no route is needed */
@@ -284,18 +215,8 @@ static void sockets(void)
     close(odd);
     close(client);
     close(listener);
-}
-
-static void interfaces(void)
-{
-    char ip[32], mask[32], mac[32];
     CHECK(qzlib_get_interface_info("lo", ip, sizeof ip, mask, sizeof mask, mac, sizeof mac) == 0);
     CHECK(strcmp(ip, "127.0.0.1") == 0 && strcmp(mask, "255.0.0.0") == 0);
-}
-
-static void probes(void)
-{
-    char ip[16];
     CHECK(qzlib_get_tcp_latency("127.0.0.1", "9", 5000) == -1);
     CHECK(qzlib_get_domain_ip("8.8.8.8", ip) == 0 && strcmp(ip, "8.8.8.8") == 0);
 }
@@ -325,23 +246,19 @@ int main(int argc, char **argv)
     } families[] = {
         {"strings", strings},
         {"message log", message_log},
-        {"CLI configuration", configuration},
-        {"service store", service_store},
+        {"configuration", configuration},
         {"message bus", message_bus},
         {"serial line", serial_line},
         {"event flags", event_flags},
         {"routing", routing},
         {"boot environment", boot_environment},
-        {"modem status", modem_status},
         {"local messages", local_messages},
         {"LEDs and GPIOs", leds},
         {"files", files},
         {"commands", commands},
         {"statistics", statistics},
-        {"device", device},
-        {"sockets", sockets},
-        {"interfaces", interfaces},
-        {"probes", probes},
+        {"device and modem", device},
+        {"network", network},
     };
     size_t i;
     cJSON *tree = cJSON_Parse("{\"rssi\": -71}");

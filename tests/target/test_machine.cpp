@@ -1,21 +1,12 @@
 // What only a machine has, where the tests of the families make do with files in a box: flash
 // behind the kernel's MTD layer, LEDs with the kernel's triggers, a watchdog that resets, a
 // UART, addresses of 32 bits. Run outside any box by the stages in this folder.
-#include <gtest/gtest.h>
+#include "support/case.h"
+
 #include <qzlib.h>
 
-#include <csignal>
-#include <cstring>
-#include <fcntl.h>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <termios.h>
-#include <unistd.h>
-
-#include "support/files.h"
 
 namespace
 {
@@ -116,23 +107,18 @@ struct Led : testing::Test {
 TEST_F(Led, kernel_shows_the_mode_that_was_set)
 {
     ASSERT_NE(name, "");
-    const struct {
-        unsigned mode;
-        const char *trigger;
-        const char *attribute;
-        const char *value;
-    } cases[] = {
+    const support::Table<unsigned, const char *, const char *, const char *> cases = {
         {1, "[none]", "brightness", "1\n"},  {2, "[timer]", "delay_off", "100\n"},
         {3, "[timer]", "delay_on", "500\n"}, {0, "[none]", "brightness", "0\n"},
         {4, "[oneshot]", "invert", "0\n"},
     };
-    for (const auto &c : cases) {
-        qzlib_led_name_set(name.c_str(), c.mode);
-        EXPECT_NE(file("trigger").find(c.trigger), std::string::npos) << c.mode;
-        EXPECT_EQ(file(c.attribute), c.value) << c.mode;
+    for (const auto &[mode, trigger, attribute, value] : cases) {
+        qzlib_led_name_set(name.c_str(), mode);
+        EXPECT_NE(file("trigger").find(trigger), std::string::npos) << mode;
+        EXPECT_EQ(file(attribute), value) << mode;
         // The call reads the first 255 characters; this kernel has more triggers than that.
         const bool in_reach = file("trigger").find(']') < 255;
-        EXPECT_EQ(qzlib_led_name_get(name.c_str()), in_reach ? static_cast<int>(c.mode) : -1);
+        EXPECT_EQ(qzlib_led_name_get(name.c_str()), in_reach ? static_cast<int>(mode) : -1);
     }
 }
 
