@@ -1,5 +1,6 @@
-# Stage "musl": the program that calls every family, against the small libc. every_family in a box with
-# the other ends of the bus and of the serial line; EVERY_FAMILY and TOOLS say how and with which.
+# Stage "musl": the program that calls every family, against the small libc, in a box with the other ends
+# of the bus and of the serial line. scripts/target-musl says in EVERY_FAMILY and TOOLS where it has them.
+# shellcheck disable=SC2016 # for the inner shell
 "${TOOLS:=$BUILD/bin}/qzbox" --bind "$SOURCE" --bind "$BUILD" -- sh -c '
     "$0/mbusd" --quiet &
     "$0/modemsim" --link /tmp/modem "$1/examples/modem.at" >/dev/null &
