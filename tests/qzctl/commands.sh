@@ -45,6 +45,7 @@ run_table <<'TABLE'
 0|internet |conf netd get wan apn
 1|qzctl: /tmp/config/netd.conf: no apn |conf netd get apn
 1|qzctl: /tmp/config/nope.conf: No such file or directory |conf nope get x
+1|qzctl: /tmp/config: not a file |conf --file /tmp/config list
 0||conf netd set wan mtu=1428 'note=a = b'
 0|1428 |conf --file /tmp/config/netd.conf get wan mtu
 0|a = b |conf netd get wan note
@@ -95,7 +96,7 @@ run_table <<'TABLE'
 0||gpio sim_select 1
 0|1 |gpio sim_select
 0||watchdog feed
-1|qzctl: the watchdog: Inappropriate ioctl for device |watchdog stop
+1|qzctl: /dev/mdm9x07_watchdog: Inappropriate ioctl for device |watchdog stop
 0|model K31-LTE *boot loader 1.4.2*|sys
 0|{ "model": "K31-LTE",*|sys --json
 0|NAME UP RUNNING *lo yes yes 127.0.0.1 255.0.0.0 *|if

@@ -91,17 +91,17 @@ public:
     // @return DONE, or NO after saying why
     int open(const char *device, unsigned baud)
     {
-        lock_.reset(open_lock(LINE_LOCK, 0644).release());
-        if (!lock_)
-            return say_errno(LINE_LOCK);
-        if (flock(lock_.get(), LOCK_EX | LOCK_NB) != 0)
-            return say(NO, "%s: another program holds the modem's line", LINE_LOCK);
-        // Looked at first, since dev_init() tries for 12 s.
+        // Looked at first: dev_init() tries for 12 s, and who may not use the line makes no lock.
         probe_.reset(::open(device, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
         if (!probe_)
             return say_errno(device);
         if (isatty(probe_.get()) != 1)
             return say(NO, "%s: not a tty", device);
+        lock_.reset(open_lock(LINE_LOCK, 0644).release());
+        if (!lock_)
+            return say_errno(LINE_LOCK);
+        if (flock(lock_.get(), LOCK_EX | LOCK_NB) != 0)
+            return say(NO, "%s: another program holds the modem's line", LINE_LOCK);
         if (flock(probe_.get(), LOCK_EX | LOCK_NB) != 0)
             return say(NO, "%s: another program has locked it", device);
         const int fd = dev_init(device, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC, static_cast<int>(baud));

@@ -13,6 +13,7 @@ namespace
 
 constexpr const char *LED_FOLDER = "/sys/class/leds";
 constexpr const char *GPIO_FOLDER = "/sys/class/gpio";
+constexpr const char *WATCHDOG = "/dev/mdm9x07_watchdog";
 constexpr size_t LED_NAME_MAX = 35; // the library's paths end after 62 characters
 constexpr size_t GPIO_NAME_MAX = 40;
 
@@ -137,14 +138,17 @@ int gpio(const Arguments &arguments)
     return DONE;
 }
 
+// The library's result does not say why the device cannot be opened.
 int watchdog_feed(const Arguments & /*arguments*/)
 {
-    return qzlib_watchdog_feed() == 1 ? static_cast<int>(DONE) : say_errno("the watchdog");
+    return access(WATCHDOG, W_OK) == 0 && qzlib_watchdog_feed() == 1 ? static_cast<int>(DONE)
+                                                                     : say_errno(WATCHDOG);
 }
 
 int watchdog_stop(const Arguments & /*arguments*/)
 {
-    return qzlib_watchdog_stop() >= 0 ? static_cast<int>(DONE) : say_errno("the watchdog");
+    return access(WATCHDOG, W_OK) == 0 && qzlib_watchdog_stop() >= 0 ? static_cast<int>(DONE)
+                                                                     : say_errno(WATCHDOG);
 }
 
 // ---- sys

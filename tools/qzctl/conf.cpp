@@ -119,8 +119,11 @@ int load(const Arguments &arguments, const char *path, Store &store)
 int load_for_reading(const Arguments &arguments, Store &store)
 {
     const char *path = file_of(arguments);
-    const Fd file(open(path, O_RDONLY | O_CLOEXEC));
-    return file ? load(arguments, path, store) : say_errno(path);
+    const Fd file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat status;
+    if (!file || fstat(file.get(), &status) != 0)
+        return say_errno(path);
+    return S_ISREG(status.st_mode) ? load(arguments, path, store) : say(NO, "%s: not a file", path);
 }
 
 // ---- Reading

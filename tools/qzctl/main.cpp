@@ -298,16 +298,17 @@ void print_completion()
     for (const Command &command : COMMANDS)
         if (begins_group(command))
             (void)printf("%.*s ", static_cast<int>(group_of(command).size()), command.name);
-    (void)puts("' ;;\n"
-               "    '2 conf') words=$(cd /tmp/config 2>/dev/null && ls -- *.conf 2>/dev/null)\n"
-               "        words=\"${words//.conf/} --file\" ;;\n"
-               "    '3 led') words='off on fast slow oneshot fire invert 50ms 100ms' ;;\n"
-               "    '3 log') words='debug info warn error emerg' ;;\n"
-               "    '2 led') words=$(ls /sys/class/leds 2>/dev/null) ;;\n"
-               "    '2 gpio') words=$(ls /sys/class/gpio 2>/dev/null) ;;\n"
-               "    '2 if') words=$(ls /sys/class/net 2>/dev/null) ;;\n"
-               "    esac\n"
-               "    [ -n \"$words\" ] || case \"${COMP_WORDS[1]}\" in");
+    (void)puts(
+        "' ;;\n"
+        "    '2 conf') words=$(cd /tmp/config 2>/dev/null && ls -- *.conf 2>/dev/null | grep -vx cli.conf)\n"
+        "        words=\"${words//.conf/} --file\" ;;\n"
+        "    '3 led') words='off on fast slow oneshot fire invert 50ms 100ms' ;;\n"
+        "    '3 log') words='debug info warn error emerg' ;;\n"
+        "    '2 led') words=$(ls /sys/class/leds 2>/dev/null) ;;\n"
+        "    '2 gpio') words=$(ls /sys/class/gpio 2>/dev/null) ;;\n"
+        "    '2 if') words=$(ls /sys/class/net 2>/dev/null) ;;\n"
+        "    esac\n"
+        "    [ -n \"$words\" ] || case \"${COMP_WORDS[1]}\" in");
     for (const Command &command : COMMANDS)
         if (begins_group(command))
             print_completion_of(command);

@@ -57,11 +57,9 @@ bool read_all(int fd, Content &content)
     for (;;) {
         if (room - content.size < 2) {
             room = room * 2 + 8192;
-            auto *grown = static_cast<char *>(realloc(content.memory.get(), room));
-            if (grown == nullptr)
+            content.memory.reset(static_cast<char *>(realloc(content.memory.release(), room)));
+            if (!content.memory)
                 out_of_memory();
-            (void)content.memory.release();
-            content.memory.reset(grown);
         }
         const ssize_t got = read(fd, content.memory.get() + content.size, room - content.size - 1);
         if (got < 0 && errno == EINTR)
