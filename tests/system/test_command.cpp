@@ -295,7 +295,7 @@ TEST(Processes, second_copy_from_the_same_path_ends_itself)
     Process other([&] { return execl(elsewhere.c_str(), "", "--quiet", nullptr); });
     EXPECT_TRUE(
         eventually([&] { return qzlib_get_pid_by_name_path(name, elsewhere.c_str()) == other.pid(); }));
-    EXPECT_EQ(qzlib_process_is_unique(), 1);
+    ASSERT_EQ(qzlib_process_is_unique(), 1);
     EXPECT_EQ(qzlib_process_unique(), 1);
     testing::internal::CaptureStdout();
     EXPECT_EQ(run_child([] { return qzlib_process_is_unique() == 0 ? qzlib_process_unique() + 8 : 7; }), 0);
