@@ -21,6 +21,9 @@ sed -n 's/^ *\([A-Za-z_0-9]*\);$/\1/p' "$source/src/qzlib.map" | sort >"$work/li
 "$nm" -D --defined-only "$object" | awk '{ print $3 }' | sort >"$work/exported"
 same "exported differs from src/qzlib.map" "$work/listed" "$work/exported"
 
+sed -n 's/^ \(.*\)@Base .*/\1/p' "$source/packaging/debian/libqzlib3.symbols" | sort >"$work/packaged"
+same "packaging/debian/libqzlib3.symbols differs from src/qzlib.map" "$work/listed" "$work/packaged"
+
 printf '#include <qzlib.h>\n' >"$work/header.c"
 for language in "$cc -std=c99 -x c" "$cc -std=gnu11 -x c" "$cxx -std=c++11 -x c++" "$cxx -std=c++20 -x c++"; do
     $language -Wall -Wextra -pedantic -Werror -I"$source/include" -fsyntax-only "$work/header.c" ||
