@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Packets through the bus server to many clients, beside a D-Bus daemon and an MQTT broker on a
 // local socket: one sender, 1 to 48 receivers, everything on one core and on two. Then a round trip
 // from client to client beside a direct one, and what an idle bus costs.

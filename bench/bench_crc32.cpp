@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // crc32() beside zlib's and beside a table loop that takes one byte at a time: the ratios of
 // one run, so that a loaded or throttled machine slows all three alike.
 #include "ratio_reporter.h"

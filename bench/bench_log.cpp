@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a log message costs beside the system calls that it cannot do without, made once by
 // hand. Runs in a box, whose /dev/log it uses.
 #include "ratio_reporter.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Packets between two processes over the bus, beside what else a daemon could use: a UNIX
 // datagram socket, a pipe, a POSIX message queue; and the copy alone, which nothing can beat.
 // On one core and on two; then one packet to and fro, beside a bare futex in shared memory.

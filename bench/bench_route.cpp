@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a snapshot of source routing costs beside the `ip` commands that it runs: a hundred
 // rules with ten routes each. Runs in a box, whose tables it fills. The work is done by child
 // processes and most of it is waiting for them, so that time on the clock is compared, in pairs

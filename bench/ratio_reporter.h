@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reports what a piece of the library costs as a multiple of a named peer that was measured
 // in the same run, interleaved with it. Bare times of a machine say nothing about another.
 #pragma once

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The installed set: header, shared object, linker script under the development name,
 # pkg-config file, CMake package; the tools with their pages and the manual install from their own folders.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Debian's cross compilers. QZLIB_ARCHITECTURE is Debian's name of the processor. cJSON and
 # GoogleTest for it come from the sysroot that scripts/target-sysroot makes.
 set(QZLIB_ARCHITECTURE mipsel CACHE STRING "The processor to build for: mipsel, armhf, arm64 or riscv64")

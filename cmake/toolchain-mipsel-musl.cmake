@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The library alone against a small libc: musl for 32-bit little-endian MIPS, from the folder
 # that scripts/target-musl prepares. The compiler is Debian's, configured for glibc: its own
 # header and library folders are set aside, its C++ headers are told what they would otherwise

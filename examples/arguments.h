@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * What the daemons here do with their arguments. -h and --help print the usage. Whatever is wrong
  * is one line on standard error, "daemon: what is wrong: why", and status 2, before anything has

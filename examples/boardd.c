@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * boardd: the daemon that knows the hardware.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * Staying on the message bus. A daemon whose server ended, or was replaced by one that does not know
  * it, finds its own name no longer; to look costs no system call.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * bus_param: owns a parameter and tells the bus about it.
  *

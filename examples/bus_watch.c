@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * bus_watch: prints what comes over the bus and asks for what it wants to know.
  *

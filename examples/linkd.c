@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * linkd: keeps the router's default route on the best link that works.
  *

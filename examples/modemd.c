@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * modemd: the modem's daemon. Opens the modem's tty, asks for signal quality, card and network
  * in turn, and publishes what it learnt: the table in /tmp/modem.info, and each change on the

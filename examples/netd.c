@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * netd: the first half of a daemon's life on qzlib.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /*
  * statusd: a daemon that wants to know how the modem is. Reads the table that modemd keeps in
  * /tmp/modem.info whenever it has been replaced, and hears of changes at once on the message

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /**
  * @file qzlib.h
  * The shared utility library of the router's daemons: the whole public interface.

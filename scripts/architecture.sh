@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Sourced after common.sh: takes the architecture of the target, by Debian's name for it, off the
 # front of the script's arguments (default mipsel), and says what follows from it.
 

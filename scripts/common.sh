@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Shared by the scripts: where the tree is, and how packages get installed. Sourced, not run.
 
 set -eu

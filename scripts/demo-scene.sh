@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Shared by the scenes in scripts/demo.d. Sourced inside the box, not run.
 
 set -u

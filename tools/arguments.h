@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the tools do with their arguments: whatever is wrong with them is one line on standard error,
 // "tool: what is wrong: why", and status 2, before anything has been started or written.
 #pragma once

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """hello.py NAME [PEER TEXT]: joins the bus as NAME and prints its packets; sends TEXT to PEER first."""
 
 import os

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """libqzlib for Python, by ctypes: the calls that the examples use, with their types.
 
 Declare what you add in the same way: arguments and result of each function as in qzlib.h. Without that,

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # netd: a daemon starts, with its log, its configuration and its commands.
 . scripts/demo-scene.sh
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # The message bus: two daemons talk through the bus server, and its table shows it.
 . scripts/demo-scene.sh
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # modemd: a daemon talks to a simulated modem, and another one learns what the modem says.
 . scripts/demo-scene.sh
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # linkd supervises two links: one of them goes down, and the default route moves.
 . scripts/demo-scene.sh
 

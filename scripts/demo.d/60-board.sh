@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # boardd: the hardware's daemon counts boots, drives lights, feeds the watchdog, takes orders.
 . scripts/demo-scene.sh
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Included in front of every file where src/CMakeLists.txt says so: on 32-bit MIPS, by GCC.
 //
 // Every call there loads an address from the object's table. For a function that another object may

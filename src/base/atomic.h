@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Atomic operations on words that threads or processes share, in an order that all of them see.
 //
 // MIPS's 16-bit instructions have no barrier, and GCC calls a function for each one: two for a

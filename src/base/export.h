@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The mark of a definition that belongs to the public interface. src/qzlib.map lists the
 // same names for the linker; the interface test keeps both and the header in step.
 #pragma once

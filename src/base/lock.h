@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A mutex that is held as long as an object lives.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "base/lookup.h"
 #include "base/atomic.h"
 #include "base/thread.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Look-ups of names, and how a fork() keeps out of their way.
 #pragma once
 

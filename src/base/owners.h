@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owners of descriptors, streams and directories. Move-only; an owner may be empty, its
 // destructor keeps errno and never logs, and release() hands the resource to the caller.
 #pragma once

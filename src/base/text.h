@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Bounded copies and the line reading rule of the router's text files.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Threads: how the library starts its own, and what calls need that a caller may cancel.
 #pragma once
 

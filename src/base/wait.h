@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Waiting for a descriptor.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The bootloader's environment block, the last 128 KiB of the partition "aboot": found
 // through sysfs, read and written whole through the partition's block device.
 #include "base/export.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The library's CRC-32: reflected, polynomial 0xEDB88320, as in Ethernet and in the
 // bootloader's environment block.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The CRC-32 of a file. In a file of its own, as it is not compiled for speed as crc32() is.
 #include "base/export.h"
 #include "base/owners.h"

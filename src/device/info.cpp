@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Who the device is, from the files that other programs and the kernel keep.
 #include "base/export.h"
 #include "base/owners.h"

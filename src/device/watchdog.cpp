@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The modem chip's hardware watchdog.
 #include "base/export.h"
 #include "base/owners.h"

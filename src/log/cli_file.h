@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The router's CLI configuration file, which the log level and the CLI reader are taken from.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Signals whose handlers log.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The text of a local time, in 64 bits whatever the time_t of callers is.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The time_t of this call is that of its callers: on a 32-bit machine it has 32 bits with glibc
 // unless a program asks for more, and daemons do not.
 #undef _TIME_BITS

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the bus files share: this process's own state.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "mbus/condition.h"
 
 #include "base/lock.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The condition fields of the bus, for peers that know nothing but pthread_cond_wait(),
 // pthread_cond_timedwait() and pthread_cond_signal() on them. Two processes of this library ring
 // each other's doorbell instead (doorbell.h).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "mbus/doorbell.h"
 
 namespace qz::mbus

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // How the two ends of the bus wake each other.
 //
 // A doorbell is a word in shared memory beside a condition field. The waiter, the reader of a ring

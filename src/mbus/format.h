@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The formats in shared memory, which all processes on the bus share byte for byte.
 #pragma once
 

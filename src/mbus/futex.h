@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Sleeping on a word of shared memory.
 #pragma once
 

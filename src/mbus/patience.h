@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a reader does before it sleeps, in the hope that it need not.
 #pragma once
 

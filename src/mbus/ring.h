@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One end of a ring of packets.
 #pragma once
 

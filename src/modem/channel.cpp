@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The local message channel: a broadcast between the router's daemons over the kernel's
 // netlink user sockets. Every participant sends to the same groups; a process that wants to
 // receive has a thread that picks out what is addressed to it.

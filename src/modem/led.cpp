@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Front-panel LEDs and GPIO lines through the kernel's sysfs classes. Nothing is cached:
 // every step opens, writes or reads, and closes one small file.
 #include "base/export.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "route/command.h"
 
 #include <poll.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The output of a command, line by line.
 #pragma once
 

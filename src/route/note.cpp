@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Notes of an address under a name, one small file each.
 #include "base/export.h"
 #include "base/owners.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The words of a line of command output.
 #pragma once
 

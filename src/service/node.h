@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The list in memory of one service's file: group headers and parameters in file order.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "base/export.h"
 #include "base/lookup.h"
 #include "base/owners.h"

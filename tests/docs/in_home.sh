@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Usage: in_home.sh SOURCE_DIR BUILD_DIR DOCUMENT, in a box, which keeps both visible.
 # A home with a copy of what the documents use of the tree in ~/src, and the build in its place there. It
 # is on /srv, since the boxes that the documents make have a /tmp of their own, and the tree may be in /home.

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Runs what the documents print: run.py DOCUMENT, where a shell finds what DOCUMENT says.
 
 In a block that is marked "console" a line "$ COMMAND" is typed into one shell for the whole document,

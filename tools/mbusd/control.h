@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The control socket: datagrams in, each with the process that sent it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The server's messages: to the router's log, and to standard error for whoever started it.
 #pragma once
 

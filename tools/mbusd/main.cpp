@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // mbusd: the reference server of the message bus. This file holds the arguments, the signals
 // and the loop between work and sleep.
 #include "../arguments.h"

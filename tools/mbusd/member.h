@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the server keeps of each client, and of each packet that waits. All of it is the server's
 // own memory: of what it wrote into shared memory it takes nothing back.
 #pragma once

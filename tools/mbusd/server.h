@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The clients of the bus, and the way of packets between them. Everything happens on one
 // thread. What lies in shared memory any client can change, so that names, ids and states
 // that decisions hang on are kept here, and the shared table shows them to the clients.

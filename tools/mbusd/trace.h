@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What passes the server, a line for each packet, on standard output.
 #pragma once
 

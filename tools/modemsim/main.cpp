@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // modemsim: a modem on a pseudo terminal that behaves as badly as real ones do. This file holds
 // the arguments, the control pipe and the loop.
 #include "../arguments.h"

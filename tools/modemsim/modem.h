@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The modem: takes bytes, answers them as the table says and as badly as the faults demand.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The pseudo terminal behind which the modem sits.
 #pragma once
 

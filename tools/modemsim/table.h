@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The table of commands and answers, and the values in them that change over time.
 #pragma once
 

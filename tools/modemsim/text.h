@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Small text helpers: trimming, splitting, and bytes as a transcript shows them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The way into the box: what main hands to the init process, and what the two say to each other.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Process 1 of the box: makes the box around itself, starts the command and looks after it.
 #include "box.h"
 

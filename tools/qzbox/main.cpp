@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qzbox: run a command as on a router, in namespaces of its own. This file holds the process
 // that stays outside: arguments, signals and the exit status.
 #include "../arguments.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "namespaces.h"
 
 #include "util.h"

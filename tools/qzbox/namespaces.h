@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The namespaces that make the box.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A tree of files laid over the box: copies in private directories, copies bound over single
 // files, and merged directories where the tree brings names that the box does not have.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "proc_server.h"
 
 #include "overlay.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // /proc with additions: a read-only FUSE file system whose root lists the kernel's names and the
 // tree's, each a symbolic link to the real thing. Where FUSE is not available, a directory of such
 // links, which also has the numbers of processes to come.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "reaches.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The directories that the box has to itself, and what of the host stays visible below them.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "root.h"
 
 #include <fcntl.h>

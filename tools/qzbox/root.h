@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The box's root file system: the host's top-level directories, with private ones in place of
 // those a router's daemons write to.
 #pragma once

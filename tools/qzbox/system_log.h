@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The box's system log: what daemons send to /dev/log ends up in /var/log/messages.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reading the user's tree of files, and copying from it. The tree itself is never written to; one
 // that cannot be read or copied ends the box with a message.
 #pragma once

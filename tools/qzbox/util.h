@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What every part of qzbox needs: ways to stop with a message, owners of descriptors and
 // directories, and a few path helpers.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // at and modem: AT commands over the modem's line, and the table of its status.
 #include "print.h"
 #include "replace.h"

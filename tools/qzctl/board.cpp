@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // led, gpio, watchdog, sys: the board.
 #include "print.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // bus: the message bus, seen from outside by its table and from inside as a client of a name that is free.
 #include "listen.h"
 #include "print.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the commands have in common: how they are described, what they are given, what they result in.
 #pragma once
 

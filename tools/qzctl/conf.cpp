@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // conf: the parameters of a service. They are read and changed by the library's store; the file is
 // replaced as a whole, and its comments stay.
 #include "print.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // env: the bootloader's variables. Several are changed in one write, under the lock that is taken before
 // the block is read; nothing is written where nothing changes, or over a block that is spoilt.
 #include "flash.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The block of the boot environment, on the flash or in the image of it, and what is in the block.
 #pragma once
 

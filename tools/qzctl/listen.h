@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Waiting for what another thread receives, for bus listen and msg listen.
 #pragma once
 

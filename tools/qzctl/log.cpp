@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // log and cli: the router-wide log level, a message of one's own, the command-line configuration.
 #include "command.h"
 #include "replace.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qzctl: the families of the library on the command line. This file holds the table of the commands, from
 // which the usage, the help and the completion are made, and what is done with the arguments.
 #include "../arguments.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // msg: the local messages between the router's daemons. And the waiting for what is received.
 #include "listen.h"
 #include "print.h"

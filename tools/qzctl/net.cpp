@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // route, if, probe: the network.
 #include "print.h"
 

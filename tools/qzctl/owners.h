@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Owners of what has to be given back. The standard ones need the C++ library.
 #pragma once
 

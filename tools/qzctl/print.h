@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Records and lists of them, for people in columns and for programs as JSON. What is printed is put
 // together as JSON in both cases.
 #pragma once

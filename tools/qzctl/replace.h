@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Files that are replaced as a whole: whatever happens, the old one is there or the new one.
 #pragma once
 

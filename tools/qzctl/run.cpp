@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // run: a command with a time limit.
 #include "command.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Views of texts. The standard functions that check a position need the C++ library.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // zservsim: the routing daemon's socket for laptops and tests. Prints the route requests that
 // it is sent and, with --apply, puts them into the kernel's table.
 #include "../arguments.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A route request as daemons send it to the routing daemon, and its strict decoding.
 #pragma once
 
