@@ -1,6 +1,5 @@
 // What qzctl promises about the files that it changes: whatever happens, one can go on with them.
 #include "support/case.h"
-#include "support/scale.h"
 
 #include <qzlib.h>
 #include <sys/mount.h>
