@@ -7,6 +7,19 @@ title() { printf '\n==== %s ====\n' "$*"; }
 note() { printf -- '-- %s\n' "$*"; }
 show() { sed 's/^/   | /' "$@"; }
 
+# typed COMMAND...: shows a command as a person would type it, and what it prints. Fails with it.
+typed() {
+    printf '   $'
+    for word in "$@"; do
+        case "$word" in *\ *) printf " '%s'" "$word" ;; *) printf ' %s' "$word" ;; esac
+    done
+    echo
+    "$@" >/tmp/typed.out 2>&1
+    status=$?
+    show /tmp/typed.out
+    return $status
+}
+
 fail() {
     printf 'DEMO FAILED: %s\n' "$*"
     exit 1

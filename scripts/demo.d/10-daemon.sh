@@ -28,8 +28,9 @@ note "its log at the router-wide level of cli.conf ($(grep '^log msg-level' /tmp
 show /tmp/netd.log
 grep -q DEBUG /tmp/netd.log && fail "debug messages at level info"
 
-note "an operator changes the level: log msg-level debug"
-sed -i 's/^log msg-level .*/log msg-level debug/' /tmp/config/cli.conf
+note "an operator reads a parameter, and changes the level of the log"
+typed qzctl conf netd get wan mtu || fail "the parameter was not read"
+typed qzctl log level debug || fail "the level was not set"
 wait_for "the first debug message" grep -q '<DEBUG>' /tmp/netd.log
 note "the log now, the daemon was not touched:"
 show /tmp/netd.log

@@ -37,7 +37,7 @@ modem_pid=$!
 # The signal of examples/modem.at: 18, 21, 24 and 20 steps of 2 dB above -113 dBm.
 wait_for "the signal quality" grep -qE 'table: rssi is -(77|71|65|73)' /tmp/statusd.out
 wait_for "the card's state" last_is sim READY
-note "what went over the line (/tmp/modem.transcript):"
+note "what went over the line (the simulator's transcript):"
 show /tmp/modem.transcript
 
 note "the signal becomes worse: 3 steps, -107 dBm"
@@ -55,8 +55,8 @@ echo 'fault hangup' >/tmp/modem.control
 wait_for "modemd's second line" opened_twice
 wait_for "the signal on the new line" last_is rssi -107
 
-note "/tmp/modem.info, which is always whole:"
-show /tmp/modem.info
+note "the modem's status, for whoever asks"
+typed qzctl modem || fail "there is no status"
 note "what statusd saw:"
 show /tmp/statusd.out
 note "modemd's log:"

@@ -39,7 +39,9 @@ show /tmp/linkd.out
 grep -q 'wan1 running, address 10.64.1.2 (noted 10.64.1.2).*answers after' /tmp/linkd.out || fail "wan1 was not seen working"
 grep -q 'rule 1000, from 192.168.10.0/24: table 100, 0.0.0.0/0 mask 0.0.0.0 by 10.64.1.1 on wan1' /tmp/linkd.out ||
     fail "the source route was not seen"
-note "the kernel: $(ip -4 route get 192.0.2.1 | head -n 1)"
+note "for people"
+typed qzctl route list || fail "no routes"
+typed qzctl if wan1 || fail "no interface"
 
 seen=$(wc -l </tmp/linkd.out)
 note "the far end of wan0 goes away"
@@ -48,7 +50,7 @@ nsenter --net="/proc/$far_pid/ns/net" ip link set far0 down || fail "far0 does n
 wait_for "the route's move to wan1" default_is_on wan1
 wait_for "linkd seeing it" grep -q 'the default route is on wan1' /tmp/linkd.out
 tail -n "+$((seen + 1))" /tmp/linkd.out | show
-note "the kernel: $(ip -4 route get 192.0.2.1 | head -n 1)"
+typed qzctl route via 192.0.2.1 || fail "no route"
 
 note "it comes back"
 seen=$(wc -l </tmp/linkd.out)

@@ -53,6 +53,7 @@ note "and asks"
 for led in net data power; do
     order show $led
 done
+typed qzctl led || fail "no lights"
 grep -q 'LED net is in mode 2' /tmp/boot1.out || fail "net does not blink"
 grep -q 'LED data is in mode 1' /tmp/boot1.out || fail "data is not on"
 
@@ -68,9 +69,9 @@ start_boardd /tmp/boot2.out
 grep 'boardd: boot [0-9]' /tmp/boot2.out | show
 grep -q 'boardd: boot 2$' /tmp/boot2.out || fail "the boot was not counted"
 end "$boardd_pid" || fail "boardd's exit status"
-note "the environment in the last 128 KiB of $flash:"
-tail -c 131072 "$flash" | tail -c +5 | tr '\0' '\n' | sed '/^$/d' >/tmp/environment
-show /tmp/environment
-for variable in baudrate=115200 bootcount=2; do
-    grep -qx $variable /tmp/environment || fail "$variable is not on flash"
+note "the environment in the last 128 KiB of $flash; a person changes it, too"
+typed qzctl env set bootdelay=1 --backup /tmp/env.before || fail "the variable was not set"
+typed qzctl env list || fail "the environment is not readable"
+for variable in baudrate=115200 bootcount=2 bootdelay=1; do
+    tail -c 131072 "$flash" | tail -c +5 | tr '\0' '\n' | grep -qx $variable || fail "$variable is not on flash"
 done
