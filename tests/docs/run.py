@@ -36,8 +36,8 @@ def pattern(output):
 
 class Shell:
     def __init__(self):
-        pipe = subprocess.PIPE
-        self.process = subprocess.Popen(["bash"], stdin=pipe, stdout=pipe, stderr=subprocess.STDOUT, text=True)
+        streams = dict(stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        self.process = subprocess.Popen(["bash"], text=True, **streams)
         self.run("cd ~/src")
 
     def run(self, command):
