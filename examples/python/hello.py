@@ -9,8 +9,12 @@ import qzlib
 
 
 def join(name):
-    if qzlib.connect_mbus_server(name.encode()) != 0:
-        return False
+    tries = 3  # a busy server may take longer than the call waits
+    while qzlib.connect_mbus_server(name.encode()) != 0:
+        tries -= 1
+        if tries == 0 or not os.path.exists(qzlib.MBUS_SOCKET):
+            return False
+        time.sleep(0.3)
     print(f"{name}: on the bus")
     return True
 
