@@ -161,7 +161,7 @@ TEST_F(DownCache, sleeps_while_disconnected_and_goes_on_after_a_reconnect)
         EXPECT_EQ(qzlib_mbus_write_data("x", 1), 0);
         ASSERT_EQ(qzlib_disconnect_mbus_server(), 0);
         const double before = cpu_seconds();
-        usleep(300'000);
+        sleep(1);
         EXPECT_LT(cpu_seconds() - before, 0.05);
         connect_as("demo");
         qzlib_mbus_write_data("again", 5);
