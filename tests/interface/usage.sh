@@ -8,7 +8,7 @@ failed=0
 
 # expect STATUS TEXT COMMAND: the status and the start of what comes on standard error.
 expect() {
-    said=$(eval "timeout 9 $3" 2>&1 >/run/out </dev/null) && status=0 || status=$?
+    said=$(eval "timeout 60 $3" 2>&1 >/run/out </dev/null) && status=0 || status=$?
     case "$status $said" in
     "$1 $2"*) ;;
     *) echo "$3: status $status, \"$said\"" && failed=1 ;;
