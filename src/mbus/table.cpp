@@ -290,10 +290,8 @@ QZ_EXPORT void qzlib_client_uninit(mbus_client *client)
 QZ_EXPORT int qzlib_mbus_share_init(void)
 {
     const int id = shmget(QZLIB_MBUS_SHARE_KEY, QZLIB_MBUS_SHARE_SIZE, SEGMENT_FLAGS);
-    if (id < 0) {
-        mbus_share_memid = id;
+    if (id < 0) // what is attached keeps its id, for whoever removes it
         return -1;
-    }
     if (share() != nullptr && mbus_share_memid == id)
         return 0;
     if (share() != nullptr)
