@@ -1,0 +1,118 @@
+// A process that overwrites all shared memory of a bus at work, for QZ_SCRIBBLE seconds.
+#include "support/case.h"
+#include "support/process.h"
+#include "support/remains.h"
+
+#include <qzlib.h>
+
+#include <array>
+#include <memory>
+#include <random>
+#include <span>
+#include <sys/mman.h>
+#include <sys/shm.h>
+
+namespace
+{
+
+using namespace support;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::array NAMES = {"linkd", "modemd", "statusd"};
+
+struct Shared {
+    std::atomic<bool> scribbled;
+    std::atomic<unsigned> ready;
+    std::atomic<uint64_t> calls;
+    std::atomic<int64_t> longest_us;
+};
+
+void connect(const char *name)
+{
+    EXPECT_TRUE(eventually([name] { return qzlib_connect_mbus_server(name) == 0; })) << name;
+}
+
+void work(const char *name, Shared &shared)
+{
+    connect(name);
+    std::minstd_rand random(static_cast<unsigned>(getpid()));
+    [[maybe_unused]] volatile char touched = 0;
+    const std::string payload(QZLIB_MBUS_PAYLOAD_MAX, 'p');
+    for (++shared.ready; !shared.scribbled; ++shared.calls) {
+        const auto begin = Clock::now();
+        const char *to = NAMES[random() % NAMES.size()];
+        (void)qzlib_mbus_write(nullptr, 0, to, payload.data(),
+                               1 + static_cast<int>(random() % payload.size()));
+        const mbus_pkg *pkg = qzlib_mbus_read_pkg(nullptr, 1);
+        const uint32_t length = pkg != nullptr ? pkg->length % 64 : 0;
+        if (length > 0)
+            touched = static_cast<const char *>(pkg->data)[length - 1];
+        (void)qzlib_find_client_by_name(to);
+        const auto us = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begin).count();
+        if (us > shared.longest_us)
+            shared.longest_us = us;
+    }
+    connect(name); // which leaves the bus first
+    EXPECT_EQ(qzlib_mbus_write(nullptr, 1, name, "after all", 9), 9);
+    const mbus_pkg *pkg = nullptr;
+    while (pkg == nullptr || pkg->type != 1)
+        pkg = qzlib_mbus_read_pkg(nullptr, 0);
+    EXPECT_EQ(std::string(static_cast<const char *>(pkg->data), pkg->length), "after all");
+    qzlib_disconnect_mbus_server();
+}
+
+// Words of any kind anywhere; every other time in the first 200 bytes of a record or a slot, where they do
+// more.
+void scribble(std::span<char *const> places, std::span<const size_t> sizes, std::chrono::seconds time)
+{
+    std::minstd_rand random(1);
+    constexpr size_t STRIDES[] = {sizeof(mbus_client), QZLIB_MBUS_SLOT_SIZE};
+    for (const auto end = Clock::now() + time; Clock::now() < end;)
+        for (int i = 0; i < 1000; ++i) {
+            const size_t part = random() % places.size();
+            size_t at = random() % sizes[part];
+            if (i % 2 == 0) // the table is the first
+                at = std::min(at / STRIDES[part != 0] * STRIDES[part != 0] + random() % 200, sizes[part] - 4);
+            const auto word = static_cast<uint32_t>(random() << (random() % 32));
+            memcpy(places[part] + at / 4 * 4, &word, sizeof word);
+        }
+}
+
+TEST(Scribbler, over_table_rings_names_and_conditions_stops_nobody)
+{
+    const std::string before = remains();
+    const char *given = getenv("QZ_SCRIBBLE");
+    auto *shared = static_cast<Shared *>(
+        mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    {
+        Process server({"mbusd", "--quiet", "--log", "/tmp/mbusd.log"}, "/tmp/output");
+        ASSERT_TRUE(eventually([] { return access(QZLIB_MBUS_SOCKET, F_OK) == 0; }));
+        std::vector<std::unique_ptr<Process>> clients;
+        for (const char *name : NAMES)
+            clients.push_back(std::make_unique<Process>([=] { work(name, *shared); }));
+        ASSERT_TRUE(eventually([=] { return shared->ready == NAMES.size(); }));
+        std::vector<int> keys = {QZLIB_MBUS_SHARE_KEY};
+        for (const char *name : NAMES)
+            keys.push_back(qzlib_mbus_name_to_key(name));
+        std::vector<char *> places;
+        std::vector<size_t> sizes;
+        for (const int key : keys) {
+            places.push_back(static_cast<char *>(shmat(shmget(key, 0, 0), nullptr, 0)));
+            sizes.push_back(key == QZLIB_MBUS_SHARE_KEY ? QZLIB_MBUS_SHARE_SIZE : QZLIB_MBUS_SEGMENT_SIZE);
+        }
+        scribble(places, sizes, std::chrono::seconds(given != nullptr ? atoi(given) : 2));
+        for (char *place : places)
+            shmdt(place);
+        shared->scribbled = true;
+        for (const auto &client : clients)
+            EXPECT_EQ(client->wait(), 0);
+        EXPECT_EQ(server.end(), 0);
+    }
+    EXPECT_LT(shared->longest_us, patient(std::chrono::microseconds(2'000'000)).count());
+    printf("%llu calls, the longest %lld us\n", static_cast<unsigned long long>(shared->calls),
+           static_cast<long long>(shared->longest_us));
+    EXPECT_EQ(remains(), before);
+    munmap(shared, sizeof *shared);
+}
+
+} // namespace
