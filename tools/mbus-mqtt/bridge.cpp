@@ -95,6 +95,8 @@ void Bridge::take(std::string_view topic, std::string_view payload, bool retaine
 
 bool Bridge::is_held_up()
 {
+    if (refused_orders_.has_rest())
+        LOG_LINE(QZLIB_LOG_WARNING, "refused %llu more orders", refused_orders_.unsaid());
     if (orders_.empty())
         return false;
     const std::unique_lock lock(mutex_, std::try_to_lock);

@@ -20,15 +20,17 @@ namespace
 {
 
 constexpr int AT_LEAST_ONCE = 1;
-constexpr int WINDOW_MAX = 64;          // events in flight, if the broker permits that many
-constexpr double ATTEMPT_S = 20;        // to connect, TLS and the broker's answer included
-constexpr double FINISH_S = 5;          // to send what waits before leaving
-constexpr double ROOM_POLL_S = 0.005;   // while the bus has no room
-constexpr uint32_t PACKET_MAX = 8192;   // the largest order, with topic and properties; told to the broker
+constexpr int WINDOW_MAX = 64;        // events in flight, if the broker permits that many
+constexpr double ATTEMPT_S = 20;      // to connect, TLS and the broker's answer included
+constexpr double FINISH_S = 5;        // to send what waits before leaving
+constexpr double ROOM_POLL_S = 0.005; // while the bus has no room
+constexpr uint32_t PACKET_MAX = 8192; // the largest order, with topic and properties; told to the broker
+constexpr int RECEIVE_BUFFER = 65536;
 constexpr double NONSENSE_MAX = 65536;  // bytes without a message in them
 constexpr double PING_ANSWER_MAX = 100; // bytes of the answer to a keepalive, with TLS around it
 
-// libmosquitto takes packets of any size, bit by bit. What TCP has received tells how large one gets.
+// libmosquitto takes packets of any size that there is memory for, bit by bit. What TCP has received tells
+// how large one gets.
 uint64_t received_bytes(int fd)
 {
     tcp_info info{};
@@ -195,8 +197,8 @@ void Line::run()
 // False when there is no connection to be had.
 bool Line::connect()
 {
-    mute_since_s_ = 0;
-    since_s_ = now_s();
+    heard_bytes_ = 0;
+    heard_s_ = since_s_ = now_s();
     blocked_since_s_ = since_s_;
     mosquitto_log_callback_set(client_, log_trouble);
     const int result =
@@ -206,6 +208,8 @@ bool Line::connect()
     if (result != MOSQ_ERR_SUCCESS && failures_.is_due())
         LOG_LINE(QZLIB_LOG_WARNING, "%s: no connection: %s", config_.host.c_str(),
                  result == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(result));
+    if (const int fd = mosquitto_socket(client_); fd >= 0) // so that no more than this comes at once
+        (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER, sizeof RECEIVE_BUFFER);
     return result == MOSQ_ERR_SUCCESS;
 }
 
@@ -249,22 +253,23 @@ void Line::on_sent(int id, int reason)
     if (reason >= 0x80 && refusals_.is_due())
         LOG_LINE(QZLIB_LOG_WARNING, "the broker refuses what is published: %s (and %llu before)",
                  mosquitto_reason_string(reason), refusals_.unsaid());
-    outbox_.settle(found->charge);
+    outbox_.settle(found->message);
     flight_.erase(found);
 }
 
 // Its number in flight; 0 when it cannot be sent.
-int Line::send(const Message &message)
+int Line::send(Message message)
 {
     int id = 0;
     const int result =
         mosquitto_publish_v5(client_, &id, message.topic.c_str(), static_cast<int>(message.payload.size()),
                              message.payload.data(), AT_LEAST_ONCE, message.retained, nullptr);
     if (is_kept(result)) {
-        flight_.push_back({id, message.charge});
+        message.payload = std::string();
+        flight_.push_back({id, std::move(message)});
         return id;
     }
-    outbox_.settle(message.charge);
+    outbox_.settle(message);
     if (refusals_.is_due())
         LOG_LINE(QZLIB_LOG_WARNING, "%s: cannot be published: %s (and %llu before)",
                  printable(message.topic).c_str(), mosquitto_strerror(result), refusals_.unsaid());
@@ -274,10 +279,10 @@ int Line::send(const Message &message)
 void Line::pump()
 {
     while (connected_ && flight_.size() < window_) {
-        const std::optional<Message> message = outbox_.next();
+        std::optional<Message> message = outbox_.next();
         if (!message)
             return;
-        send(*message);
+        send(std::move(*message));
     }
 }
 
@@ -285,19 +290,20 @@ void Line::pump()
 bool Line::receive(int fd)
 {
     heard_ = false;
-    if (mosquitto_loop_read(client_, 1) != MOSQ_ERR_SUCCESS)
+    const int result = mosquitto_loop_read(client_, 1);
+    if (result == MOSQ_ERR_NOMEM)
+        LOG_LINE(QZLIB_LOG_WARNING, "refused a packet that there is no memory for: the line is cut");
+    if (result != MOSQ_ERR_SUCCESS)
         return false;
+    const uint64_t bytes = received_bytes(fd);
+    const double now = now_s();
     if (heard_) {
-        mute_since_s_ = 0;
+        heard_bytes_ = bytes;
+        heard_s_ = now;
         return true;
     }
-    const uint64_t bytes = received_bytes(fd);
-    if (mute_since_s_ == 0) {
-        mute_since_s_ = now_s();
-        mute_from_ = bytes;
-    }
-    const double silence = (now_s() - mute_since_s_) / config_.keepalive_s;
-    if (static_cast<double>(bytes - mute_from_) <= NONSENSE_MAX + silence * PING_ANSWER_MAX)
+    const double pings = (now - heard_s_) / config_.keepalive_s;
+    if (static_cast<double>(bytes - heard_bytes_) <= NONSENSE_MAX + pings * PING_ANSWER_MAX)
         return true;
     LOG_LINE(QZLIB_LOG_WARNING, "refused a packet of more than %.0f bytes: the line is cut", NONSENSE_MAX);
     return false;

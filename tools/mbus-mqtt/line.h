@@ -47,7 +47,7 @@ public:
 private:
     struct InFlight {
         int id;
-        size_t charge;
+        Message message; // without its payload
     };
 
     void run();
@@ -55,7 +55,7 @@ private:
     void serve();
     void pause(double lasted_s);
     void pump();
-    int send(const Message &message);
+    int send(Message message);
     bool receive(int fd);
     void on_connect(int reason, int flags, const mosquitto_property *properties);
     void on_sent(int id, int reason);
@@ -80,10 +80,10 @@ private:
     unsigned attempts_ = 0; // in vain, one after the other
     size_t window_ = 0;
     std::deque<InFlight> flight_;
-    bool heard_ = false;      // something that makes sense arrived
-    double mute_since_s_ = 0; // 0: what arrived last made sense
-    uint64_t mute_from_ = 0;  // bytes received until then
-    int birth_ = 0;           // its number while it is in flight
+    bool heard_ = false; // something that makes sense arrived
+    double heard_s_ = 0; // when, and how many bytes had arrived by then
+    uint64_t heard_bytes_ = 0;
+    int birth_ = 0; // its number while it is in flight
     Occasions refusals_;
     Occasions failures_;
 };

@@ -25,18 +25,25 @@ public:
     bool is_due()
     {
         ++total_;
-        const double now = now_s();
-        if (said_s_ != 0 && now - said_s_ < 1)
-            return false;
-        unsaid_ = total_ - said_ - 1;
-        said_ = total_;
-        said_s_ = now;
-        return true;
+        return say(total_ - said_ - 1);
     }
+    // Whether there were some that got no line, for a second; as is_due() then.
+    bool has_rest() { return said_ < total_ && say(total_ - said_); }
     [[nodiscard]] unsigned long long unsaid() const { return unsaid_; }
     [[nodiscard]] unsigned long long total() const { return total_; }
 
 private:
+    bool say(unsigned long long unsaid)
+    {
+        const double now = now_s();
+        if (said_s_ != 0 && now - said_s_ < 1)
+            return false;
+        unsaid_ = unsaid;
+        said_ = total_;
+        said_s_ = now;
+        return true;
+    }
+
     unsigned long long total_ = 0;
     unsigned long long said_ = 0;
     unsigned long long unsaid_ = 0;

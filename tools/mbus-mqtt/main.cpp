@@ -7,8 +7,12 @@
 #include "outbox.h"
 #include "status.h"
 
+#include <algorithm>
 #include <csignal>
 #include <fcntl.h>
+#include <memory>
+#include <new>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace
@@ -23,6 +27,43 @@ bool is_writable(const char *path)
     if (fd >= 0)
         close(fd);
     return fd >= 0;
+}
+
+// libmosquitto asks for the memory of a packet as soon as the broker says how large it is, which may be
+// 256 MB, and takes it well when there is none: the broker does not get more than this. What the bridge
+// itself asks for it gets all the same.
+void limit_memory(size_t queue_bytes)
+{
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) &&                                       \
+    !defined(__clang__) // they map terabytes
+    constexpr rlim_t FOR_BROKER = 16 * 1024 * 1024;
+    constexpr rlim_t STEP = 1024 * 1024;
+    constexpr int BUS_THREADS = 2; // they start when the bus is joined
+    unsigned long data_pages = 0;
+    const std::unique_ptr<FILE, int (*)(FILE *)> file(fopen("/proc/self/statm", "re"),
+                                                      [](FILE *f) { return fclose(f); });
+    if (file == nullptr || fscanf(file.get(), "%*u %*u %*u %*u %*u %lu", &data_pages) != 1)
+        return;
+    rlimit stack{};
+    rlimit data{};
+    (void)getrlimit(RLIMIT_STACK, &stack);
+    (void)getrlimit(RLIMIT_DATA, &data);
+    const rlim_t stack_bytes = stack.rlim_cur == RLIM_INFINITY ? FOR_BROKER : stack.rlim_cur;
+    const rlim_t limit = data_pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + BUS_THREADS * stack_bytes +
+                         2 * queue_bytes + FOR_BROKER;
+    data.rlim_cur = std::min(limit, data.rlim_max);
+    (void)setrlimit(RLIMIT_DATA, &data);
+    std::set_new_handler([] {
+        rlimit more{};
+        if (getrlimit(RLIMIT_DATA, &more) != 0 || more.rlim_cur == RLIM_INFINITY)
+            abort();
+        more.rlim_cur += STEP;
+        if (setrlimit(RLIMIT_DATA, &more) != 0)
+            abort();
+    });
+#else
+    (void)queue_bytes;
+#endif
 }
 
 } // namespace
@@ -50,6 +91,7 @@ int main(int argc, char **argv)
     Status status(config.status, topics, outbox);
     if (!line.start())
         arguments::fail(TOOL, "cannot start: the log tells why", 1);
+    limit_memory(config.queue_bytes);
     do {
         bridge.look_after();
         status.look();

@@ -59,8 +59,7 @@ void Outbox::retain(const std::string &topic, const std::string &value)
     bool sleeps = false;
     {
         const std::lock_guard lock(mutex_);
-        auto at =
-            std::find_if(values_.begin(), values_.end(), [&](const Value &v) { return v.topic == topic; });
+        const auto at = find(topic);
         if (at == values_.end()) {
             values_.push_back({topic, value});
         } else {
@@ -73,6 +72,11 @@ void Outbox::retain(const std::string &topic, const std::string &value)
     }
     if (sleeps)
         wake();
+}
+
+std::vector<Outbox::Value>::iterator Outbox::find(const std::string &topic)
+{
+    return std::find_if(values_.begin(), values_.end(), [&](const Value &v) { return v.topic == topic; });
 }
 
 // Beside the events in flight it has room for the oldest that waits.
@@ -88,6 +92,7 @@ std::optional<Message> Outbox::next()
     if (due != values_.end()) {
         Message message{due->topic, due->value, true, 0};
         due->due = false;
+        ++due->flying;
         if (due->value.empty())
             values_.erase(due);
         return message;
@@ -102,20 +107,22 @@ std::optional<Message> Outbox::next()
     return message;
 }
 
-void Outbox::settle(size_t charge)
+void Outbox::settle(const Message &message)
 {
-    if (charge == 0)
-        return;
     const std::lock_guard lock(mutex_);
-    flying_bytes_ -= charge;
-    --flying_;
+    if (!message.retained) {
+        flying_bytes_ -= message.charge;
+        --flying_;
+    } else if (const auto at = find(message.topic); at != values_.end() && at->flying > 0) {
+        --at->flying;
+    }
 }
 
 void Outbox::send_values_again()
 {
     const std::lock_guard lock(mutex_);
     for (Value &value : values_)
-        value.due = true;
+        value.due = value.due || value.flying == 0;
 }
 
 bool Outbox::await()

@@ -38,9 +38,9 @@ public:
 
     // The line's side, one thread. What is to be sent next, and is now in flight; values come first.
     std::optional<Message> next();
-    // The broker has an event of that charge, or refused it.
-    void settle(size_t charge);
-    // The broker remembers nothing of this router.
+    // The broker has it, or refused it. Its payload is not needed.
+    void settle(const Message &message);
+    // The broker remembers nothing of this router. What is in flight it gets anyway.
     void send_values_again();
     // True when nothing can be sent. From then on what comes makes wake_fd() readable.
     bool await();
@@ -58,9 +58,11 @@ private:
         std::string topic;
         std::string value;
         bool due = true;
+        size_t flying = 0;
     };
 
     static bool is_due(const Value &value) { return value.due; }
+    std::vector<Value>::iterator find(const std::string &topic);
     [[nodiscard]] bool fits() const;
     void drop_oldest();
 
