@@ -51,8 +51,9 @@ need_box() {
 
 BUILD_PACKAGES="cmake ninja-build gcc g++ libc6-dev pkg-config libcjson-dev"
 RUN_PACKAGES="iproute2 net-tools procps"
+MQTT_PACKAGES="libmosquitto-dev mosquitto mosquitto-clients"
 BENCH_PACKAGES="libbenchmark-dev zlib1g-dev libdbus-1-dev libmosquitto-dev"
-TEST_PACKAGES="libgtest-dev mandoc python3 u-boot-tools libubootenv-tool"
+TEST_PACKAGES="libgtest-dev openssl mandoc python3 u-boot-tools libubootenv-tool"
 
 # Style and lint are those of one version, since every version has its own. Debian 12 has this one;
 # elsewhere scripts/test leaves both out and says so.

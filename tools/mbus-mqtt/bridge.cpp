@@ -70,8 +70,9 @@ void Bridge::on_packet(unsigned type, std::string_view name, std::string_view pa
 
 void Bridge::refuse(std::string_view topic, const char *why)
 {
+    last_refused_ = printable(topic) + ": " + why;
     if (refused_orders_.is_due())
-        LOG_LINE(QZLIB_LOG_WARNING, "refused %s: %s (and %llu before)", printable(topic).c_str(), why,
+        LOG_LINE(QZLIB_LOG_WARNING, "refused %s (and %llu before)", last_refused_.c_str(),
                  refused_orders_.unsaid());
 }
 
@@ -96,7 +97,8 @@ void Bridge::take(std::string_view topic, std::string_view payload, bool retaine
 bool Bridge::is_held_up()
 {
     if (refused_orders_.has_rest())
-        LOG_LINE(QZLIB_LOG_WARNING, "refused %llu more orders", refused_orders_.unsaid());
+        LOG_LINE(QZLIB_LOG_WARNING, "refused %llu more orders, the last one %s", refused_orders_.unsaid(),
+                 last_refused_.c_str());
     if (orders_.empty())
         return false;
     const std::unique_lock lock(mutex_, std::try_to_lock);

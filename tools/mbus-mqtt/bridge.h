@@ -47,6 +47,7 @@ private:
     double tried_s_ = 0;
     std::deque<Order> orders_; // the line's thread alone
     Occasions refused_orders_;
+    std::string last_refused_; // and why
     Occasions unfit_packets_;
 };
 
