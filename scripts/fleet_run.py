@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The fleet of scripts/fleet, in a network of its own: starts it, cuts its lines, counts what arrives."""
 
 import collections
@@ -22,12 +23,12 @@ PAYLOAD_BYTES = 60
 ROUTER = """
 mbusd --quiet --log /tmp/mbusd.log &
 until [ -S /tmp/mbus.sock ]; do sleep 0.2; done
-modemsim --link /tmp/ttyUSB2 --transcript /tmp/modemsim.log examples/modem.at &
+modemsim --link /tmp/ttyUSB2 examples/modem.at >/dev/null &
 until [ -e /tmp/ttyUSB2 ]; do sleep 0.2; done
 modemd /tmp/ttyUSB2 >/dev/null &
 mbus-mqtt --log /tmp/line/bridge.log &
 bridge=$!
-bus_param >/tmp/line/param.out
+until bus_param >/dev/null; do sleep 1; done # a busy machine
 kill $bridge
 wait $bridge
 """
@@ -35,16 +36,6 @@ wait $bridge
 
 def run(*words):
     subprocess.run(words, check=True)
-
-
-def tree_of(pid):
-    """The process and those that it started, as the kernel lists them."""
-    found = [pid]
-    for parent in found:
-        for task in os.listdir(f"/proc/{parent}/task"):
-            with open(f"/proc/{parent}/task/{task}/children", encoding="ascii") as children:
-                found += [int(child) for child in children.read().split()]
-    return found
 
 
 def name_of(pid):
@@ -91,11 +82,24 @@ class Router:
             stdin=subprocess.PIPE,
         )
 
+    def tree(self):
+        """The box's processes, as the kernel lists them."""
+        found = [self.box.pid]
+        for parent in found:
+            try:
+                for task in os.listdir(f"/proc/{parent}/task"):
+                    with open(f"/proc/{parent}/task/{task}/children", encoding="ascii") as children:
+                        found += [int(child) for child in children.read().split()]
+            except FileNotFoundError:
+                pass  # it has just ended
+        return [pid for pid in found if os.path.exists(f"/proc/{pid}/comm")]
+
     def connect(self):
         """Lays the line, as soon as the box runs."""
-        while not any(name_of(pid) == "bus_param" for pid in tree_of(self.box.pid)):
+        self.pids = {}
+        while not {"bus_param", "mbus-mqtt"} <= self.pids.keys():
             time.sleep(0.05)
-        self.pids = {name_of(pid): pid for pid in tree_of(self.box.pid)}
+            self.pids = {name_of(pid): pid for pid in self.tree()}
         inside = str(self.pids["bus_param"])
         run("ip", "link", "add", self.link, "type", "veth", "peer", "name", "wan", "netns", inside)
         run("ip", "address", "add", f"{self.near}/24", "dev", self.link)
@@ -234,7 +238,7 @@ def report(routers, received, length, work):
             near = any(begin - 2 < when < end + 20 for begin, end in router.cuts)
             (through if near else up).append(delay)
     bridges = [router.pids["mbus-mqtt"] for router in routers]
-    boxes = [sum(memory_of(pid, "Pss") for pid in tree_of(router.box.pid)) for router in routers]
+    boxes = [sum(memory_of(pid, "Pss") for pid in router.tree()) for router in routers]
     cpu = sum(processor_s(pid) for pid in bridges)
     lines = [
         f"| routers, cuts of each line, seconds of a cut | {len(routers)}, {CUTS}, {CUT_S} |",
@@ -277,9 +281,10 @@ def main():
     broker, subscriber = start_broker(work)
     received = Received(f"{work}/seen")
     print(f"== {count} routers start", flush=True)
-    routers = [Router(number, work) for number in range(1, count + 1)]
-    for router in routers:
-        router.connect()
+    routers = []
+    for number in range(1, count + 1):
+        routers.append(Router(number, work))
+        routers[-1].connect()
     limit = time.time() + 120
     while len(received.online) < count:
         received.read()

@@ -15,7 +15,8 @@ expect() {
     esac
 }
 
-for tool in boardd bus_param bus_watch linkd mbusd modemd modemsim netd qzbox qzctl statusd zservsim; do
+bridge=$(command -v mbus-mqtt >/dev/null && echo mbus-mqtt)
+for tool in boardd bus_param bus_watch linkd $bridge mbusd modemd modemsim netd qzbox qzctl statusd zservsim; do
     wrong=2 unread=1
     [ $tool != qzbox ] || wrong=125 unread=125
     for option in -h --help; do

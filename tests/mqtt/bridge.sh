@@ -1,9 +1,10 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Usage: bridge.sh BIN CASE, in a box: the bridge, the bus and a broker of the field. A case fails by saying why.
 set -u
 here=$(dirname "$0")
 PATH=$1:$PATH:/usr/sbin
-cd /tmp
+cd /tmp || exit 1
 port=1883
 me=routers/K31A19041500042 # of examples/router/tmp/device.info
 
@@ -50,6 +51,11 @@ bridge() {
     until_true grep -q 'on the bus as' bridge.log
 }
 
+end_bridge() {
+    kill "$bridge"
+    wait "$bridge" || fail "the bridge's exit status"
+}
+
 # The bus, a daemon that tells it what is written to descriptor 9, and one that prints what it hears.
 bus() {
     mbusd --quiet --log mbusd.log &
@@ -91,13 +97,16 @@ case_events() {
         grep -qx "$text" kept || fail "not retained: $text"
     done
     ! grep -q "bus/\|sim" kept || fail "an event or a value that is gone was retained"
+    mosquitto_sub -h 127.0.0.1 -i K31A19041500042 -t none -E # another router of the same name
+    until_true grep -q "the broker ends the connection: Session taken over" bridge.log
+    until_true lines 2 "state online" seen
     # The server of the bus is replaced: the bridge joins the next one.
     kill "$(pgrep -x mbusd)"
     until_true grep -q "^mbusd: ended\|ending" mbusd.log
     rm bridge.log
     mbusd --quiet --log mbusd2.log &
     until_true grep -q "on the bus as" bridge.log
-    kill $bridge && wait $bridge || fail "the bridge's exit status"
+    end_bridge
     until_true grep -qx "0 $me/state offline" seen
 }
 
@@ -126,11 +135,17 @@ case_orders() {
     done
     lines 2 "has not 1 to 4096 bytes" bridge.log || fail "a payload that is empty or too long"
     # What the broker retains is no order for the next connection.
-    kill $bridge && wait $bridge && rm bridge.log
+    end_bridge && rm bridge.log
     bridge --accept '*' --name mine --session 0
     mosquitto_pub -h 127.0.0.1 -t $me/send/x/0 -m now
     until_true grep -q "now" watch.out
     lines 1 kept watch.out || fail "a retained order came again"
+}
+
+# What the broker keeps as dropped, and what it has got, are all of the 300.
+accounted() {
+    mosquitto_sub -h 127.0.0.1 -t "$me/dropped" -C 1 >dropped
+    lines $((300 - $(cat dropped))) "Received PUBLISH.*bus/param" broker.log
 }
 
 # Of 300 events the broker has read none when it is killed: 20 are in flight, more does it not permit.
@@ -154,7 +169,7 @@ case_cut_line() {
     until_true lines 300 bus/param seen
     grep bus/param seen | cmp - expected || fail "the order"
     # Without room the oldest go, and are counted.
-    kill $bridge && wait $bridge && rm bridge.log
+    end_bridge && rm bridge.log
     bridge --publish param --queue 16384
     until_true grep -q "connected to" bridge.log
     kill -KILL $broker
@@ -163,10 +178,6 @@ case_cut_line() {
     events 1001 1300
     open_broker
     until_true grep -q "Received PUBLISH.*bus/param" broker.log
-    accounted() {
-        mosquitto_sub -h 127.0.0.1 -t $me/dropped -C 1 >dropped
-        lines $((300 - $(cat dropped))) "Received PUBLISH.*bus/param" broker.log
-    }
     until_true accounted
     [ "$(cat dropped)" -gt 200 ] || fail "$(cat dropped) dropped: more fitted than the queue holds"
 }

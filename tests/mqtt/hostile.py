@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # A broker that means no good: one misdeed after the other, each on a connection of its own.
 import socket, struct, sys
 

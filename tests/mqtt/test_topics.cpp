@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "support/case.h"
 #include "topics.h"
 

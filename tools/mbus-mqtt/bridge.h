@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The bus's side: this process among the router's daemons.
 #pragma once
 

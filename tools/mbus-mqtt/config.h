@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the bridge is told: by its options, and by the service store's /tmp/config/mqtt.conf.
 #pragma once
 

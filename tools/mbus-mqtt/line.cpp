@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "line.h"
 
 #include <algorithm>
@@ -94,7 +95,7 @@ bool Line::start()
     const auto given = [](const std::string &text) { return text.empty() ? nullptr : text.c_str(); };
     mosquitto_int_option(client_, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V5);
     mosquitto_int_option(client_, MOSQ_OPT_SEND_MAXIMUM, WINDOW_MAX);
-    mosquitto_int_option(client_, MOSQ_OPT_TCP_NODELAY, 1);
+    mosquitto_int_option(client_, MOSQ_OPT_TCP_NODELAY, config_.is_local() ? 0 : 1);
     if (!config_.ca.empty()) {
         struct stat facts {
         };
@@ -128,6 +129,12 @@ bool Line::start()
             {static_cast<const char *>(message->payload), static_cast<size_t>(message->payloadlen)},
             message->retain);
     });
+    mosquitto_disconnect_v5_callback_set(
+        client_, [](mosquitto *, void *, int reason, const mosquitto_property *) {
+            if (reason >= 0x80) // in the broker's words
+                LOG_LINE(QZLIB_LOG_WARNING, "the broker ends the connection: %s",
+                         mosquitto_reason_string(reason));
+        });
     mosquitto_subscribe_callback_set(
         client_, [](mosquitto *, void *line, int, int count, const int *granted) {
             static_cast<Line *>(line)->heard_ = true;
@@ -293,7 +300,7 @@ bool Line::receive(int fd)
     const int result = mosquitto_loop_read(client_, 1);
     if (result == MOSQ_ERR_NOMEM)
         LOG_LINE(QZLIB_LOG_WARNING, "refused a packet that there is no memory for: the line is cut");
-    if (result != MOSQ_ERR_SUCCESS)
+    if (result != MOSQ_ERR_SUCCESS || mosquitto_socket(client_) < 0)
         return false;
     const uint64_t bytes = received_bytes(fd);
     const double now = now_s();

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The line to the broker: one thread that connects, sends, receives, and connects again.
 //
 // Who owns an event: the outbox until it is sent; then libmosquitto, which keeps it until the broker

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The router's log, and how not to fill it with what somebody else causes.
 #pragma once
 

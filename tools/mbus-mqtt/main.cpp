@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // mbus-mqtt: from one router to a fleet. Carries chosen packets between the router's message bus and an
 // MQTT broker. This file holds the process: its start, its second hand, its end.
 #include "../arguments.h"

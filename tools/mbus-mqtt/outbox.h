@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What waits for the line. Whoever puts something in is never kept waiting: the lock is held for a
 // few copies only, and what does not fit makes the oldest go.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The modem's status table, kept at the broker as retained values.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The names of things on both sides: packets of the bus, topics of the broker, and which may pass.
 #pragma once
 
