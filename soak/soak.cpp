@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A router's day in some minutes: soak MINUTES, in a box. A bus with 20 clients that send each other numbered
 // packets, a modem with changing faults, configuration, environment and commands; the server and clients
 // are killed and started again. Prints what was counted; status 1 when something is missing, or grew.

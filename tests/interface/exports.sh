@@ -69,4 +69,13 @@ if "$readelf" -h "$object" | grep -q 'Machine: *MIPS'; then
     same "reached past the table" /dev/null "$work/own"
 fi
 if "$readelf" -d "$object" | grep -q TEXTREL; then fail "text relocations"; fi
+
+# Hardening, read back: all is bound when the object is loaded and read-only afterwards; nothing is writable
+# and executable, the stack included; no search path of its own.
+"$readelf" -lW "$object" >"$work/segments"
+"$readelf" -dW "$object" | grep -q 'FLAGS.*NOW' || fail "lazy binding"
+grep -q GNU_RELRO "$work/segments" || fail "writable after relocation"
+grep -q 'GNU_STACK.* RW ' "$work/segments" || fail "executable stack"
+if grep -q 'LOAD.* RWE ' "$work/segments"; then fail "a segment that is writable and executable"; fi
+if "$readelf" -dW "$object" | grep -Eq 'R(UN)?PATH'; then fail "a search path"; fi
 exit $status
