@@ -1,6 +1,5 @@
 #include "support/case.h"
 #include "support/log.h"
-#include "support/process.h"
 
 #include <climits>
 #include <list>

@@ -1,7 +1,5 @@
 #include "support/case.h"
 #include "support/log.h"
-#include "support/process.h"
-#include "support/seccomp.h"
 #include "support/syscall_trace.h"
 
 #include <pty.h>

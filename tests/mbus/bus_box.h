@@ -4,7 +4,6 @@
 #include "mbus/format.h"
 #include "support/case.h"
 #include "support/log.h"
-#include "support/process.h"
 
 #include <numeric>
 #include <random>

@@ -1,6 +1,5 @@
 #include "support/box.h"
 #include "support/case.h"
-#include "support/process.h"
 
 #include <linux/netlink.h>
 #include <qzlib.h>

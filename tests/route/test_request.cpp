@@ -1,5 +1,5 @@
 #include "support/case.h"
-#include "support/seccomp.h"
+#include "support/syscall_trace.h"
 
 #include <qzlib.h>
 

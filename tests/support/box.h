@@ -1,66 +1,100 @@
-// Covering the box's kernel files and commands.
+// The box's files and commands: whole files, covers over the kernel's own, scripts.
 #pragma once
-
-#include "support/files.h"
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
 #include <string>
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace support
 {
 
+struct NoCopy {
+    NoCopy() = default;
+    NoCopy(const NoCopy &) = delete;
+    NoCopy &operator=(const NoCopy &) = delete;
+};
+
+// Writes a file, making its directories.
+inline void write_file(const std::string &path, const std::string &content)
+{
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
+inline std::string read_file(const std::string &path)
+{
+    std::ifstream stream(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+inline void set_mtime(const std::string &path, time_t seconds)
+{
+    const timeval times[2] = {{seconds, 0}, {seconds, 0}};
+    if (utimes(path.c_str(), times) != 0)
+        abort();
+}
+
+inline size_t entries_in(const char *directory)
+{
+    const std::filesystem::directory_iterator entries(directory);
+    return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+}
+
+inline size_t open_descriptors()
+{
+    return entries_in("/proc/self/fd") - 1; // without the one that counts
+}
+
 // Puts an empty file system over a directory, for a test to fill with its own files.
 class Cover : NoCopy
 {
 public:
-    explicit Cover(const char *directory, const char *options = "") : directory_(directory)
+    static constexpr const char *SOURCE = "/tmp/fake-file"; // of one file at a time; a mere name else
+
+    explicit Cover(const char *path, const char *options = "", unsigned long flags = 0) : path_(path)
     {
-        if (mount("test", directory, "tmpfs", 0, options) != 0) {
-            perror(directory);
+        if (mount(SOURCE, path, "tmpfs", flags, options) != 0) {
+            perror(path);
             abort();
         }
     }
-    ~Cover() { (void)umount2(directory_, MNT_DETACH); }
+    ~Cover() { (void)umount2(path_, MNT_DETACH); }
 
 private:
-    const char *directory_;
+    const char *path_;
 };
 
 // Puts content of the test's own in the place of a kernel file.
-class FakeFile : NoCopy
+class FakeFile
 {
 public:
-    FakeFile(const std::string &path, const std::string &content) : path_(path)
+    FakeFile(const char *path, const std::string &content)
     {
         set(content);
-        if (mount(CONTENT, path_.c_str(), nullptr, MS_BIND, nullptr) != 0)
-            abort();
+        cover_.emplace(path, "", MS_BIND);
     }
-    ~FakeFile() { umount2(path_.c_str(), MNT_DETACH); }
-
-    void set(const std::string &content) const { write_file(CONTENT, content); }
+    void set(const std::string &content) const { write_file(Cover::SOURCE, content); }
 
 private:
-    static constexpr const char *CONTENT = "/tmp/fake-file"; // of the one at a time that tests need
-    std::string path_;
+    std::optional<Cover> cover_;
 };
 
 // Runs a shell script; its standard output. A script that fails fails the test program.
 inline std::string sh(const std::string &script)
 {
-    FILE *pipe = popen(("set -e\n" + script).c_str(), "re");
-    std::string output;
-    char buffer[4096];
-    for (size_t count = 0; pipe != nullptr && (count = fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        output.append(buffer, count);
-    if (pipe == nullptr || pclose(pipe) != 0) {
+    if (system(("exec >/tmp/sh-output; set -e\n" + script).c_str()) != 0) {
         fprintf(stderr, "this script failed:\n%s\n", script.c_str());
         abort();
     }
-    return output;
+    return read_file("/tmp/sh-output");
 }
 
 // Puts a script of that name before all other commands.

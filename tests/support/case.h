@@ -1,7 +1,8 @@
-// What cases of every family need: tables of cases, time and waiting, and the check that nothing is left.
+// What cases of every family need: tables of cases, time and waiting, processes beside the case, and the
+// check that nothing is left.
 #pragma once
 
-#include "support/files.h"
+#include "support/box.h"
 
 #include <gtest/gtest.h>
 
@@ -9,6 +10,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <concepts>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -21,6 +23,7 @@
 #include <thread>
 #include <tuple>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace support
@@ -57,40 +60,39 @@ class Stopwatch : NoCopy
 {
 public:
     // For lower bounds.
-    [[nodiscard]] double seconds() const
-    {
-        return std::chrono::duration<double>(Clock::now() - start_).count();
-    }
+    [[nodiscard]] double seconds() const { return seconds_since(start_); }
     // For upper bounds: what a machine that is never late would have taken.
-    [[nodiscard]] double punctual_seconds() const { return seconds() - late_us_ * 1e-6; }
+    [[nodiscard]] double punctual_seconds() const { return seconds() - late_s_; }
 
 private:
     using Clock = std::chrono::steady_clock;
-    using Microseconds = std::chrono::microseconds;
 
+    static double seconds_since(Clock::time_point begin)
+    {
+        return std::chrono::duration<double>(Clock::now() - begin).count();
+    }
     void measure(const std::stop_token &stop)
     {
-        constexpr std::chrono::milliseconds STEP(5);
+        constexpr std::chrono::duration<double> STEP(0.005);
         sigset_t all;
         sigfillset(&all);
         for (pthread_sigmask(SIG_SETMASK, &all, nullptr); !stop.stop_requested();) {
             const auto begin = Clock::now();
             std::this_thread::sleep_for(STEP);
-            const auto late = std::chrono::duration_cast<Microseconds>(Clock::now() - begin - STEP);
-            late_us_ += static_cast<int>(late.count());
+            late_s_ += seconds_since(begin) - STEP.count();
         }
     }
 
     Clock::time_point start_ = Clock::now();
-    std::atomic<int> late_us_ = 0;
+    std::atomic<double> late_s_ = 0;
     std::jthread beside_{[this](const std::stop_token &stop) { measure(stop); }};
 };
 
 // Polls for what another process or thread does. The limit tells a hang only: false then.
 template <typename Condition>
-bool eventually(Condition holds, std::chrono::milliseconds limit = std::chrono::seconds(60))
+bool eventually(Condition holds)
 {
-    const auto end = std::chrono::steady_clock::now() + patient(limit);
+    const auto end = std::chrono::steady_clock::now() + patient(std::chrono::seconds(60));
     while (!holds()) {
         if (std::chrono::steady_clock::now() > end)
             return false;
@@ -109,14 +111,82 @@ public:
 private:
     static void every(suseconds_t us)
     {
-        struct sigaction interrupt {
-        };
+        struct sigaction interrupt = {};
         interrupt.sa_handler = [](int) {}; // without SA_RESTART
         sigaction(SIGALRM, &interrupt, nullptr);
         const itimerval interval = {{0, us}, {0, us}};
         setitimer(ITIMER_REAL, &interval, nullptr);
     }
 };
+
+// What is still there at the object's end is waited for, a program after SIGTERM, and has to exit with 0.
+class Process : NoCopy
+{
+public:
+    // The function's result is the exit status; one without a result gives 0. A failed expectation gives 1.
+    template <std::invocable Function>
+    explicit Process(Function run)
+    {
+        if (pid_ != 0)
+            return;
+        int status = 0;
+        if constexpr (std::is_void_v<std::invoke_result_t<Function>>)
+            run();
+        else
+            status = run();
+        fflush(nullptr);
+        _exit(testing::Test::HasFailure() ? 1 : status);
+    }
+    // What the program prints goes to the file, if one is given.
+    explicit Process(std::vector<std::string> words, const char *output = nullptr) : is_program_(true)
+    {
+        if (pid_ == 0)
+            exec(std::move(words), output);
+    }
+    [[noreturn]] static void exec(std::vector<std::string> words, const char *output)
+    {
+        if (output != nullptr && freopen(output, "w", stdout) != nullptr)
+            dup2(STDOUT_FILENO, STDERR_FILENO);
+        words[0] = BINARY_DIR "/bin/" + words[0];
+        std::vector<char *> argv;
+        for (std::string &word : words)
+            argv.push_back(word.data());
+        argv.push_back(nullptr);
+        execv(argv[0], argv.data());
+        _exit(127);
+    }
+    ~Process()
+    {
+        if (pid_ != 0) {
+            EXPECT_EQ(is_program_ ? end() : wait(), 0);
+        }
+    }
+
+    [[nodiscard]] pid_t pid() const { return pid_; }
+
+    // Its exit status, or minus the signal that ended it.
+    int wait()
+    {
+        int status = 0;
+        EXPECT_GT(waitpid(std::exchange(pid_, 0), &status, 0), 0);
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+    }
+    int end(int signal = SIGTERM)
+    {
+        kill(pid_, signal);
+        return wait();
+    }
+
+private:
+    bool is_program_ = false;
+    pid_t pid_ = fork();
+};
+
+template <typename Function>
+int run_child(Function run)
+{
+    return Process(run).wait();
+}
 
 // True when this process has no child, running or dead.
 inline bool has_no_child()
@@ -135,19 +205,15 @@ struct NothingLeft : testing::Test {
 };
 
 // A time without a descriptor to be had.
-class NoDescriptors : NoCopy
-{
-public:
+struct NoDescriptors : NoCopy {
     NoDescriptors()
     {
-        getrlimit(RLIMIT_NOFILE, &saved_);
-        const rlimit none = {0, saved_.rlim_max};
+        getrlimit(RLIMIT_NOFILE, &saved);
+        const rlimit none = {0, saved.rlim_max};
         setrlimit(RLIMIT_NOFILE, &none);
     }
-    ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &saved_); }
-
-private:
-    rlimit saved_{};
+    ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &saved); }
+    rlimit saved{};
 };
 
 } // namespace support

@@ -1,10 +1,11 @@
 // What the library logs: the log file and the router's syslog.
 #pragma once
 
-#include "support/files.h"
+#include "support/box.h"
 
 #include <qzlib.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <sys/socket.h>
@@ -48,12 +49,11 @@ inline std::string take_log()
 // The text with 0 for every number: times and process numbers differ from run to run.
 inline std::string with_zeros(const std::string &text)
 {
-    std::string zeros;
-    for (const char c : text)
-        if (c < '0' || c > '9')
-            zeros += c;
-        else if (!zeros.ends_with('0'))
-            zeros += '0';
+    std::string zeros = text;
+    std::ranges::replace_if(
+        zeros, [](char c) { return c >= '0' && c <= '9'; }, '0');
+    const auto rest = std::ranges::unique(zeros, [](char a, char b) { return a == '0' && b == '0'; });
+    zeros.erase(rest.begin(), rest.end());
     return zeros;
 }
 

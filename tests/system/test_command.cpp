@@ -1,7 +1,6 @@
 #include "support/box.h"
 #include "support/case.h"
 #include "support/log.h"
-#include "support/process.h"
 
 #include <qzlib.h>
 
