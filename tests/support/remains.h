@@ -1,7 +1,7 @@
 // What a process may leave behind: descriptors, children, threads, shared memory, signal actions, masks.
 #pragma once
 
-#include "support/files.h"
+#include "support/box.h"
 
 #include <cerrno>
 #include <csignal>
