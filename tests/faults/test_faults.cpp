@@ -187,7 +187,7 @@ int run(const Row &row, int n)
     EXPECT_TRUE(!failed || (reached && row.failures.contains(result))) << "result " << result;
     EXPECT_TRUE(!failed || read_file(CONFIG) + read_file(DEVICE) == files) << "files changed";
     const auto is_nothing_left = [&] { return remains() == before; };
-    EXPECT_TRUE(eventually(is_nothing_left, std::chrono::seconds(5))) << before << "\nbecame " << remains();
+    EXPECT_TRUE(eventually(is_nothing_left)) << before << "\nbecame " << remains();
     return reached ? 0 : NOT_REACHED;
 }
 
