@@ -81,7 +81,7 @@ run_table <<'TABLE'
 0|{ "name": "lo", "up": true, *|if lo --json
 1|qzctl: nope: No such device |if nope
 1|qzctl: 127.0.0.1 port 9: it takes no connection |probe tcp 127.0.0.1 9
-0|127.0.0.1 |probe dns localhost
+0|127.0.0.1 |probe dns localhost --timeout 60
 1|qzctl: no route to 192.0.2.1 in the main table |route via 192.0.2.1
 1|qzctl: the routing daemon is not there: *|route add 10.0.0.0/8 eth0
 0|[[]] |route list --json
