@@ -363,8 +363,8 @@ TEST_F(Channel, failed_init_leaves_nothing)
     for (const int room : {0, 1}) { // for descriptors
         Process([=] {
             const rlim_t limit = static_cast<rlim_t>(next + room);
-            const rlimit descriptors = {limit, limit};
-            setrlimit(RLIMIT_NOFILE, &descriptors);
+            const rlimit few = {limit, limit};
+            setrlimit(RLIMIT_NOFILE, &few);
             EXPECT_LT(qzlib_msg_init(Inbox::put, nullptr), 0);
             EXPECT_EQ(send_message(1), QZLIB_ERR_FAILED);
             EXPECT_EQ(dup(0), room == 0 ? -1 : next);

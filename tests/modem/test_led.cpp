@@ -28,7 +28,7 @@ struct Led : NothingLeft {
 TEST_F(Led, modes_and_actions_are_written_in_order)
 {
     const auto set = qzlib_led_name_set, shot = qzlib_led_name_shot;
-    // A file that is missing from there on, call, light, mode, result and what is written.
+    // A file that is missing, call, light, mode, result and what is written.
     const Table<std::string, decltype(set), const char *, unsigned, int, Writes> cases = {
         {"", set, "net", 0, 0, {"trigger=none", "brightness=0"}},
         {"", set, "net", 1, 0, {"trigger=none", "brightness=1"}},
@@ -57,6 +57,7 @@ TEST_F(Led, modes_and_actions_are_written_in_order)
             remove((LEDS + "net/" + missing).c_str());
         EXPECT_EQ(trace_writes(LEDS + "net/", [&] { call(led, mode); }), writes);
         EXPECT_EQ(call(led, mode), result);
+        write_file(LEDS + "net/" + (missing.empty() ? "trigger" : missing), "");
     }
 }
 
