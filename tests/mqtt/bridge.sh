@@ -98,7 +98,6 @@ case_events() {
     done
     ! grep -q "bus/\|sim" kept || fail "an event or a value that is gone was retained"
     mosquitto_sub -h 127.0.0.1 -i K31A19041500042 -t none -E # another router of the same name
-    until_true grep -q "the broker ends the connection: Session taken over" bridge.log
     until_true lines 2 "state online" seen
     # The server of the bus is replaced: the bridge joins the next one.
     kill "$(pgrep -x mbusd)"
@@ -225,7 +224,7 @@ case_hostile_broker() {
     # Sanitized, it has no limit.
     memory="no memory for"
     ! ldd "$(command -v mbus-mqtt)" | grep -q san || memory="refused"
-    for why in "$memory" "topic is another's" "name is too long" "payload has not"; do
+    for why in "$memory" "broker refuses: Not authorized" "ends the connection: Session taken over" "topic is another's" "name is too long" "payload has not"; do
         grep -q "$why" bridge.log || fail "not in the log: $why"
     done
     lines 0 "name led" watch.out || fail "a hostile order came through"
@@ -234,6 +233,40 @@ case_hostile_broker() {
     open_broker
     events 1 1
     until_true grep -q "Received PUBLISH from K31A19041500042.*bus/param/0" broker.log
+}
+
+case_arguments() {
+    printf 'me\n' >half
+    chmod 600 half
+    while IFS='|' read -r words text; do
+        # shellcheck disable=SC2086 # words
+        mbus-mqtt $words >out 2>said && fail "took $words"
+        case "$(cat said)" in
+        "mbus-mqtt: $text"*) ;;
+        *) fail "$words: $(cat said)" ;;
+        esac
+    done <<TABLE
+--port 1|no broker
+--host h x|x: there are options only
+--host h --port 65536|--port 65536: not a number from 1
+--host h --id a/b|--id a/b: a router's name holds no /
+--host h --prefix a/+/b|--prefix a/+/b: the name holds + or #
+--host h --prefix a/|--prefix a/: it begins with / or \$, or ends with /
+--host h --retry 5:2|--retry 5:2: the first pause is longer
+--host h --retry 5|--retry 5: not two numbers
+--host h --queue 100|--queue 100: not a number from 16384
+--host h --cert c|a certificate needs its key
+--host h --cert c --key k|a certificate is of use with TLS only
+--host h --login none|--login none: No such file
+--host h --login half|--login half: not two lines
+--host h --login /tmp|--login /tmp: not a file
+--host h --log /none/log|cannot write the log /none/log: No such
+TABLE
+    echo 'hots=h' >config/mqtt.conf
+    mbus-mqtt --host h 2>said && fail "took a parameter that there is not"
+    grep -q '^mbus-mqtt: mqtt.conf: hots: no parameter' said || fail "$(cat said)"
+    echo shutdown >config/mqtt.conf
+    mbus-mqtt --host h || fail "shutdown"
 }
 
 case_"$2"

@@ -25,6 +25,7 @@ def publish(topic, payload, flags=0):
 MISDEEDS = [
     b"\x20\x03\x00\x87\x00",  # not authorized
     b"\x00\x00" + b"\xff" * 64,  # no packet at all
+    CONNACK + b"\xe0\x02\x8e\x00",  # the session was taken over
     CONNACK + b"\xf0\x00",  # nor that
     CONNACK + b"\x30" + length(200_000_000) + b"\x00\x01a" + b"\x55" * 4_000_000,  # a packet without end
     CONNACK + publish(BASE + b"n" * 60000 + b"/1", b"x") * 3,
