@@ -13,8 +13,7 @@ static char text[REPEATS * DIGITS + DIGITS];
 
 static int set_round(int round)
 {
-    int i;
-    for (i = 0; i < REPEATS; ++i)
+    for (int i = 0; i < REPEATS; ++i)
         snprintf(text + i * DIGITS, 2 * DIGITS, "%08d", round);
     return qzlib_set_boot_env(round % 2 == 0 ? "even" : "odd", text);
 }
@@ -32,18 +31,11 @@ static int number_of(const char *name)
     return text[i] == '\0' ? number : -1;
 }
 
-static int last_round(void)
+int main(int argc, char **argv)
 {
     int even = number_of("even");
     int odd = number_of("odd");
-    if (even < 0 || odd < 0)
-        return -1;
-    return even > odd ? even : odd;
-}
-
-int main(int argc, char **argv)
-{
-    int round = last_round();
+    int round = even < 0 || odd < 0 ? -1 : even > odd ? even : odd;
     int end = round + (argc > 1 ? atoi(argv[1]) : 1000);
     setvbuf(stdout, NULL, _IONBF, 0);
     printf("found %d\n", round);
