@@ -26,7 +26,7 @@ struct Config {
     Patterns publish;
     Patterns accept;
     Patterns status{"*"};
-    size_t queue_bytes = 256 * 1024;
+    size_t queue_bytes = 262'144;
     int keepalive_s = 60;
     unsigned session_s = 3600;
     unsigned retry_first_s = 2;
