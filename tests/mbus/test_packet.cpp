@@ -493,7 +493,7 @@ TEST_F(Bus, packet_without_any_signal_is_late_by_no_more_than_the_ring_was_idle)
     long idle_ms = 0, longest_ms = 0;
     follow(client.pid(), [&](auto &call) {
         if (call.op != PTRACE_SYSCALL_INFO_ENTRY || call.entry.nr != SYS_futex ||
-            (call.entry.args[1] & FUTEX_CMD_MASK) != FUTEX_WAIT)
+            (static_cast<int>(call.entry.args[1]) & FUTEX_CMD_MASK) != FUTEX_WAIT)
             return;
         long timeout[2] = {}; // in seconds and nanoseconds, as the kernel has them for this call
         memcpy(timeout, Call{client.pid(), 0, {}}.memory(call.entry.args[3], sizeof timeout).data(),

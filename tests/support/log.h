@@ -52,8 +52,8 @@ inline std::string with_zeros(const std::string &text)
     std::string zeros = text;
     std::ranges::replace_if(
         zeros, [](char c) { return c >= '0' && c <= '9'; }, '0');
-    const auto rest = std::ranges::unique(zeros, [](char a, char b) { return a == '0' && b == '0'; });
-    zeros.erase(rest.begin(), rest.end());
+    const auto both_zero = [](char a, char b) { return a == '0' && b == '0'; };
+    zeros.erase(std::unique(zeros.begin(), zeros.end(), both_zero), zeros.end());
     return zeros;
 }
 
