@@ -5,6 +5,7 @@
 #include <list>
 #include <poll.h>
 #include <pty.h>
+#include <regex>
 #include <termios.h>
 
 namespace
@@ -241,11 +242,9 @@ TEST_F(Line, removed_card_is_reported_whatever_log_says)
 }
 
 // The log with the addresses made equal, since they differ from call to call.
-std::string masked(std::string log)
+std::string masked(const std::string &log)
 {
-    for (size_t at = log.find("0x"); at != std::string::npos; at = log.find("0x", at))
-        log.replace(at, log.find_first_not_of("0123456789abcdef", at + 2) - at, "ADDRESS");
-    return log;
+    return std::regex_replace(log, std::regex("0x[0-9a-f]+"), "ADDRESS");
 }
 
 // The line of a wait that failed, with the addresses masked.
