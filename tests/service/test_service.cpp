@@ -41,74 +41,60 @@ struct Store : NoCopy {
     static inline service_param_list out;
 };
 
-using Change = std::function<int(service_info *info)>;
-
-Change set(const char *group, const char *name, const char *value = nullptr)
-{
-    return [=](service_info *info) { return qzlib_service_set_param(info, group, name, value); };
-}
-
-Change add(const char *group, const char *name, const char *value = nullptr)
-{
-    return [=](service_info *info) { return qzlib_service_set_param_repeat(info, group, name, value); };
-}
-
-Change del(const char *group, const char *name, const char *value = nullptr)
-{
-    return [=](service_info *info) { return qzlib_service_del_param(info, group, name, value); };
-}
-
 TEST(Service, changes_leave_exactly_these_entries)
 {
-    constexpr const char *NONE = nullptr;
+    using Text = const char *;
+    constexpr Text NONE = nullptr;
     const std::string n300(300, 'n'), n256(256, 'n'), v300(300, 'v'), v256(256, 'v');
-    // File, change, result, all entries afterwards.
-    const Table<std::string, Change, int, std::string> cases = {
+    const auto set = qzlib_service_set_param, add = qzlib_service_set_param_repeat,
+               del = qzlib_service_del_param;
+    // File, change of an entry (group, name, value), result, all entries afterwards.
+    const Table<std::string, decltype(set), Text, Text, Text, int, std::string> cases = {
         // A new ungrouped entry stands before the first header, without one in front, after "shutdown".
-        {"a=1\n", set(NONE, "b", "2"), 0, "0 b=2\n0 a=1\n"},
-        {"a=1\n", set("", "b", "2"), 0, "0 b=2\n0 a=1\n"}, // no group either
-        {"shutdown\na=1\n", set(NONE, "b", "2"), 0, "0 shutdown\n0 b=2\n0 a=1\n"},
-        {"a=1\nshutdown\n", set(NONE, "b", "2"), 0, "0 b=2\n0 a=1\n0 shutdown\n"},
-        {"a=1\ng\n k\nh\n", set(NONE, "b", "2"), 0, "0 a=1\n0 b=2\n2 g\n1 k\n2 h\n"},
-        {"a=1\ng\n", set(NONE, "shutdown"), 0, "0 shutdown\n0 a=1\n2 g\n"},
-        {"a=1\n", set(NONE, "Shutdown"), 0, "2 Shutdown\n0 a=1\n"}, // a name alone is a group
-        {"a=1\na=2\n", set(NONE, "a", "3"), 0, "0 a=3\n0 a=2\n"},
-        {"a=1\n", set(NONE, "a"), 0, "0 a\n"},
-        {"a=1\ng\n a=2\n", add(NONE, "a", "3"), 0, "0 a=1\n0 a=3\n2 g\n1 a=2\n"},
-        {"a=1\n", set(NONE, NONE, "v"), -1, "0 a=1\n"},
+        {"a=1\n", set, NONE, "b", "2", 0, "0 b=2\n0 a=1\n"},
+        {"a=1\n", set, "", "b", "2", 0, "0 b=2\n0 a=1\n"}, // no group either
+        {"shutdown\na=1\n", set, NONE, "b", "2", 0, "0 shutdown\n0 b=2\n0 a=1\n"},
+        {"a=1\nshutdown\n", set, NONE, "b", "2", 0, "0 b=2\n0 a=1\n0 shutdown\n"},
+        {"a=1\ng\n k\nh\n", set, NONE, "b", "2", 0, "0 a=1\n0 b=2\n2 g\n1 k\n2 h\n"},
+        {"a=1\ng\n", set, NONE, "shutdown", NONE, 0, "0 shutdown\n0 a=1\n2 g\n"},
+        {"a=1\n", set, NONE, "Shutdown", NONE, 0, "2 Shutdown\n0 a=1\n"}, // a name alone is a group
+        {"a=1\na=2\n", set, NONE, "a", "3", 0, "0 a=3\n0 a=2\n"},
+        {"a=1\n", set, NONE, "a", NONE, 0, "0 a\n"},
+        {"a=1\ng\n a=2\n", add, NONE, "a", "3", 0, "0 a=1\n0 a=3\n2 g\n1 a=2\n"},
+        {"a=1\n", set, NONE, NONE, "v", -1, "0 a=1\n"},
         // A new member stands after the last one, a repeated one after the first of its name.
-        {"g\n a=1\n b=1\nh\n c=1\n", set("g", "c", "2"), 0, "2 g\n1 a=1\n1 b=1\n1 c=2\n2 h\n1 c=1\n"},
-        {"g\n a=1\n b=1\n a=3\n", set("g", "a", "2"), 0, "2 g\n1 a=2\n1 b=1\n1 a=3\n"},
-        {"g\n a=1\n b=1\n", add("g", "a", "2"), 0, "2 g\n1 a=1\n1 a=2\n1 b=1\n"},
-        {"g\n a=1\n", set("g", "shutdown"), 0, "2 g\n1 shutdown\n1 a=1\n"},
-        {"g\nh\n k\n", set("g", "k", ""), 0, "2 g\n1 k=\n2 h\n1 k\n"},
-        {"a=1\n", set("g", "k"), 0, "0 a=1\n2 g\n1 k\n"},
-        {"g\n a\ng\n b\nh\n", set("g", "c"), 0, "2 g\n1 a\n2 g\n1 b\n1 c\n2 h\n"}, // neighbours are one
-        {"g\n a\nh\ng\n b\n", set("g", "b", "2"), 0, "2 g\n1 a\n1 b=2\n2 h\n2 g\n1 b\n"},
-        {"g\n a\nx=1\ng\n b\n", set("g", "b", "2"), 0, "2 g\n1 a\n0 x=1\n2 g\n1 b=2\n"}, // x is passed
-        {"g\n a\n", set("g", NONE, "v"), -1, "2 g\n1 a\n"},
+        {"g\n a=1\n b=1\nh\n c=1\n", set, "g", "c", "2", 0, "2 g\n1 a=1\n1 b=1\n1 c=2\n2 h\n1 c=1\n"},
+        {"g\n a=1\n b=1\n a=3\n", set, "g", "a", "2", 0, "2 g\n1 a=2\n1 b=1\n1 a=3\n"},
+        {"g\n a=1\n b=1\n", add, "g", "a", "2", 0, "2 g\n1 a=1\n1 a=2\n1 b=1\n"},
+        {"g\n a=1\n", set, "g", "shutdown", NONE, 0, "2 g\n1 shutdown\n1 a=1\n"},
+        {"g\nh\n k\n", set, "g", "k", "", 0, "2 g\n1 k=\n2 h\n1 k\n"},
+        {"a=1\n", set, "g", "k", NONE, 0, "0 a=1\n2 g\n1 k\n"},
+        {"g\n a\ng\n b\nh\n", set, "g", "c", NONE, 0, "2 g\n1 a\n2 g\n1 b\n1 c\n2 h\n"}, // neighbours are one
+        {"g\n a\nh\ng\n b\n", set, "g", "b", "2", 0, "2 g\n1 a\n1 b=2\n2 h\n2 g\n1 b\n"},
+        {"g\n a\nx=1\ng\n b\n", set, "g", "b", "2", 0, "2 g\n1 a\n0 x=1\n2 g\n1 b=2\n"}, // x is passed
+        {"g\n a\n", set, "g", NONE, "v", -1, "2 g\n1 a\n"},
         // Names and values are cut; a longer name than a stored one matches nothing.
-        {n256 + "=1\n", set(NONE, n300.c_str(), v300.c_str()), 0,
+        {n256 + "=1\n", set, NONE, n300.c_str(), v300.c_str(), 0,
          "0 " + n256 + "=" + v256 + "\n0 " + n256 + "=1\n"},
-        {"", set(n300.c_str(), "k"), 0, "2 " + n256 + "\n1 k\n"},
+        {"", set, n300.c_str(), "k", NONE, 0, "2 " + n256 + "\n1 k\n"},
         // All of a name are deleted, with a value those that have it.
-        {"a=1\nb=1\na=2\ng\n a=1\n", del(NONE, "a"), 0, "0 b=1\n2 g\n1 a=1\n"},
-        {"a=1\nshutdown\na=2\n", del("", "a", "2"), 0, "0 a=1\n0 shutdown\n"},
-        {"g\n k=1\n k\n k=2\nh\n k=1\n", del("g", "k"), 0, "2 g\n2 h\n1 k=1\n"},
-        {"g\n k\n k=1\n k=2\n", del("g", "k", "1"), 0, "2 g\n1 k\n1 k=2\n"},
-        {"a=1\ng\n k\n", del(NONE, "k"), -1, "0 a=1\n2 g\n1 k\n"},
-        {"g\n k\n", del("g", "k", "1"), -1, "2 g\n1 k\n"},
-        {"g\n k\n", del("h", NONE), -1, "2 g\n1 k\n"},
-        {"g\n k\n", del("g", NONE, "v"), -1, "2 g\n1 k\n"},
-        {"g\n k\n", del(NONE, NONE), -1, "2 g\n1 k\n"},
+        {"a=1\nb=1\na=2\ng\n a=1\n", del, NONE, "a", NONE, 0, "0 b=1\n2 g\n1 a=1\n"},
+        {"a=1\nshutdown\na=2\n", del, "", "a", "2", 0, "0 a=1\n0 shutdown\n"},
+        {"g\n k=1\n k\n k=2\nh\n k=1\n", del, "g", "k", NONE, 0, "2 g\n2 h\n1 k=1\n"},
+        {"g\n k\n k=1\n k=2\n", del, "g", "k", "1", 0, "2 g\n1 k\n1 k=2\n"},
+        {"a=1\ng\n k\n", del, NONE, "k", NONE, -1, "0 a=1\n2 g\n1 k\n"},
+        {"g\n k\n", del, "g", "k", "1", -1, "2 g\n1 k\n"},
+        {"g\n k\n", del, "h", NONE, NONE, -1, "2 g\n1 k\n"},
+        {"g\n k\n", del, "g", NONE, "v", -1, "2 g\n1 k\n"},
+        {"g\n k\n", del, NONE, NONE, NONE, -1, "2 g\n1 k\n"},
         // A group goes as a whole: by its name, or as an ungrouped name, whose search ends there.
-        {"g\n a\nx=1\ng\n b\nh\n c\ng\n", del("g", NONE), 0, "0 x=1\n2 h\n1 c\n2 g\n"},
-        {"a=1\na\n k\na=2\n", del(NONE, "a"), 0, "0 a=2\n"},
-        {"g=1\ng\n k\ng=1\n", del(NONE, "g", "1"), 0, "2 g\n1 k\n"},
+        {"g\n a\nx=1\ng\n b\nh\n c\ng\n", del, "g", NONE, NONE, 0, "0 x=1\n2 h\n1 c\n2 g\n"},
+        {"a=1\na\n k\na=2\n", del, NONE, "a", NONE, 0, "0 a=2\n"},
+        {"g=1\ng\n k\ng=1\n", del, NONE, "g", "1", 0, "2 g\n1 k\n"},
     };
-    for (const auto &[content, change, result, expected] : cases) {
+    for (const auto &[content, change, group, name, value, result, expected] : cases) {
         Store store(content);
-        EXPECT_EQ(change(store.info), result) << expected;
+        EXPECT_EQ(change(store.info, group, name, value), result) << expected;
         EXPECT_EQ(store.all(), expected) << content;
         EXPECT_EQ(qzlib_service_get_param_num(store.info),
                   std::count(expected.begin(), expected.end(), '\n'));

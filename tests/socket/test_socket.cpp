@@ -104,26 +104,25 @@ TEST(Sockets, failures_have_their_codes_and_messages_and_leak_nothing)
         EXPECT_EQ(qzlib_create_connect_tcp("127.0.0.1", "80", 1), -1);
     }
     EXPECT_EQ(failed, std::vector<int>(failed.size(), QZLIB_ERR_FAILED));
-    for (const char *expected :
-         {"bad argument for create UNIX domain function{socket_api->", "inet_pton input error (1.2.3){",
-          "inet_pton format error (1.2.3){", "cannot bind the addr(/tmp/no/dir) in create UNIX domain socket",
-          "cannot bind the addr((null)) in create TCP socket{",
-          "cannot bind the addr(192.0.2.1) to  UDP socket(", "cannot create the UNIX domain for connect",
-          "cannot create the UNIX domain for listen", "cannot create the UDP socket for listen",
-          "cannot create the TCP socket for listen"}) {
-        const std::string line = sink.next();
-        EXPECT_NE(line.find(expected), std::string::npos) << expected << " is not in " << line;
-    }
-    EXPECT_EQ(sink.next(), "");
+    EXPECT_EQ(with_zeros(sink.take()),
+              "<0>bad argument for create UNIX domain function{socket_api\n"
+              "<0>inet_pton input error (0.0.0){socket_api\n"
+              "<0>inet_pton format error (0.0.0){socket_api\n"
+              "<0>cannot bind the addr(/tmp/no/dir) in create UNIX domain socket{socket_api\n"
+              "<0>cannot bind the addr((null)) in create TCP socket{socket_api\n"
+              "<0>cannot bind the addr(0.0.0.0) to  UDP socket(0) {socket_api\n"
+              "<0>cannot create the UNIX domain for connect\n{socket_api\n"
+              "<0>cannot create the UNIX domain for listen{socket_api\n"
+              "<0>cannot create the UDP socket for listen{socket_api\n"
+              "<0>cannot create the TCP socket for listen{socket_api\n");
 }
 
 TEST(InetSocket, flags_differ_between_tcp_and_udp)
 {
     const Socket tcp(qzlib_create_listen_tcp("127.0.0.1", 53));
     const Socket udp(qzlib_create_listen_udp("127.0.0.1", 53));
-    const Table<const char *, const char *> peers = {
-        {"127.0.0.1", "53"}, {"localhost", "53"}, {"127.0.0.1", "domain"}};
-    for (const auto &[host, port] : peers)
+    for (const auto &[host, port] :
+         {std::pair("127.0.0.1", "53"), {"localhost", "53"}, {"127.0.0.1", "domain"}})
         for (const int flag : {0, 1, -1}) {
             const Socket stream(qzlib_create_connect_tcp(host, port, flag));
             EXPECT_EQ(stream.waits(), flag != 1) << host << ' ' << port;
@@ -142,7 +141,6 @@ TEST(InetSocket, failed_connects_have_their_codes)
         {nullptr, "1", 0, QZLIB_ERR_ARGUMENT, QZLIB_ERR_ARGUMENT},
         {"127.0.0.1", nullptr, 0, QZLIB_ERR_ARGUMENT, QZLIB_ERR_ARGUMENT},
         {"127.0.0.1", "8o", 0, QZLIB_ERR_FAILED, QZLIB_ERR_FAILED}, // not all digits: resolved
-        {"no-such-host.invalid", "1", 0, QZLIB_ERR_FAILED, QZLIB_ERR_FAILED},
         {"::1", "1", 0, -1, 0}, // nobody listens; as any kind of socket UDP connects
         {"::1", "1", 1, QZLIB_ERR_FAILED, 0},
     };
@@ -161,8 +159,7 @@ TEST(InetSocket, failed_connects_have_their_codes)
 TEST(InetSocket, odd_addresses_and_ports_lead_where_they_always_did)
 {
     const Table<int, decltype(&getsockname), const char *, bool> cases = {
-        {qzlib_create_connect_udp("300.1.1.1", "4242", 0), getpeername, "127.0.0.1:4242",
-         "blocking"}, // 0.0.0.0
+        {qzlib_create_connect_udp("300.1.1.1", "4242", 0), getpeername, "127.0.0.1:4242", true},
         {qzlib_create_connect_udp("127.0.0.1", "65579", 0), getpeername, "127.0.0.1:43", true},
         {qzlib_create_listen_udp(nullptr, 65536 + 8081), getsockname, "0.0.0.0:8081", false},
         {qzlib_create_listen_tcp(nullptr, 8081), getsockname, "0.0.0.0:8081", false}};
