@@ -55,7 +55,9 @@ TEST_F(Led, modes_and_actions_are_written_in_order)
         SCOPED_TRACE(missing + " " + std::to_string(mode));
         if (!missing.empty())
             remove((LEDS + "net/" + missing).c_str());
-        EXPECT_EQ(trace_writes(LEDS + "net/", [&] { call(led, mode); }), writes);
+        EXPECT_EQ(
+            trace_writes(LEDS + "net/", [&, act = call, name = led, chosen = mode] { act(name, chosen); }),
+            writes);
         EXPECT_EQ(call(led, mode), result);
         write_file(LEDS + "net/" + (missing.empty() ? "trigger" : missing), "");
     }

@@ -169,7 +169,7 @@ TEST_F(FileSystems, mount_points_differ_from_their_parent)
 {
     ASSERT_EQ(symlink("/tmp/m", "/tmp/link"), 0);
     std::string deep = "/tmp";
-    for (const size_t length : {250, 250, 250, 250, 17}) // 1021 in all: "/.." would not fit after it
+    for (const size_t length : {250U, 250U, 250U, 250U, 17U}) // 1021 in all: "/.." would not fit after it
         deep.append("/").append(length, 'd');
     std::filesystem::create_directories(deep);
     for (const char *path : {"/", "/proc", "/tmp/m", "/tmp/m/"})
