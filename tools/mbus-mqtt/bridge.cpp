@@ -71,10 +71,11 @@ void Bridge::on_packet(unsigned type, std::string_view name, std::string_view pa
 
 void Bridge::refuse(std::string_view topic, const char *why)
 {
-    last_refused_ = printable(topic) + ": " + why;
-    if (refused_orders_.is_due())
-        LOG_LINE(QZLIB_LOG_WARNING, "refused %s (and %llu before)", last_refused_.c_str(),
-                 refused_orders_.unsaid());
+    Refusals &same = refusals_[why];
+    same.last = printable(topic);
+    if (same.occasions.is_due())
+        LOG_LINE(QZLIB_LOG_WARNING, "refused %s: %s (and %llu before)", same.last.c_str(), why,
+                 same.occasions.unsaid());
 }
 
 void Bridge::take(std::string_view topic, std::string_view payload, bool retained)
@@ -97,9 +98,10 @@ void Bridge::take(std::string_view topic, std::string_view payload, bool retaine
 
 bool Bridge::is_held_up()
 {
-    if (refused_orders_.has_rest())
-        LOG_LINE(QZLIB_LOG_WARNING, "refused %llu more orders, the last one %s", refused_orders_.unsaid(),
-                 last_refused_.c_str());
+    for (auto &[why, same] : refusals_)
+        if (same.occasions.has_rest())
+            LOG_LINE(QZLIB_LOG_WARNING, "refused %llu more, the last one %s: %s", same.occasions.unsaid(),
+                     same.last.c_str(), why);
     if (orders_.empty())
         return false;
     const std::unique_lock lock(mutex_, std::try_to_lock);

@@ -7,6 +7,7 @@
 #include "outbox.h"
 
 #include <deque>
+#include <map>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -37,6 +38,11 @@ private:
         double since_s;
     };
 
+    struct Refusals {
+        Occasions occasions;
+        std::string last; // topic
+    };
+
     void on_packet(unsigned type, std::string_view name, std::string_view payload);
     void refuse(std::string_view topic, const char *why);
 
@@ -46,9 +52,8 @@ private:
     std::mutex mutex_; // held while the process joins, leaves or writes
     bool listening_ = false;
     double tried_s_ = 0;
-    std::deque<Order> orders_; // the line's thread alone
-    Occasions refused_orders_;
-    std::string last_refused_; // and why
+    std::deque<Order> orders_;                  // the line's thread alone
+    std::map<const char *, Refusals> refusals_; // by their reason, one of a few sentences
     Occasions unfit_packets_;
 };
 
