@@ -15,7 +15,7 @@ using namespace support;
 
 // How much longer than it waits a call may take. A pass too many of four seconds does not hide in it, but
 // where everything is slow.
-const double GRACE_S = slowness() > 1 ? 6.0 : 3.0;
+const double GRACE_S = slowness() > 1 ? 12.0 : 3.0;
 
 using Results = std::vector<int>;
 

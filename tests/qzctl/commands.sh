@@ -7,6 +7,9 @@ failed=0
 trap 'kill $(jobs -p) 2>/dev/null' EXIT
 
 examples=$2 cmake=$3
+for file in hosts nsswitch.conf; do
+    mount --bind "$(dirname "$0")/../machine/etc/$file" /etc/$file
+done
 
 # Rows STATUS|PATTERN|ARGUMENTS: the whole output, on one line, matches the pattern as case takes it. With
 # "j" after the status, a parser other than the library's takes what comes with --json, too.

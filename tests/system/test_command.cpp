@@ -264,7 +264,10 @@ TEST_F(Processes, second_copy_from_the_same_path_ends_itself)
     ASSERT_EQ(qzlib_get_process_name_by_pid(getpid(), name, sizeof name), 0);
     const std::string elsewhere = std::string("/tmp/") + name;
     std::filesystem::copy_file(BINARY_DIR "/bin/mbusd", elsewhere);
-    Process other([&] { return execl(elsewhere.c_str(), "", "--quiet", nullptr); });
+    Process other([&] {
+        setenv("LD_LIBRARY_PATH", BINARY_DIR "/lib", 1); // which it finds from its own place only
+        return execl(elsewhere.c_str(), "", "--quiet", nullptr);
+    });
     EXPECT_TRUE(
         eventually([&] { return qzlib_get_pid_by_name_path(name, elsewhere.c_str()) == other.pid(); }));
     EXPECT_EQ(qzlib_process_unique(), 1);
