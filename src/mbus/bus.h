@@ -111,7 +111,7 @@ void wait_connected();
 
 // While one exists, disconnecting waits: its thread is using the shared memory. A plain store tells, as
 // there is one thread at a time for each use. That it is seen before this thread looks whether the process
-// is connected, is the business of whoever disconnects, which is rare: see the barrier in dismiss_users().
+// is connected, is the business of whoever disconnects, which is rare: see dismiss_users().
 class Presence
 {
 public:

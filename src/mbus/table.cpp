@@ -9,8 +9,6 @@
 #include <strings.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 QZ_EXPORT void *mbus_share = nullptr;
 QZ_EXPORT int mbus_share_memid = -1;
@@ -145,23 +143,6 @@ bool same_name(const mbus_client &record, const char *name)
            strnlen(name, sizeof record.name + 1) <= sizeof record.name;
 }
 
-// From here on each thread of this process has passed a full memory barrier: what it stored before is
-// seen here, and what it loads later was not read ahead. So the packet path needs no fence of its own.
-// Linux before 4.14 cannot do it on demand; a store is out of its processor's buffer long before a
-// millisecond has passed, and on a single processor there is nothing to order.
-void order_threads()
-{
-#ifdef SYS_membarrier
-    constexpr int EXPEDITED = 1 << 3;
-    constexpr int REGISTER_EXPEDITED = 1 << 4; // once in a process
-    if (syscall(SYS_membarrier, EXPEDITED, 0) == 0 ||
-        (syscall(SYS_membarrier, REGISTER_EXPEDITED, 0) == 0 && syscall(SYS_membarrier, EXPEDITED, 0) == 0))
-        return;
-#endif
-    const timespec pause = {0, 1'000'000};
-    (void)nanosleep(&pause, nullptr);
-}
-
 bool is_in_use()
 {
     return std::any_of(std::begin(state.in_use), std::end(state.in_use),
@@ -198,10 +179,13 @@ void dismiss_users(char *base)
 {
     if (base != nullptr)
         ring_anyway(down_doorbell(base, *state.own.record));
-    order_threads();
+    // A thread's store that it is there may still be on its way to memory; it arrives long before the first
+    // pause is over. membarrier() would prove that, but a process with threads may wait for seconds in it.
     const timespec pause = {0, 1'000'000};
-    for (int left = LEAVE_PATIENCE_MS; left > 0 && is_in_use(); --left)
+    int left = LEAVE_PATIENCE_MS;
+    do
         (void)nanosleep(&pause, nullptr);
+    while (--left > 0 && is_in_use());
     if (base != nullptr)
         store(down_doorbell(base, *state.own.record).word, 0);
 }
