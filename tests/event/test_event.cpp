@@ -84,11 +84,18 @@ TEST_F(Event, one_change_wakes_one_waiter)
 
 TEST_F(Event, cancelled_waiter_gives_the_group_up)
 {
+    using Wait = std::pair<qzlib_event *, int>;
+    const auto run = [](void *wait) -> void * {
+        qzlib_event_wait_event(static_cast<Wait *>(wait)->first, static_cast<Wait *>(wait)->second);
+        return nullptr;
+    };
     for (const int limit_s : {0, 1000}) {
-        std::thread waiter([this, limit_s] { qzlib_event_wait_event(ev, limit_s); });
+        Wait wait(ev, limit_s);
+        pthread_t waiter;
+        ASSERT_EQ(pthread_create(&waiter, nullptr, run, &wait), 0);
         std::this_thread::sleep_for(100ms);
-        pthread_cancel(waiter.native_handle());
-        waiter.join();
+        pthread_cancel(waiter);
+        pthread_join(waiter, nullptr);
         ASSERT_EQ(pthread_mutex_trylock(&ev->mutex), 0);
         pthread_mutex_unlock(&ev->mutex);
     }
