@@ -54,8 +54,8 @@ constexpr size_t PATTERN_MAX = QZLIB_MBUS_PKG_NAME_SIZE;
 constexpr size_t PREFIX_MAX = 64;
 constexpr size_t ROUTER_MAX = 64;
 constexpr size_t LOGIN_MAX = 1024;
-constexpr unsigned long QUEUE_LEAST = 16 * 1024; // several of the largest packets
-constexpr unsigned long QUEUE_MOST = 64 * 1024 * 1024;
+constexpr unsigned long QUEUE_LEAST = 16384; // several of the largest packets
+constexpr unsigned long QUEUE_MOST = 67108864;
 
 // A setting's value, and the words for where it was found: "--port", "mqtt.conf: port".
 struct Given {

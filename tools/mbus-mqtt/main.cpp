@@ -35,10 +35,11 @@ bool is_writable(const char *path)
 // itself asks for it gets all the same.
 void limit_memory(size_t queue_bytes)
 {
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) &&                                       \
-    !defined(__clang__) // they map terabytes
-    constexpr rlim_t FOR_BROKER = 16 * 1024 * 1024;
-    constexpr rlim_t STEP = 1024 * 1024;
+    if (IS_SANITIZED != 0) // sanitizers map terabytes
+        return;
+    constexpr rlim_t FOR_BROKER = 16777216;
+    constexpr rlim_t STEP = 1048576;
+    constexpr int STEPS_MAX = 256;
     constexpr int BUS_THREADS = 2; // they start when the bus is joined
     unsigned long data_pages = 0;
     const std::unique_ptr<FILE, int (*)(FILE *)> file(fopen("/proc/self/statm", "re"),
@@ -55,16 +56,14 @@ void limit_memory(size_t queue_bytes)
     data.rlim_cur = std::min(limit, data.rlim_max);
     (void)setrlimit(RLIMIT_DATA, &data);
     std::set_new_handler([] {
+        static int steps = 0;
         rlimit more{};
-        if (getrlimit(RLIMIT_DATA, &more) != 0 || more.rlim_cur == RLIM_INFINITY)
+        if (++steps > STEPS_MAX || getrlimit(RLIMIT_DATA, &more) != 0)
             abort();
         more.rlim_cur += STEP;
         if (setrlimit(RLIMIT_DATA, &more) != 0)
             abort();
     });
-#else
-    (void)queue_bytes;
-#endif
 }
 
 } // namespace
