@@ -79,12 +79,12 @@ private:
         for (pthread_sigmask(SIG_SETMASK, &all, nullptr); !stop.stop_requested();) {
             const auto begin = Clock::now();
             std::this_thread::sleep_for(STEP);
-            late_s_ += seconds_since(begin) - STEP.count();
+            late_s_ += static_cast<float>(seconds_since(begin) - STEP.count());
         }
     }
 
     Clock::time_point start_ = Clock::now();
-    std::atomic<double> late_s_ = 0;
+    std::atomic<float> late_s_ = 0; // 32-bit machines have no larger ones
     std::jthread beside_{[this](const std::stop_token &stop) { measure(stop); }};
 };
 
