@@ -315,8 +315,9 @@ TEST(LineThatNeverDrains, is_given_up_at_the_limit_and_of_use_again)
     const Table<double, int, Call> cases = {
         {10, 0, SEND}, {10, 0, SEND_EXPECT}, {5, 1, SEND_READ}, {5, 1, SEND_HEX}};
     std::list<Process> processes; // side by side
-    for (const auto &[limit_s, errors, call] : cases)
-        processes.emplace_back([limit_s = limit_s, errors = errors, call = call] {
+    for (const auto &row : cases)
+        processes.emplace_back([row] {
+            const auto [limit_s, errors, call] = row;
             start_log();
             int peer, slave;
             char name[64], b[16];

@@ -114,19 +114,19 @@ TEST_F(DownCache, admits_by_the_cap)
     const Table<int, std::vector<int>> cases = {
         {5000, {4096, 735, 1}}, {4096, {}}, {-1, {}}}; // the cap, and the lengths that it drops
     for (const auto &[cap, dropped] : cases) {
-        const Process client([cap = cap, dropped = dropped] {
+        const Process client([limit = cap, lengths = dropped] {
             start_log("id");
             connect_as("demo");
             seen.held = true;
-            ASSERT_EQ(qzlib_mbus_down_cache_process(cap, count_bytes), 0);
+            ASSERT_EQ(qzlib_mbus_down_cache_process(limit, count_bytes), 0);
             uint32_t sum = 2 * 4096 + 735 + 734 + 1;
             std::string drops;
-            for (const int length : dropped) {
+            for (const int length : lengths) {
                 drops += "<WARNING>id:demo down_cache is full, drop " + std::to_string(length) + "bytes\n";
                 sum -= static_cast<uint32_t>(length);
             }
             await_count(4096);
-            EXPECT_TRUE(eventually([&] { return dropped.empty() || logged("drop 1bytes"); })); // the last one
+            EXPECT_TRUE(eventually([&] { return lengths.empty() || logged("drop 1bytes"); })); // the last one
             seen.held = false;
             await_count(sum);
             qzlib_mbus_write_data("again", 5);

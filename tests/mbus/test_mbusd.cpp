@@ -178,7 +178,7 @@ TEST_F(Served, names_and_datagrams_are_looked_at)
     };
     for (const auto &[datagram, line] : cases) {
         send_control(datagram);
-        EXPECT_TRUE(eventually([line = line] { return logged(line, LOG); })) << line;
+        EXPECT_TRUE(eventually([text = line] { return logged(text, LOG); })) << line;
     }
     EXPECT_EQ(qzlib_connect_mbus_server("ba"), -1);
     EXPECT_EQ(shared_segments(), 2U);
