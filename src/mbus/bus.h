@@ -109,17 +109,13 @@ void uninit_own();
 // Blocks until the process is connected. At once when it is.
 void wait_connected();
 
-// While one exists, disconnecting waits: its thread is using the shared memory. A plain store tells, as
-// there is one thread at a time for each use. That it is seen before this thread looks whether the process
-// is connected, is the business of whoever disconnects, which is rare: see dismiss_users().
+// While one exists, disconnecting waits: its thread is using the shared memory. There is one thread at a time
+// for each use. A thread says that it is there, then looks whether the process is connected; whoever
+// disconnects says so, then looks for such threads: all in one order, so that one of them sees the other.
 class Presence
 {
 public:
-    explicit Presence(Use use) : use_(state.in_use[use])
-    {
-        __atomic_store_n(&use_, 1, __ATOMIC_RELAXED);
-        __atomic_signal_fence(__ATOMIC_SEQ_CST);
-    }
+    explicit Presence(Use use) : use_(state.in_use[use]) { base::store(use_, 1); }
     ~Presence() { base::store_release(use_, 0); }
     Presence(const Presence &) = delete;
     Presence &operator=(const Presence &) = delete;

@@ -179,13 +179,9 @@ void dismiss_users(char *base)
 {
     if (base != nullptr)
         ring_anyway(down_doorbell(base, *state.own.record));
-    // A thread's store that it is there may still be on its way to memory; it arrives long before the first
-    // pause is over. membarrier() would prove that, but a process with threads may wait for seconds in it.
     const timespec pause = {0, 1'000'000};
-    int left = LEAVE_PATIENCE_MS;
-    do
+    for (int left = LEAVE_PATIENCE_MS; left > 0 && is_in_use(); --left)
         (void)nanosleep(&pause, nullptr);
-    while (--left > 0 && is_in_use());
     if (base != nullptr)
         store(down_doorbell(base, *state.own.record).word, 0);
 }
