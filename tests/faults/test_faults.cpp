@@ -2,7 +2,6 @@
 #include "faults/shim.h"
 #include "support/box.h"
 #include "support/case.h"
-#include "support/remains.h"
 
 #include <qzlib.h>
 

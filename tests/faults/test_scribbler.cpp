@@ -1,7 +1,6 @@
 // A process that overwrites all shared memory of a bus at work, for QZ_SCRIBBLE seconds.
 #include "support/box.h"
 #include "support/case.h"
-#include "support/remains.h"
 
 #include <qzlib.h>
 

@@ -96,6 +96,8 @@ TEST_F(Latency, of_a_silent_host_ends_at_the_limit_with_signals_coming)
         sigprocmask(SIG_SETMASK, nullptr, &now);
         EXPECT_EQ(sigismember(&now, SIGTERM), change == SIG_BLOCK) << "the caller's mask is as it was";
     }
+    sigprocmask(SIG_UNBLOCK, &sigterm, nullptr);
+    signal(SIGTERM, SIG_DFL);
 }
 
 TEST(DomainIp, of_addresses_and_names)

@@ -28,8 +28,8 @@ std::string signal_state()
     return state;
 }
 
-// A daemon with signal actions of its own, which must all be as before after the test, with no
-// descriptor and no child more than before.
+// A daemon with signal actions of its own, which must all be as before after the test, and nothing more left
+// than before.
 volatile sig_atomic_t signals_seen = 0;
 struct Commands : NothingLeft {
     Commands()
@@ -45,6 +45,7 @@ struct Commands : NothingLeft {
         sigaction(SIGINT, &action, nullptr);
         sigaction(SIGALRM, &action, nullptr);
         before = signal_state();
+        remains_before = remains();
     }
     ~Commands() override
     {
@@ -263,10 +264,10 @@ TEST_F(Processes, second_copy_from_the_same_path_ends_itself)
     char name[64];
     ASSERT_EQ(qzlib_get_process_name_by_pid(getpid(), name, sizeof name), 0);
     const std::string elsewhere = std::string("/tmp/") + name;
-    std::filesystem::copy_file(BINARY_DIR "/bin/mbusd", elsewhere);
+    std::filesystem::copy_file(BINARY_DIR "/bin/zservsim", elsewhere);
     Process other([&] {
         setenv("LD_LIBRARY_PATH", BINARY_DIR "/lib", 1); // which it finds from its own place only
-        return execl(elsewhere.c_str(), "", "--quiet", nullptr);
+        return execl(elsewhere.c_str(), "", nullptr);
     });
     EXPECT_TRUE(
         eventually([&] { return qzlib_get_pid_by_name_path(name, elsewhere.c_str()) == other.pid(); }));
