@@ -39,7 +39,9 @@ enum Use { READING, WRITING, WRITING_RUN, CACHING, USES };
 struct State {
     // The own record; null when not connected. Changed by connect and disconnect only.
     mbus_client *self;
-    uint32_t in_use[USES]; // each 1 or 0, see Presence
+    uint32_t in_use[USES]; // each 0 or the era in which its thread came, see Presence
+    uint32_t era;          // below that of the next thread by 1: how often threads were dismissed
+    bool is_occupied;      // some did not leave: the memory that they use stays attached
     pid_t pid;             // the process that connected
     bool table_gone;       // the table was detached under the own record
     Patience patience;
@@ -112,10 +114,14 @@ void wait_connected();
 // While one exists, disconnecting waits: its thread is using the shared memory. There is one thread at a time
 // for each use. A thread says that it is there, then looks whether the process is connected; whoever
 // disconnects says so, then looks for such threads: all in one order, so that one of them sees the other.
+// A thread of the era that begins then has seen it, and is not waited for.
 class Presence
 {
 public:
-    explicit Presence(Use use) : use_(state.in_use[use]) { base::store(use_, 1); }
+    explicit Presence(Use use) : use_(state.in_use[use])
+    {
+        base::store(use_, __atomic_load_n(&state.era, __ATOMIC_ACQUIRE) + 1);
+    }
     ~Presence() { base::store_release(use_, 0); }
     Presence(const Presence &) = delete;
     Presence &operator=(const Presence &) = delete;

@@ -98,6 +98,7 @@ bool take_record(mbus_client *record)
 {
     qz::base::copy_text(state.own_name, qz::base::field_text(record->name));
     state.table_gone = false;
+    state.is_occupied = false;
     set_self(record);
     if (qzlib_client_init(record) == 0)
         return true;

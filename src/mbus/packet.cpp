@@ -27,7 +27,7 @@ ASIDE int fail(const mbus_client &client)
 {
     // The read text on writing, too, deliberately.
     MBUS_LOG(QZLIB_LOG_WARNING, "mbus read fail, name:%.32s",
-             &client == self() ? state.own_name : client.name);
+             &client == state.own.record ? state.own_name : client.name); // it may be gone by now
     return -1;
 }
 
@@ -231,11 +231,13 @@ QZ_EXPORT int qzlib_mbus_write_data(const void *data, int len)
 
 QZ_EXPORT mbus_pkg *qzlib_mbus_read_pkg(mbus_client *client, int nowait)
 {
+    if (client != nullptr && client != __atomic_load_n(&state.self, __ATOMIC_RELAXED))
+        return read_up(*client, nowait != 0);
     const Presence presence(READING);
     mbus_client *own = self();
-    if (client == nullptr)
-        client = own;
-    if (client == nullptr)
+    if (own == nullptr && client == nullptr)
         return nullptr;
-    return client == own ? read_down(*client, nowait != 0) : read_up(*client, nowait != 0);
+    if (client != nullptr && client != own) // it was a moment ago
+        return refuse_read(*client);
+    return read_down(*own, nowait != 0);
 }

@@ -102,10 +102,10 @@ void detach_own()
 {
     char *const base = state.own.attached();
     state.own.set_detached();
-    if (self() != nullptr) // or else the threads have left already
+    if (self() != nullptr && !is_new_process()) // or else the threads have left already, or are the parent's
         dismiss_users(base);
     Attachment own = state.own;
-    own.base = base;
+    own.base = state.is_occupied ? nullptr : base;
     detach(own);
     state.own.handle = {};
 }
@@ -145,8 +145,10 @@ bool same_name(const mbus_client &record, const char *name)
 
 bool is_in_use()
 {
-    return std::any_of(std::begin(state.in_use), std::end(state.in_use),
-                       [](const uint32_t &use) { return load(use) != 0; });
+    return std::any_of(std::begin(state.in_use), std::end(state.in_use), [](const uint32_t &use) {
+        const uint32_t era = load(use);
+        return era != 0 && era != state.era + 1;
+    });
 }
 
 Attachment *remember(Attachment *attachment)
@@ -174,14 +176,20 @@ Attachment *search_attachment(const mbus_client *record)
     return nullptr;
 }
 
-// The bound is for a caller that is itself such a thread, interrupted by a signal.
+// The bound is for a caller that is itself such a thread, interrupted by a signal. What it uses stays then.
 void dismiss_users(char *base)
 {
     if (base != nullptr)
         ring_anyway(down_doorbell(base, *state.own.record));
+    store(state.era, (state.era + 1) & INT32_MAX);
     const timespec pause = {0, 1'000'000};
-    for (int left = LEAVE_PATIENCE_MS; left > 0 && is_in_use(); --left)
+    int left = LEAVE_PATIENCE_MS;
+    for (; is_in_use() && left > 0; --left) {
         (void)nanosleep(&pause, nullptr);
+        if (base != nullptr) // whatever others have made of the word meanwhile
+            wake_waiter(down_doorbell(base, *state.own.record), BELL_SERVED | BELL_ASLEEP, nullptr);
+    }
+    state.is_occupied = is_in_use();
     if (base != nullptr)
         store(down_doorbell(base, *state.own.record).word, 0);
 }
@@ -291,9 +299,10 @@ QZ_EXPORT void qzlib_mbus_share_uninit(void)
         state.table_gone = true;
         detach_own();
     }
-    if (mbus_share != nullptr) {
-        (void)shmdt(mbus_share);
+    if (const void *table = mbus_share; table != nullptr) {
         __atomic_store_n(&mbus_share, nullptr, __ATOMIC_RELAXED);
+        if (!state.is_occupied)
+            (void)shmdt(table);
     }
     if (mbus_share_memid >= 0) {
         remove_if_unused(mbus_share_memid);
