@@ -55,9 +55,9 @@ MQTT_PACKAGES="libmosquitto-dev mosquitto mosquitto-clients"
 BENCH_PACKAGES="libbenchmark-dev zlib1g-dev libdbus-1-dev libmosquitto-dev"
 TEST_PACKAGES="libgtest-dev openssl mandoc python3 u-boot-tools libubootenv-tool"
 
-# Style and lint are those of one version, since every version has its own. Debian 12 has this one;
-# elsewhere scripts/test leaves both out and says so.
-STYLE_PACKAGES="clang-format-14 clang-tidy-14"
+# The style is that of one version, since every version has its own. Debian 12 has this one; elsewhere
+# scripts/test leaves it out and says so.
+STYLE_PACKAGES="clang-format-14"
 can_check_style() {
     for tool in $STYLE_PACKAGES; do
         command -v "$tool" >/dev/null || apt-cache show "$tool" >/dev/null 2>&1 || return 1
