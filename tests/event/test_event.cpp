@@ -6,7 +6,6 @@ namespace
 {
 
 using namespace support;
-using namespace std::chrono_literals;
 
 struct Event : testing::Test {
     ~Event() override { EXPECT_EQ(qzlib_event_unint(ev), 0); }
@@ -61,7 +60,7 @@ TEST_F(Event, a_change_of_other_bits_restarts_the_whole_limit)
     std::atomic<float> changed_s = 0;
     const Stopwatch watch;
     const std::jthread other([&] {
-        std::this_thread::sleep_for(500ms);
+        usleep(500'000);
         changed_s = static_cast<float>(watch.seconds());
         qzlib_event_set_flag(ev, 0b10);
     });
@@ -76,7 +75,7 @@ TEST_F(Event, one_change_wakes_one_waiter)
     for (int i = 0; i < 4; ++i)
         waiters.emplace_back([&] { ++begun, woken += qzlib_event_wait_event(ev, 2) == 0; });
     EXPECT_TRUE(eventually([&] { return begun == 4; }));
-    std::this_thread::sleep_for(300ms);
+    usleep(300'000);
     qzlib_event_set_flag(ev, 1);
     waiters.clear();
     EXPECT_EQ(woken, 1);
@@ -93,7 +92,7 @@ TEST_F(Event, cancelled_waiter_gives_the_group_up)
         Wait wait(ev, limit_s);
         pthread_t waiter;
         ASSERT_EQ(pthread_create(&waiter, nullptr, run, &wait), 0);
-        std::this_thread::sleep_for(100ms);
+        usleep(100'000);
         pthread_cancel(waiter);
         pthread_join(waiter, nullptr);
         ASSERT_EQ(pthread_mutex_trylock(&ev->mutex), 0);

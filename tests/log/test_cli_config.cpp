@@ -14,7 +14,7 @@ alignas(256) constexpr char KEY_OF_A_ZERO_BYTE[] = "mtu"; // its address in the 
 
 // A lookup table as a daemon builds it. The rooms of 13 and 22 bytes put keys on every kind of
 // 4-byte boundary, aligned to a 64-bit word and not.
-class Lookup
+class Lookup : NoCopy
 {
 public:
     explicit Lookup(const char *preset = "")
@@ -27,8 +27,6 @@ public:
         memset(bytes_ + size_, '#', sizeof bytes_ - size_);
     }
     ~Lookup() { EXPECT_EQ(std::string(bytes_ + size_, bytes_ + 256), std::string(256 - size_, '#')); }
-    Lookup(const Lookup &) = delete;
-    Lookup &operator=(const Lookup &) = delete;
 
     char *value(size_t entry) { return bytes_ + values_[entry]; }
     int get(int mode) { return get(mode, static_cast<int>(size_)); }

@@ -4,11 +4,6 @@
 
 #include <qzlib.h>
 
-#include <cerrno>
-#include <fcntl.h>
-#include <sstream>
-#include <sys/syscall.h>
-
 #if UINTPTR_MAX > UINT32_MAX
 // A clock that stands at 0, which the kernel does not let a test set.
 static bool clock_stands = false;
@@ -26,7 +21,6 @@ namespace
 
 using namespace support;
 constexpr const char *CLI_CONF = "/tmp/config/cli.conf";
-constexpr const char *LOG = "/tmp/daemon.log";
 
 // Writes the CLI configuration with a modification time that was not used before.
 void configure(const std::string &content)
@@ -51,18 +45,15 @@ void set_mtime64(const char *path, int64_t seconds)
 // Which of the five levels come through, as digits.
 std::string emitted_levels()
 {
-    remove(LOG);
     for (int level = 0; level < 5; ++level)
         debug_msg(level, "m", 1, "%d", level);
-    std::istringstream log(read_file(LOG));
-    std::string levels;
-    for (std::string line; std::getline(log, line);)
-        levels += line.back();
+    std::string levels = take_log();
+    std::erase_if(levels, [](char c) { return c < '0' || c > '9'; });
     return levels;
 }
 
 struct FileLog : NothingLeft {
-    FileLog() { openmsg_com(LOG, 0, "id", 0); }
+    FileLog() { openmsg_com(LOG_FILE, 0, "id", 0); }
     ~FileLog() override { closelog(); }
 };
 
@@ -105,26 +96,26 @@ TEST_F(FileLog, an_edit_that_keeps_the_modification_time_is_not_seen)
         set_mtime64(CLI_CONF, mtime);
         EXPECT_EQ(emitted_levels(), expected);
     }
-    write_file(LOG, std::string(204800, 'o'));
-    set_mtime64(LOG, AFTER_2038);
+    write_file(LOG_FILE, std::string(204800, 'o'));
+    set_mtime64(LOG_FILE, AFTER_2038);
     debug_msg(3, nullptr, 0, "fresh");
-    EXPECT_LT(read_file(LOG).size(), 100U) << "a log that is full is begun anew, whatever its time";
+    EXPECT_LT(read_file(LOG_FILE).size(), 100U) << "a log that is full is begun anew, whatever its time";
 }
 
 TEST_F(FileLog, line_is_time_level_ident_and_message)
 {
     const char *prefixes[] = {"<DEBUG>", "<INFO>", "<WARNING>", "<ERROR>", "<FATAL>"};
     const std::string ident = "0123456789abcdef0123456789abcdef"; // 32 characters are taken
-    openmsg_com(LOG, 0, (ident + "TAIL").c_str(), 0);
+    openmsg_com(LOG_FILE, 0, (ident + "TAIL").c_str(), 0);
     configure("log msg-level debug\n");
     for (int level = 0; level < 5; ++level) {
-        remove(LOG);
+        remove(LOG_FILE);
         debug_msg(level, "module", 42, "rssi %d of %s", -71, "wwan0");
         const std::string text = prefixes[level] + ident + ":rssi -71 of wwan0\n";
-        EXPECT_EQ(with_zeros(read_file(LOG)), "[0-0-0 0:0:0]" + with_zeros(text));
-        EXPECT_TRUE(read_file(LOG).ends_with(text));
+        EXPECT_EQ(with_zeros(read_file(LOG_FILE)), "[0-0-0 0:0:0]" + with_zeros(text));
+        EXPECT_TRUE(read_file(LOG_FILE).ends_with(text));
     }
-    EXPECT_EQ(std::filesystem::status(LOG).permissions(), std::filesystem::perms(0644));
+    EXPECT_EQ(std::filesystem::status(LOG_FILE).permissions(), std::filesystem::perms(0644));
 
     const std::string long_path = "/tmp/" + std::string(300, 'p'); // 256 characters are taken
     openmsg_com(long_path.c_str(), 0, "id", 0);
@@ -141,21 +132,21 @@ TEST_F(FileLog, clock_at_zero_has_a_time_too)
     clock_stands = true;
     debug_msg(3, nullptr, 0, "x");
     clock_stands = false;
-    EXPECT_EQ(read_file(LOG).substr(0, 6), "[1970-");
+    EXPECT_EQ(read_file(LOG_FILE).substr(0, 6), "[1970-");
 }
 #endif
 
 TEST_F(FileLog, file_at_its_cap_is_begun_anew)
 {
     for (const auto &[cap, size] : {std::pair(100, 100), {0, 204800}}) {
-        openmsg_com(LOG, cap, "id", 0);
+        openmsg_com(LOG_FILE, cap, "id", 0);
         const std::string full(static_cast<size_t>(size), 'o');
-        write_file(LOG, full.substr(1));
+        write_file(LOG_FILE, full.substr(1));
         debug_msg(3, nullptr, 0, "kept");
-        EXPECT_EQ(read_file(LOG).substr(0, full.size()), full.substr(1) + "[");
-        write_file(LOG, full);
+        EXPECT_EQ(read_file(LOG_FILE).substr(0, full.size()), full.substr(1) + "[");
+        write_file(LOG_FILE, full);
         debug_msg(3, nullptr, 0, "fresh");
-        EXPECT_EQ(read_file(LOG)[0], '[');
+        EXPECT_EQ(read_file(LOG_FILE)[0], '[');
     }
 }
 
@@ -186,12 +177,12 @@ TEST_F(FileLog, messages_of_threads_are_whole_lines_and_leak_nothing)
     std::string lines;
     for (int i = 0; i < 1000; ++i)
         lines += "[0-0-0 0:0:0]<ERROR>id:thread 0 message 0 end\n";
-    EXPECT_EQ(with_zeros(read_file(LOG)), lines);
+    EXPECT_EQ(with_zeros(read_file(LOG_FILE)), lines);
     const auto write_one = [] { debug_msg(3, "m", 1, "text"); };
     EXPECT_EQ(trace_writes("/tmp/", write_one).size(), 1U) << "a line is one write";
 }
 
-TEST(SyslogMode, priorities_and_formats)
+TEST(SyslogMode, priorities_formats_ident_and_quiet_stdio)
 {
     SyslogSink sink;
     configure("log msg-level debug\n");
@@ -213,11 +204,7 @@ TEST(SyslogMode, priorities_and_formats)
     closemsg();
     debug_msg(1, nullptr, 0, "reopened");
     EXPECT_NE(sink.next().find(": reopened"), std::string::npos);
-}
 
-TEST(SyslogMode, full_ident_and_quiet_stdio)
-{
-    SyslogSink sink;
     fflush(stdout);
     const int out = dup(1), err = dup(2);
     openmsg_com(nullptr, 0, "0123456789abcdef0123456789abcdefTAIL", QZLIB_LOG_QUIET_STDIO);

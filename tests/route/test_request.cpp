@@ -13,11 +13,6 @@ using namespace support;
 using namespace std::string_literals;
 const sockaddr_un ADDRESS = {AF_UNIX, "/tmp/.zserv"};
 
-int open_socket(int flags = 0)
-{
-    return socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0);
-}
-
 // The routing daemon's socket. Requests fit its buffer, so that they are read after the call.
 struct Request : NothingLeft {
     Request()
@@ -38,7 +33,7 @@ struct Request : NothingLeft {
         close(fd);
         return {buffer, static_cast<size_t>(std::max<ssize_t>(count, 0))};
     }
-    int daemon = open_socket(SOCK_NONBLOCK);
+    int daemon = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 };
 
 int add_route(const char *prefix, const char *hop)
@@ -100,7 +95,7 @@ TEST_F(Request, that_cannot_be_made_is_refused)
 TEST_F(Request, survives_a_daemon_that_closes)
 {
     fcntl(daemon, F_SETFL, 0); // accept() waits
-    std::thread closer([this] {
+    const std::jthread closer([this] {
         char buffer[128];
         for (int i = 0; i < 300; ++i) {
             const int fd = accept(daemon, nullptr, nullptr);
@@ -113,7 +108,6 @@ TEST_F(Request, survives_a_daemon_that_closes)
     sigset_t pending;
     sigpending(&pending);
     EXPECT_EQ(sigismember(&pending, SIGPIPE), 0);
-    closer.join();
 }
 
 TEST_F(Request, failing_write_is_printed_and_the_result_is_0)

@@ -1,4 +1,3 @@
-#include "support/box.h"
 #include "support/case.h"
 
 #include <qzlib.h>
@@ -28,16 +27,6 @@ Lines snapshot()
     qz_srtinfo_free(&list);
     EXPECT_EQ(list, nullptr);
     return lines;
-}
-
-// An `ip` that prints files; every call is noted.
-void fake_ip(const std::string &rules, const std::string &routes)
-{
-    write_file("/tmp/rules", rules);
-    write_file("/tmp/routes", routes);
-    fake_command("ip", "#!/bin/sh\n"
-                       "printf '%s\\n' \"$#:$*\" >>/tmp/calls\n"
-                       "case $1 in rule) cat /tmp/rules;; *) cat /tmp/routes;; esac\n");
 }
 
 using Snapshot = NothingLeft;
@@ -121,7 +110,9 @@ TEST_F(Snapshot, of_scripted_lines_splits_them_by_position)
             for (const std::string &record : call.empty() ? Lines{} : records)
                 expected.push_back(front + record);
     }
-    fake_ip(rule_text, route_text);
+    write_file("/tmp/rule", rule_text);
+    write_file("/tmp/route", route_text);
+    fake_command("ip", "#!/bin/sh\nprintf '%s\\n' \"$#:$*\" >>/tmp/calls; cat /tmp/$1\n");
     EXPECT_EQ(snapshot(), expected);
     EXPECT_EQ(read_file("/tmp/calls"), calls);
     EXPECT_NE(access("/x", F_OK), 0) << "a name was run";

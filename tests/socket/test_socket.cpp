@@ -15,11 +15,7 @@ constexpr const char *PATH = "/tmp/test.sock";
 // One socket of a test, closed at its end.
 struct Socket : NoCopy {
     explicit Socket(int descriptor) : fd(descriptor) {}
-    ~Socket()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
+    ~Socket() { close(fd); }
 
     [[nodiscard]] bool waits() const
     {
