@@ -82,9 +82,8 @@ struct Bus : testing::Test {
     const Segment segment{"demo"};
 };
 
-// A client's connecting empties its rings, so its peer waits until that is done: the client
-// then sets a flag. On a loaded machine the server may need longer than the few milliseconds
-// that connecting gives it.
+// A client's connecting empties its rings, so its peer waits until that is done: the client then sets a
+// flag. On a loaded machine the server may need longer than the few milliseconds that connecting gives it.
 inline void connect_as(const char *name)
 {
     ASSERT_TRUE(eventually([name] { return qzlib_connect_mbus_server(name) == 0; }));
@@ -94,6 +93,22 @@ inline void connect_as(const char *name)
 inline void await_connected(const mbus_client *record)
 {
     ASSERT_TRUE(eventually([record] { return __atomic_load_n(&record->flags, __ATOMIC_ACQUIRE) != 0; }));
+}
+
+// Looks hard for a moment, to meet the races, and then leaves the processor to others.
+template <typename Condition>
+void spin(Condition condition)
+{
+    for (int i = 0; !condition(); ++i)
+        if (i > 200)
+            usleep(20);
+}
+
+inline size_t shared_segments()
+{
+    shm_info info{};
+    EXPECT_GE(shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds *>(&info)), 0);
+    return static_cast<size_t>(info.used_ids);
 }
 
 inline mbus_pkg packet(std::string_view payload, std::string_view name = "", uint8_t type = 0)
