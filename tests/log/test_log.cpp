@@ -106,8 +106,7 @@ TEST_F(FileLog, line_is_time_level_ident_and_message)
 {
     const char *prefixes[] = {"<DEBUG>", "<INFO>", "<WARNING>", "<ERROR>", "<FATAL>"};
     const std::string ident = "0123456789abcdef0123456789abcdef"; // 32 characters are taken
-    openmsg_com(LOG_FILE, 0, (ident + "TAIL").c_str(), 0);
-    configure("log msg-level debug\n");
+    start_log((ident + "TAIL").c_str());
     for (int level = 0; level < 5; ++level) {
         remove(LOG_FILE);
         debug_msg(level, "module", 42, "rssi %d of %s", -71, "wwan0");
