@@ -19,7 +19,6 @@ class Segment : NoCopy
 {
 public:
     explicit Segment(int key) : base(static_cast<char *>(shmat(shmget(key, 0, 0), nullptr, 0))) {}
-    explicit Segment(const char *client) : Segment(qzlib_mbus_name_to_key(client)) {}
     ~Segment() { shmdt(base); }
 
     [[nodiscard]] std::string bytes(size_t offset, size_t size) const { return {base + offset, size}; }
@@ -79,7 +78,7 @@ private:
 struct Bus : testing::Test {
     ServerEnd server;
     mbus_client *record = server.add("demo");
-    const Segment segment{"demo"};
+    const Segment segment{qzlib_mbus_name_to_key("demo")};
 };
 
 // A client's connecting empties its rings, so its peer waits until that is done: the client then sets a
@@ -88,6 +87,12 @@ inline void connect_as(const char *name)
 {
     ASSERT_TRUE(eventually([name] { return qzlib_connect_mbus_server(name) == 0; }));
     ASSERT_EQ(qzlib_client_set_flag(1), 0);
+}
+
+template <typename Number>
+void await(const std::atomic<Number> &count, std::type_identity_t<Number> least)
+{
+    ASSERT_TRUE(eventually([&] { return count >= least; }));
 }
 
 inline void await_connected(const mbus_client *record)

@@ -35,11 +35,6 @@ int count_bytes(unsigned /*type*/, const char * /*name*/, const void * /*data*/,
     return 0;
 }
 
-void await_count(uint32_t count)
-{
-    ASSERT_TRUE(eventually([count] { return seen >= count; }));
-}
-
 struct DownCache : Bus {
     void send(int length) const
     {
@@ -94,12 +89,12 @@ TEST_F(DownCache, admits_by_the_cap)
                 drops += "<WARNING>id:demo down_cache is full, drop " + std::to_string(length) + "bytes\n";
                 sum -= static_cast<uint32_t>(length);
             }
-            await_count(4096);
+            await(seen, 4096);
             EXPECT_TRUE(eventually([&] { return lengths.empty() || logged("drop 1bytes"); })); // the last one
             held = false;
-            await_count(sum);
+            await(seen, sum);
             qzlib_mbus_write_data("again", 5);
-            await_count(sum + 4000);
+            await(seen, sum + 4000);
             std::string log = take_log();
             EXPECT_EQ(log.substr(log.find("success\n") + 8), drops);
         });
@@ -127,7 +122,7 @@ TEST_F(DownCache, sleeps_while_disconnected_and_goes_on_after_a_reconnect)
         EXPECT_LT(clock() - before, CLOCKS_PER_SEC / 20);
         connect_as("demo");
         qzlib_mbus_write_data("again", 5);
-        await_count(3);
+        await(seen, 3);
     });
     await_packet();
     send(3);
@@ -147,9 +142,9 @@ TEST_F(DownCache, of_a_child_is_its_own)
         const Process child([] {
             connect_as("child");
             ASSERT_EQ(qzlib_mbus_down_cache_process(0, count_bytes), 0);
-            await_count(3);
+            await(seen, 3);
         });
-        await_count(4);
+        await(seen, 4);
     });
     await_connected(childs);
     ASSERT_EQ(qzlib_mbus_write(childs, 0, nullptr, "abc", 3), 3);

@@ -31,11 +31,6 @@ struct Board {
 Board &board = *static_cast<Board *>(
     mmap(nullptr, sizeof(Board), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
 
-void await(const std::atomic<int> &count, int least)
-{
-    ASSERT_TRUE(eventually([&] { return count >= least; }));
-}
-
 // A client in a process of its own.
 struct Client : Process {
     template <typename Function>
