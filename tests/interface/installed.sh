@@ -1,18 +1,33 @@
 #!/bin/sh
-# Usage: consumers.sh CC CXX BUILD_DIR SOURCES
-# Installs the library into a new prefix and builds programs outside the tree against it, the
-# ways a firmware engineer would: pkg-config, find_package, -lqzlib alone, dlopen().
+# Usage: installed.sh CC CXX BUILD_DIR SOURCES EXPORTS
+# Installs everything into a new prefix, builds programs outside the tree against the library there, the
+# ways a firmware engineer would (pkg-config, find_package, -lqzlib alone, dlopen()), and reads the manual.
 set -eu
-cc=$1 cxx=$2 build=$3 sources=$4
+cc=$1 cxx=$2 build=$3 sources=$4 exports=$5
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 prefix=$work/prefix
+status=0
 cmake --install "$build" --prefix "$prefix" >/dev/null
+cd "$prefix"
 
 for file in include/qzlib.h lib/libqzlib.so lib/libqzlib.so.3 lib/libqzlib.so.3.2.0 lib/pkgconfig/qzlib.pc \
-    lib/cmake/qzlib/qzlib-config.cmake bin/qzbox share/man/man1/qzbox.1; do
-    [ -e "$prefix/$file" ] || { echo "not installed: $file" && exit 1; }
+    lib/cmake/qzlib/qzlib-config.cmake bin/qzbox share/man/man1/qzbox.1 share/man/man5/qzlib-mbus.5 \
+    share/man/man7/qzlib.7 share/man/man7/qzlib-mbus.7 share/man/man8/mbusd.8; do
+    [ -e "$file" ] || { echo "not installed: $file" && exit 1; }
 done
+
+# Each exported name has a page, and each page that one refers to is there.
+cd share/man
+{
+    sed -n 's/^ *\([A-Za-z_0-9]*\);$/\1/p' "$exports" | while read -r name; do
+        grep -qs "\(^\|, \)${name}[, ]" "man3/$name.3" || echo "no page for $name"
+    done
+    sed -n 's/^\.BR \(.*qz.*\) (\([1-8]\)).*/\1.\2/p' man*/* | sed 's/[\]//g' | sort -u |
+        while read -r page; do [ -e "man${page##*.}/$page" ] || echo "no $page"; done
+} >"$work/missing"
+[ ! -s "$work/missing" ] || { cat "$work/missing" && status=1; }
+mandoc -Tlint -W warning man?/* || status=1
 
 PKG_CONFIG_PATH=$prefix/lib/pkgconfig
 export PKG_CONFIG_PATH
@@ -45,3 +60,4 @@ mv "$prefix" "$work/moved"
 for tool in "$work"/moved/bin/*; do
     "$tool" --help >"$work/help" || { echo "does not start: $tool" && exit 1; }
 done
+exit $status
