@@ -6,7 +6,6 @@
 #include <poll.h>
 #include <pty.h>
 #include <regex>
-#include <termios.h>
 
 namespace
 {
@@ -44,62 +43,45 @@ struct Arguments {
     int length = 2; // of the raw calls
 };
 
-int perform(Call call, const Arguments &a)
-{
-    switch (call) {
-    case SEND:
-        return chat_send(a.fd, a.command, a.log);
-    case EXPECT:
-        return chat_expect(a.fd, a.expected, a.timeout_s, a.log);
-    case READ:
-        return chat_read(a.fd, a.buffer, a.size, a.timeout_s, a.log);
-    case SEND_EXPECT:
-        return chat_send_expect(a.fd, a.command, a.expected, a.timeout_s, a.log);
-    case SEND_READ:
-        return chat_send_read(a.fd, a.command, a.buffer, a.size, a.timeout_s, a.log);
-    default:
-        const auto raw = call == SEND_HEX ? chat_send_hex_read : chat_send_ASCII_read;
-        return raw(a.fd, a.command, a.buffer, a.length, a.timeout_s, a.log);
-    }
-}
+// In the order of Call.
+const std::function<int(const Arguments &)> CALLS[] = {
+    [](auto &a) { return chat_send(a.fd, a.command, a.log); },
+    [](auto &a) { return chat_expect(a.fd, a.expected, a.timeout_s, a.log); },
+    [](auto &a) { return chat_read(a.fd, a.buffer, a.size, a.timeout_s, a.log); },
+    [](auto &a) { return chat_send_expect(a.fd, a.command, a.expected, a.timeout_s, a.log); },
+    [](auto &a) { return chat_send_read(a.fd, a.command, a.buffer, a.size, a.timeout_s, a.log); },
+    [](auto &a) { return chat_send_ASCII_read(a.fd, a.command, a.buffer, a.length, a.timeout_s, a.log); },
+    [](auto &a) { return chat_send_hex_read(a.fd, a.command, a.buffer, a.length, a.timeout_s, a.log); },
+};
 
 Results call_all(const Arguments &arguments)
 {
     Results results;
-    for (int call = SEND; call <= SEND_HEX; ++call)
-        results.push_back(perform(static_cast<Call>(call), arguments));
+    for (const auto &call : CALLS)
+        results.push_back(call(arguments));
     return results;
 }
 
 std::string repeated(int count, const std::string &line)
 {
-    std::string all;
-    while (--count >= 0)
-        all += line;
-    return all;
+    return count == 0 ? "" : line + repeated(count - 1, line);
 }
 
-// A raw pty pair whose other end the test is. Checks after every case that nothing is left.
-struct Line : testing::Test {
+// A raw pty pair whose other end the test is.
+struct Line : NothingLeft {
     Line()
     {
         start_log();
         const rlimit limit{4096, 4096};
         setrlimit(RLIMIT_NOFILE, &limit);
-        EXPECT_EQ(openpty(&peer, &fd, name, nullptr, nullptr), 0);
-        fd = dup2(fd, 3000); // above the size of an fd_set
         termios raw{};
-        tcgetattr(fd, &raw);
         cfmakeraw(&raw);
-        tcsetattr(fd, TCSANOW, &raw);
+        EXPECT_EQ(openpty(&peer, &fd, name, &raw, nullptr), 0);
+        fd = dup2(fd, 3000); // above the size of an fd_set
         signal(SIGALRM, SIG_IGN);
         descriptors = open_descriptors();
     }
-    ~Line() override
-    {
-        EXPECT_EQ(open_descriptors(), descriptors);
-        EXPECT_EQ(alarm(0), 0U) << "an alarm is left";
-    }
+    ~Line() override { EXPECT_EQ(alarm(0), 0U) << "an alarm is left"; }
 
     // Has bytes ready for reading.
     void say(std::string_view bytes) const
@@ -137,21 +119,15 @@ struct Line : testing::Test {
     int peer = -1;
     int fd = -1;
     char name[64] = {};
-    size_t descriptors = 0;
 };
 
 TEST_F(Line, commands_and_frames_go_out_whole)
 {
-    EXPECT_EQ(chat_send(fd, "AT+CSQ", 1), 7);
-    EXPECT_EQ(sent(), "AT+CSQ\r");
-    EXPECT_EQ(take_log(), "<DEBUG>3000 <<< (AT+CSQ\r)\n");
-    EXPECT_TRUE(is_nonblocking(fd));
-    EXPECT_EQ(chat_send(fd, "", 0), 1);
-    EXPECT_EQ(sent(), "\r");
-    EXPECT_EQ(chat_send(fd, letters(509).c_str(), 0), 510);
-    EXPECT_EQ(sent(), letters(509) + "\r");
-    EXPECT_EQ(take_log(), "");
-
+    for (const std::string &command : {std::string(), letters(509)}) {
+        EXPECT_EQ(chat_send(fd, command.c_str(), 1), static_cast<int>(command.size()) + 1);
+        EXPECT_EQ(sent(), command + "\r");
+        EXPECT_EQ(take_log(), "<DEBUG>3000 <<< (" + command + "\r)\n");
+    }
     const std::string frame = std::string("\0\r\n\x80", 4) + letters(508);
     char b[512];
     b[511] = 'x';
@@ -220,7 +196,7 @@ TEST_F(Line, answers_are_taken_as_far_as_there_is_room_and_time)
             log += "<DEBUG>3000 >>> (" + received + ")\n";
         std::string b(600, '#');
         const Stopwatch watch;
-        EXPECT_EQ(perform(call, {fd, b.data(), timeout_s, size, 1}), result);
+        EXPECT_EQ(CALLS[call]({fd, b.data(), timeout_s, size, 1}), result);
         EXPECT_GE(watch.seconds(), waits_s);
         EXPECT_LT(watch.punctual_seconds(), waits_s + GRACE_S);
         EXPECT_EQ(b.substr(0, buffer.size()), buffer);
@@ -296,7 +272,7 @@ TEST_F(Line, failures_are_logged_counted_and_returned)
     close(reader);
     close(writer);
     for (const int length : {-1, INT_MAX, INT_MIN})
-        EXPECT_EQ(perform(SEND_HEX, {.fd = fd, .buffer = b, .length = length}), -1) << length;
+        EXPECT_EQ(CALLS[SEND_HEX]({.fd = fd, .buffer = b, .length = length}), -1) << length;
     take_log();
     EXPECT_EQ(chat_expect(9999, "x", 1, 0), -1) << "not open";
     signal(SIGALRM, chat_signal_handler);
@@ -325,7 +301,7 @@ TEST(LineThatNeverDrains, is_given_up_at_the_limit_and_of_use_again)
             const int fd = dev_init(name, FLAGS, 0);
             tcflow(fd, TCOOFF);
             const Stopwatch watch;
-            EXPECT_EQ(perform(call, {fd, b, 1}), -1);
+            EXPECT_EQ(CALLS[call]({fd, b, 1}), -1);
             EXPECT_EQ(errno, EINTR);
             EXPECT_GE(watch.seconds(), limit_s);
             EXPECT_LT(watch.punctual_seconds(), limit_s + GRACE_S);
@@ -337,26 +313,17 @@ TEST(LineThatNeverDrains, is_given_up_at_the_limit_and_of_use_again)
         });
 }
 
-// The simulator on /tmp/tty, told what to do through its control pipe.
-struct SimulatedModem : testing::Test {
-    SimulatedModem()
-    {
-        start_log();
-        EXPECT_TRUE(
-            eventually([] { return access("/tmp/tty", F_OK) == 0 && access("/tmp/control", F_OK) == 0; }));
-    }
-    // Gives an instruction and waits until it was taken.
-    static void control(const std::string &line)
-    {
+// Told what to do through its control pipe.
+TEST(SimulatedModem, does_what_it_is_told)
+{
+    const Process program({"modemsim", "--link", "/tmp/tty", "--control", "/tmp/control", "--transcript",
+                           "/tmp/transcript", SOURCE_DIR "/examples/modem.at"});
+    const auto is_there = [](const char *path) { return access(path, F_OK) == 0; };
+    EXPECT_TRUE(eventually([&] { return is_there("/tmp/tty") && is_there("/tmp/control"); }));
+    const auto control = [](const std::string &line) {
         std::ofstream("/tmp/control") << line << std::endl;
         EXPECT_TRUE(eventually([&] { return logged("-- " + line + "\n", "/tmp/transcript"); }));
-    }
-    Process program{{"modemsim", "--link", "/tmp/tty", "--control", "/tmp/control", "--transcript",
-                     "/tmp/transcript", SOURCE_DIR "/examples/modem.at"}};
-};
-
-TEST_F(SimulatedModem, does_what_it_is_told)
-{
+    };
     const std::string x = "\r\n$ Home\r\n", ok = "\r\nOK\r\n";
     const Table<const char *, const char *, std::string> cases = {
         {"", "ATE0", "ATE0\r\r\nOK\r\n"},
@@ -387,12 +354,12 @@ TEST_F(SimulatedModem, does_what_it_is_told)
             control(instruction);
         chat_send(fd, command, 0);
         std::string answer;
-        const auto is_there = [&, wanted = expected.size()] {
+        const auto is_whole = [&, wanted = expected.size()] {
             char b[512];
             answer.append(b, static_cast<size_t>(chat_read(fd, b, sizeof b, wanted == 0 ? 1 : 0, 0)));
             return answer.size() >= wanted;
         };
-        EXPECT_TRUE(eventually(is_there)) << instruction;
+        EXPECT_TRUE(eventually(is_whole)) << instruction;
         if (expected[0] == '?') // drops what it likes; garbage is whatever it is
             EXPECT_EQ(answer.size(), expected.size());
         else
