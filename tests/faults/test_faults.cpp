@@ -1,12 +1,12 @@
 // One call of the system after the other fails, under each of many calls of the library.
-#include "faults/shim.h"
-#include "support/box.h"
 #include "support/case.h"
 
 #include <qzlib.h>
 
 #include <set>
 #include <syslog.h>
+
+extern "C" __thread int fault_in; // of shim.c: which call of this thread from here on fails; 0: it has
 
 namespace
 {
@@ -15,7 +15,7 @@ using namespace support;
 
 constexpr const char *DEVICE = "/dev/mtdblock0";
 constexpr const char *CONFIG = "/tmp/config/netd.conf";
-constexpr const char *SAVED = "/tmp/saved";
+constexpr int FAILED = QZLIB_ERR_FAILED;
 constexpr int NOT_REACHED = 2; // status of a process that made no such call
 
 // What a call left open is part of its result.
@@ -24,15 +24,16 @@ int closed(int fd)
     return fd < 0 ? fd : close(fd);
 }
 
-service_info *store()
-{
-    static service_info *const info = qzlib_service_info_init("netd");
-    return info;
-}
+service_info *store = nullptr;
 
 void load_store()
 {
-    EXPECT_NE(store(), nullptr);
+    store = qzlib_service_info_init("netd");
+}
+
+mbus_client *record()
+{
+    return static_cast<mbus_share_segment *>(mbus_share)->clients;
 }
 
 // The bus without a server: its socket, and its table with the name.
@@ -42,7 +43,7 @@ void make_bus()
 {
     control = qzlib_create_listen_unixdomain(QZLIB_MBUS_SOCKET);
     EXPECT_EQ(qzlib_mbus_share_init(), 0);
-    strcpy(static_cast<mbus_share_segment *>(mbus_share)->clients[0].name, "faulty");
+    strcpy(record()->name, "faulty");
 }
 
 void join_bus()
@@ -58,9 +59,10 @@ void unmake_bus()
     (void)closed(control);
 }
 
-mbus_client *record()
+void unmake_client()
 {
-    return static_cast<mbus_share_segment *>(mbus_share)->clients;
+    qzlib_client_uninit(record());
+    unmake_bus();
 }
 
 char text[64];
@@ -78,7 +80,10 @@ int list_variables()
 
 int open_channel()
 {
-    return qzlib_msg_init([](local_msg *, void *) {}, nullptr);
+    local_msg msg{};
+    const int result = qzlib_msg_init([](local_msg *, void *) {}, nullptr);
+    EXPECT_TRUE(result == 0 || qzlib_msg_send(&msg) == FAILED) << "half open";
+    return result;
 }
 
 int take_snapshot()
@@ -100,20 +105,6 @@ int note()
     return srt_iip_get("f", text);
 }
 
-int log_message()
-{
-    debug_msg(QZLIB_LOG_FATAL, "m", 1, "text");
-    return 0;
-}
-
-constexpr int FAILED = QZLIB_ERR_FAILED;
-
-void unmake_client()
-{
-    qzlib_client_uninit(record());
-    unmake_bus();
-}
-
 struct Row {
     const char *what;
     int success;
@@ -125,9 +116,9 @@ struct Row {
 
 const std::vector<Row> ROWS = {
     {"load", 0, {-1}, [] { return qzlib_service_info_uninit(qzlib_service_info_init("netd")); }},
-    {"set", 0, {-1}, [] { return qzlib_service_set_param(store(), "new", "a", "b"); }, load_store},
-    {"add", 0, {-1}, [] { return qzlib_service_set_param_repeat(store(), "", "a", "b"); }, load_store},
-    {"save", 0, {-1}, [] { return qzlib_service_saveto_file(store(), SAVED); }, load_store},
+    {"set", 0, {-1}, [] { return qzlib_service_set_param(store, "new", "a", "b"); }, load_store},
+    {"add", 0, {-1}, [] { return qzlib_service_set_param_repeat(store, "", "a", "b"); }, load_store},
+    {"save", 0, {-1}, [] { return qzlib_service_saveto_file(store, "/tmp/saved"); }, load_store},
     {"find", 0, {-1}, [] { return qzlib_service_find_param("netd", "", "a"); }},
     {"get environment", 0, {-1}, [] { return qzlib_get_boot_env("a", text, 9); }, set_variable},
     {"set environment", 0, {-1}, [] { return qzlib_set_boot_env("b", "2"); }, set_variable},
@@ -161,7 +152,7 @@ const std::vector<Row> ROWS = {
      [] { return qzlib_get_interface_info("lo", text, 17, nullptr, 0, nullptr, 0); }},
     {"modem", 0, {-1, QZLIB_ERR_NO_FILE}, qzlib_update_modem_status_info_tab},
     {"cli", 0, {-1}, [] { return cli_find_paremeter("log", "level"); }},
-    {"message", 0, {}, log_message},
+    {"message", 0, {}, [] { return debug_msg(QZLIB_LOG_FATAL, "m", 1, "text"), 0; }},
     {"event", 0, {-1}, [] { return qzlib_event_unint(qzlib_event_init()); }},
     {"processes", 0, {1}, qzlib_process_is_unique}, // its parent has the same name
     {"version", 0, {-1}, [] { return qzlib_get_patch_version("program", text, 9); }},
@@ -175,9 +166,9 @@ int run(const Row &row, int n)
     row.before();
     const std::string files = read_file(CONFIG) + read_file(DEVICE);
     alarm(20); // a hang ends with it
-    fault_arm(n);
+    fault_in = n;
     const int result = row.call();
-    const bool reached = fault_disarm() == 0 && n > 0;
+    const bool reached = std::exchange(fault_in, 0) == 0 && n > 0;
     alarm(0);
     row.after();
     closelog();

@@ -1,4 +1,3 @@
-#include "support/box.h"
 #include "support/case.h"
 #include "support/syscall_trace.h"
 

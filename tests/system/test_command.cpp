@@ -1,8 +1,5 @@
-#include "support/box.h"
 #include "support/case.h"
 #include "support/log.h"
-
-#include <qzlib.h>
 
 #include <sys/prctl.h>
 
@@ -83,6 +80,9 @@ TEST_F(Commands, result_is_the_exit_code_or_the_raw_status)
     EXPECT_EQ(qzlib_exe_cmd("exit %d", 3), 3 << 8);
     EXPECT_EQ(qzlib_exe_cmd(nullptr), -1);
     signal(SIGCHLD, SIG_IGN);
+    ASSERT_EQ(mount("/dev/null", "/bin/sh", nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(system_dumb("exit 3", 0), 127) << "no shell";
+    umount("/bin/sh");
 }
 
 // In turn on the main thread and on another one that does not take SIGALRM.
@@ -128,24 +128,6 @@ TEST_F(Commands, other_signals_do_not_end_the_wait_but_may_reap_the_child)
               QZLIB_ERR_FAILED);
     EXPECT_EQ(with_zeros(sink.take()), "<0>cannot wait the child process(0) die{system_api\n");
     signal(SIGUSR1, SIG_DFL);
-}
-
-TEST_F(Commands, what_cannot_be_started)
-{
-    signal(SIGCHLD, SIG_DFL);
-    Process no_process([] {
-        const rlimit none = {0, 0};
-        const std::string state = signal_state();
-        (void)!setuid(65534); // the limit does not bind the superuser
-        EXPECT_EQ(setrlimit(RLIMIT_NPROC, &none), 0);
-        EXPECT_EQ(system_dumb("exit 3", 5), QZLIB_ERR_FAILED);
-        EXPECT_EQ(signal_state(), state);
-    });
-    EXPECT_EQ(no_process.wait(), 0);
-    ASSERT_EQ(mount("/dev/null", "/bin/sh", nullptr, MS_BIND, nullptr), 0); // no shell
-    EXPECT_EQ(system_dumb("exit 3", 0), 127);
-    umount("/bin/sh");
-    signal(SIGCHLD, SIG_IGN);
 }
 
 TEST(SysSignal, handler_interrupts_and_the_previous_one_is_returned)

@@ -1,8 +1,5 @@
-#include "support/box.h"
 #include "support/case.h"
 #include "support/log.h"
-
-#include <qzlib.h>
 
 #include <sys/inotify.h>
 
