@@ -116,8 +116,7 @@ struct Line : NothingLeft {
         });
     }
 
-    int peer = -1;
-    int fd = -1;
+    int peer = -1, fd = -1;
     char name[64] = {};
 };
 
@@ -223,7 +222,6 @@ std::string masked(const std::string &log)
     return std::regex_replace(log, std::regex("0x[0-9a-f]+"), "ADDRESS");
 }
 
-// The line of a wait that failed, with the addresses masked.
 std::string cannot_select(int fd)
 {
     return "<ERROR>cannot select( " + std::to_string(fd + 1) + ", ADDRESS, NULL, NULL, ADDRESS )\n";
@@ -232,7 +230,8 @@ std::string cannot_select(int fd)
 TEST_F(Line, failures_are_logged_counted_and_returned)
 {
     char b[16] = "stale";
-    const std::string refusal = "<ERROR>argument error\n", too_long = letters(510);
+    const std::string refusal = "<ERROR>argument error\n", text = letters(510);
+    const char *too_long = text.c_str();
     const int reader = open(name, O_RDONLY | O_NOCTTY | O_CLOEXEC);
     const std::string failed = "annot write( " + std::to_string(reader) + ", AT";
     // A file opened for writing counts as readable, and reading it fails.
@@ -245,10 +244,7 @@ TEST_F(Line, failures_are_logged_counted_and_returned)
     const Table<Arguments, Results, int, std::string> cases = {
         {{-1, b}, Results(7, -1), 0, repeated(7, refusal)},
         {{.fd = fd, .buffer = b, .command = nullptr}, sending_fails, 0, repeated(5, refusal)},
-        {{.fd = fd, .buffer = b, .command = too_long.c_str(), .length = 513},
-         sending_fails,
-         0,
-         repeated(5, refusal)},
+        {{.fd = fd, .buffer = b, .command = too_long, .length = 513}, sending_fails, 0, repeated(5, refusal)},
         {{.fd = fd, .buffer = nullptr, .expected = nullptr}, only_sending_works, 0, repeated(6, refusal)},
         {{reader, b},
          sending_fails,
