@@ -263,7 +263,6 @@ TEST_F(Line, failures_are_logged_counted_and_returned)
             EXPECT_EQ(sent(), results[0] == 3 ? "AT\r" : "") << "refused and sent";
         }
     }
-    EXPECT_TRUE(is_nonblocking(reader));
     EXPECT_EQ(read_file("/tmp/file"), "AT\rAT\rAT\rATAT");
     close(reader);
     close(writer);

@@ -199,7 +199,6 @@ TEST(Faults, of_the_system_leave_nothing_and_give_the_result_that_is_documented)
         }
     }
     EXPECT_GT(faults, 100);
-    printf("%zu calls, %d faults\n", ROWS.size(), faults);
 }
 
 } // namespace

@@ -56,8 +56,7 @@ void work(const char *name, Shared &shared)
     qzlib_disconnect_mbus_server();
 }
 
-// Words of any kind anywhere; every other time in the first 200 bytes of a record or a slot, where they do
-// more.
+// Words of any kind anywhere; every other time in the first 200 bytes of a record or a slot.
 void scribble(const std::vector<std::span<char>> &places, std::chrono::seconds time)
 {
     std::minstd_rand random(1);

@@ -35,16 +35,13 @@ mkdir "$work/zlib"
 printf '#define ZLIB_H\nunsigned long crc32(unsigned long, const unsigned char *, unsigned);\n' >"$work/zlib/zlib.h"
 printf '#include <zlib.h>\n#include <qzlib.h>\n' >"$work/after.c"
 printf '#define QZLIB_NO_CRC32\n#include <qzlib.h>\n#include <zlib.h>\n' >"$work/before.c"
-$cc -std=c99 -I"$source/include" -I"$work/zlib" -fsyntax-only "$work/after.c" "$work/before.c" ||
-    fail "header does not compile beside zlib's"
-
 # A daemon may have a time_t of 64 bits where the library's has 32.
 cat >"$work/time.c" <<'C'
 #include <qzlib.h>
 _Static_assert(sizeof(long) == 8 || _Generic(str_timestamp, char *(*)(int32_t, char *, int): 1, default: 0), "");
 C
-$cc -std=gnu11 -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64 -I"$source/include" -fsyntax-only "$work/time.c" ||
-    fail "str_timestamp() with a time_t of 64 bits"
+$cc -std=gnu11 -D_FILE_OFFSET_BITS=64 -D_TIME_BITS=64 -I"$source/include" -I"$work/zlib" -fsyntax-only \
+    "$work/after.c" "$work/before.c" "$work/time.c" || fail "header beside zlib's or with a time_t of 64 bits"
 
 # Functions as the compiler sees them (functions of other headers carry another file name),
 # data objects as they are declared.

@@ -2,6 +2,7 @@
 # Usage: installed.sh CC CXX BUILD_DIR SOURCES EXPORTS
 # Installs everything into a new prefix, builds programs outside the tree against the library there, the
 # ways a firmware engineer would (pkg-config, find_package, -lqzlib alone, dlopen()), and reads the manual.
+# shellcheck disable=SC2086 # $flags is a list
 set -eu
 cc=$1 cxx=$2 build=$3 sources=$4 exports=$5
 work=$(mktemp -d)
@@ -29,13 +30,9 @@ cd share/man
 [ ! -s "$work/missing" ] || { cat "$work/missing" && status=1; }
 mandoc -Tlint -W warning man?/* || status=1
 
-PKG_CONFIG_PATH=$prefix/lib/pkgconfig
-export PKG_CONFIG_PATH
-flags=$(pkg-config --cflags --libs qzlib)
+flags=$(PKG_CONFIG_PATH=$prefix/lib/pkgconfig pkg-config --cflags --libs qzlib)
 cd "$work"
-# shellcheck disable=SC2086 # a list of flags
 $cc -std=c99 -Wall -Wextra -Werror "$sources/consumer.c" -o by_pkg_config_c $flags -ldl
-# shellcheck disable=SC2086
 $cxx -std=c++11 -Wall -Wextra -Werror -x c++ "$sources/consumer.c" -o by_pkg_config_cxx $flags -ldl
 $cc -std=c99 -I"$prefix/include" "$sources/consumer.c" -o by_name_alone -L"$prefix/lib" -lqzlib -ldl
 

@@ -45,7 +45,6 @@ bus_watch a b c d|d: one argument too many
 linkd -i 1x a=10.0.0.1 b=10.0.0.2|1x: not a number from 1 to 60000
 linkd a=10.0.0.1 b=10.0.0.256|b=10.0.0.256: the gateway
 linkd a=10.0.0.1|a link is missing
-mbusd --stats soon|--stats soon: not a number from 1 to 86400
 mbusd --stats 86401|--stats 86401: not a number from 1 to 86400
 mbusd --stats|option '--stats' requires an argument
 mbusd --quiet extra|extra: there are options only
@@ -58,7 +57,6 @@ qzctl --timeout|option '--timeout' requires an argument
 qzctl conf|conf: no service
 qzctl conf netd|conf netd: after the service comes
 qzctl conf netd show|conf netd: after the service comes
-qzctl conf --file /tmp/x|conf: no action
 qzctl conf ../netd list|the service ../netd: it is a name, not a path
 qzctl conf $long list|the service 0000
 qzctl conf netd list a b|conf list: b: one argument too many
@@ -108,7 +106,6 @@ qzctl route add 10.0.0.0/8 a-name-too-long-|the next hop a-name-too-long-...: mo
 qzctl route add 10.0.0.0/8 1x|the next hop 1x: not an IPv4 address
 qzctl if ../lo|the interface ../lo: it is a name
 qzctl probe tcp a 70000|the port 70000: not a number from 1 to 65535
-qzctl watchdog|watchdog: no action
 qzctl run ls -l|invalid option -- 'l'
 qzctl run -- $long x|run: the command has more than 255
 statusd 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17|17: one argument too many

@@ -43,7 +43,6 @@ TEST_F(Led, modes_and_actions_are_written_in_order)
         {"", shot, "net", 3, 0, {"delay_on=100", "delay_off=100"}},
         {"", shot, "net", 4, 0, {}},
         {"", shot, "absent", 3, -1, {}},
-        {"", shot, "absent", 4, 0, {}},
         {"", shot, nullptr, 4, -1, {}},
         {"delay_off", shot, "net", 3, -1, {"delay_on=100"}},
         {"delay_on", shot, "net", 2, -1, {}},
@@ -82,7 +81,6 @@ TEST_F(Led, mode_read_back_is_what_the_kernel_reports)
     const std::string late = std::string(256, 'x') + " [none]\n";
     const Table<const char *, const char *, const char *, int> cases = {
         {"[none] timer oneshot\n", "0\n", "100\n", 0},
-        {"[none] timer oneshot\n", "1\n", "100\n", 1},
         {"[none] timer oneshot", "255", "100\n", 1},
         {"[none] timer oneshot\n", ABSENT, "100\n", -1},
         {"none [timer] oneshot\n", "0\n", "100\n", 2},

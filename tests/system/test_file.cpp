@@ -168,7 +168,7 @@ TEST_F(FileSystems, mount_points_differ_from_their_parent)
         EXPECT_EQ(qzlib_path_is_mountpoint(path), 0);
 }
 
-TEST_F(FileSystems, version_stamp_is_found_by_its_rules)
+TEST_F(FileSystems, version_stamp_is_found_by_its_rules_and_copied_within_its_bound)
 {
     const std::string elf = "\177ELF", nul(1, '\0'), marker = "--qzversion";
     const std::string stamp = marker + " V1.2.3" + nul;
@@ -193,10 +193,7 @@ TEST_F(FileSystems, version_stamp_is_found_by_its_rules)
         EXPECT_EQ(qzlib_file_is_qzapp("/mnt/update/app"), expected != nullptr);
     }
     EXPECT_EQ(qzlib_file_is_qzapp(nullptr), 0);
-}
 
-TEST_F(FileSystems, version_is_copied_within_its_bound)
-{
     const std::string name(128 - sizeof "/usr/sbin/", 'n'); // with the directory 127 characters
     const std::string longer = name + "tail";
     const Cover programs("/usr/sbin");
