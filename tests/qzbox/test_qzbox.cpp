@@ -120,11 +120,10 @@ TEST_F(Qzbox, tree_covers_files_of_the_kernel_and_of_the_host_and_stays_as_it_is
         {"/etc/passwd", "nobody else\n"},   {"/sys/class/leds/power/brightness", "1\n"},
         {"/etc/test_qzbox/new", "new\n"},   {"/tmp/config/cli.conf", "!\n"},
         {"/data/www/version", "3.2.0-r1\n"}};
-    std::string script, output;
+    std::string script = "look() { cat $1; echo changed >$1; grep -qx changed $1; }\n", output;
     for (const auto &[path, text] : files) {
         tree(path, text);
-        script +=
-            std::string("cat ") + path + "; echo changed >" + path + "; grep -qx changed " + path + "\n";
+        script += std::string("look ") + path + "\n";
         output += text;
     }
     host("cp -r $D/tree $D/copy");
