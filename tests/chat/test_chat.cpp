@@ -79,7 +79,7 @@ struct Line : NothingLeft {
         EXPECT_EQ(openpty(&peer, &fd, name, &raw, nullptr), 0);
         fd = dup2(fd, 3000); // above the size of an fd_set
         signal(SIGALRM, SIG_IGN);
-        descriptors = open_descriptors();
+        remains_before = remains();
     }
     ~Line() override { EXPECT_EQ(alarm(0), 0U) << "an alarm is left"; }
 
@@ -276,7 +276,7 @@ TEST_F(Line, failures_are_logged_counted_and_returned)
     EXPECT_EQ(masked(take_log()),
               cannot_select(9999) + "<ERROR>vq_chat receive the signal(14)\n" + cannot_select(fd));
     close(peer);
-    descriptors = open_descriptors();
+    remains_before = remains();
     EXPECT_EQ(call_all({fd, b, 1}), sending_fails) << "hung up";
 }
 
