@@ -465,12 +465,12 @@ int qzlib_service_get_param_num(const service_info *info);
  *
  * Everything in shared memory is fixed to the byte on 32-bit and 64-bit hosts, is
  * little-endian, and is never trusted: no index, length or name found there makes a call
- * leave the segment. One thread at a time may write a ring, and one may read it; connect
- * and disconnect are not to be called while other calls on the bus run (a thread that
- * waits in qzlib_mbus_read_pkg() and the down cache are looked after). Packets are written
- * and read without heap and, when nobody sleeps on the ring, without a system call. A
- * process that is killed at any point stops nobody else. Messages go to debug_msg() with
- * the module "mbus_api".
+ * leave the segment. One thread at a time may write a ring, and one may read it. One may
+ * disconnect or connect again while they do, and while the down cache runs, but not while
+ * another sets flags or looks for a name; in a child of fork() only threads that have
+ * connected there themselves. Packets are written and read without heap and, when nobody
+ * sleeps on the ring, without a system call. A process that is killed at any point stops
+ * nobody else. Messages go to debug_msg() with the module "mbus_api".
  *
  * Once the server has ended, writes are refused. A daemon that no longer finds its own name
  * (qzlib_find_client_by_name() gives null, without a system call) should connect again: look

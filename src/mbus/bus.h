@@ -25,9 +25,9 @@ struct Attachment {
     RingMemory rung;        // of the doorbell that this side rings
     mbus_pkg header;        // handed out in place of the slot where addresses are wide
 
-    // Detaching by another thread shows here first, see Presence.
+    // Detaching by another thread shows here first, see Presence; attaching last.
     [[nodiscard]] QZ_ORDERED char *attached() const { return __atomic_load_n(&base, __ATOMIC_SEQ_CST); }
-    QZ_ORDERED void set_detached() { __atomic_store_n(&base, nullptr, __ATOMIC_SEQ_CST); }
+    QZ_ORDERED void set_attached(char *at) { __atomic_store_n(&base, at, __ATOMIC_SEQ_CST); }
 };
 
 constexpr size_t OUTSIDE_RECORDS = 14; // a server may keep records of its own, too

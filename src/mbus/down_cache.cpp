@@ -116,7 +116,7 @@ bool read_once()
     const mbus_pkg *pkg = qzlib_mbus_read_pkg(nullptr, 0);
     if (pkg != nullptr)
         cache(*pkg);
-    return self() == nullptr || state.own.base != nullptr;
+    return self() == nullptr || state.own.attached() != nullptr;
 }
 
 void *down_cache_reader(void * /*unused*/)

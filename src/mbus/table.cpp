@@ -101,7 +101,7 @@ void detach(Attachment &attachment)
 void detach_own()
 {
     char *const base = state.own.attached();
-    state.own.set_detached();
+    state.own.set_attached(nullptr);
     if (self() != nullptr && !is_new_process()) // or else the threads have left already, or are the parent's
         dismiss_users(base);
     Attachment own = state.own;
@@ -110,8 +110,8 @@ void detach_own()
     state.own.handle = {};
 }
 
-// Attaches unless that very segment is attached already.
-bool attach(mbus_client &record, Attachment &attachment, int id)
+// Attaches unless that very segment is attached already. The address, for the attachment once it may be used.
+char *attach(mbus_client &record, Attachment &attachment, int id)
 {
     char *base = attachment.base;
     if (base == nullptr || attachment.handle.id != id) {
@@ -125,10 +125,8 @@ bool attach(mbus_client &record, Attachment &attachment, int id)
     attachment.handle.id = id;
     if (base != nullptr)
         attachment.handle = make_handle(id, attachment, base);
-    if (is_usable(base))
-        attachment.base = base;
     handle_of(record, attachment) = attachment.handle;
-    return base != nullptr;
+    return base;
 }
 
 void empty_rings(mbus_client &record)
@@ -237,21 +235,27 @@ QZ_EXPORT int qzlib_client_init(mbus_client *client)
         MBUS_LOG(QZLIB_LOG_ERROR, "create share mem for %s fail", name.text());
         return -1;
     }
-    if (!attach(*client, *attachment, id)) {
+    char *base = attach(*client, *attachment, id);
+    if (base == nullptr) {
         MBUS_LOG(QZLIB_LOG_ERROR, "mat share mem for %s fail", name.text());
         return -1;
     }
+    if (!is_usable(base))
+        base = nullptr;
     if (own_side && strncmp(client->name, name.text(), sizeof client->name) != 0) {
-        detach(state.own); // it is not this name's, or not yet again
+        Attachment other = state.own; // it is not this name's, or not yet again
+        other.base = base;
+        detach(other);
         state.own = {};
         return -1;
     }
     if (own_side) {
         empty_rings(*client);
         init_condition(client->down_cond);
-        if (state.own.base != nullptr)
-            serve(down_doorbell(state.own.base, *client));
+        if (base != nullptr)
+            serve(down_doorbell(base, *client));
     }
+    attachment->set_attached(base);
     // "on server" on both sides: tools that read logs know this text.
     MBUS_LOG(QZLIB_LOG_INFO, "create %s on server, memid=%d", name.text(), id);
     return 0;
