@@ -68,7 +68,7 @@ TEST(ConfSet, killed_at_any_system_call_leaves_the_old_or_the_new_file)
 {
     unsigned stop = 0;
     unsigned renewed = 0;
-    for (bool was_killed = true; was_killed; stop += slowness() > 1 ? 5 : 1) {
+    for (bool was_killed = true; was_killed; stop += slowness() > 1 ? 3 : 1) {
         write_file(CONF, OLD);
         was_killed = kill_at(stop, "conf netd set wan mtu=1428");
         const std::string found = read_file(CONF);
