@@ -9,6 +9,7 @@
 #include <strings.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
+#include <unistd.h>
 
 QZ_EXPORT void *mbus_share = nullptr;
 QZ_EXPORT int mbus_share_memid = -1;
@@ -102,7 +103,8 @@ void detach_own()
 {
     char *const base = state.own.attached();
     state.own.set_attached(nullptr);
-    if (self() != nullptr && !is_new_process()) // or else the threads have left already, or are the parent's
+    if (self() != nullptr &&
+        state.pid == getpid()) // or else the threads have left already, or are the parent's
         dismiss_users(base);
     Attachment own = state.own;
     own.base = state.is_occupied ? nullptr : base;
